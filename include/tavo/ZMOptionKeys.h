@@ -1,0 +1,52 @@
+#pragma once
+
+// Keys of the option dictionaries. Host keys begin with "rt_"; the keys beginning with "_rt_"
+// are written by libtavo into the run options it hands to the engine, never by the host.
+
+// Runtime creation (ZMZimoGame::initRuntime).
+inline constexpr const char* ZM_KEY_STORAGE_PATH_APP = "rt_storage_path_app";
+inline constexpr const char* ZM_KEY_STORAGE_PATH_USER = "rt_storage_path_user";
+inline constexpr const char* ZM_KEY_STORAGE_PATH_CACHE = "rt_storage_path_cache";
+inline constexpr const char* ZM_KEY_STORAGE_PATH_CORE = "rt_storage_path_core";
+inline constexpr const char* ZM_KEY_STORAGE_PATH_PLUGIN = "rt_storage_path_plugin";
+
+// Game packages (check, download, install, getGameConfig) and the "detail.json" members.
+inline constexpr const char* ZM_KEY_GAME_PACKAGE_APP_ID = "rt_game_package_app_id";
+inline constexpr const char* ZM_KEY_GAME_PACKAGE_VERSION = "rt_game_package_version";
+inline constexpr const char* ZM_KEY_GAME_PACKAGE_URL = "rt_game_package_url";
+inline constexpr const char* ZM_KEY_GAME_PACKAGE_HASH = "rt_game_package_hash";
+inline constexpr const char* ZM_KEY_GAME_PACKAGE_PATH = "rt_game_package_path";
+inline constexpr const char* ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT = "rt_game_package_subpackage_root";
+inline constexpr const char* ZM_KEY_GAME_PACKAGE_EXTEND_DATA = "rt_game_package_extend_data";
+
+// Game launch (runGame).
+inline constexpr const char* ZM_KEY_RUN_OPT_VERSION = "rt_run_opt_version";
+inline constexpr const char* ZM_KEY_RUN_OPT_EXTEND = "rt_run_opt_extend";
+inline constexpr const char* ZM_KEY_RUN_OPT_APP_LAUNCH_OPTIONS = "rt_run_opt_app_launch_options";
+inline constexpr const char* ZM_KEY_RUN_DEBUG_SHOW_DEBUG_VIEW = "rt_run_debug_show_debug_view";
+inline constexpr const char* ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG =
+    "rt_run_debug_show_game_loading_time_log";
+inline constexpr const char* ZM_KEY_RUN_DEBUG_SKIPPED_FRAME_WARNING_LIMIT =
+    "rt_run_debug_skipped_frame_warning_limit";
+
+// Cache sweep (checkFileAvailability).
+inline constexpr const char* ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY =
+    "rt_check_file_extension_name_array";
+inline constexpr const char* ZM_KEY_CHECK_FILE_KEEP_TIME = "rt_check_file_keep_time";
+
+// Set by runGame for the engine.
+inline constexpr const char* ZM_KEY_USER_ID = "rt_user_id";
+inline constexpr const char* ZM_KEY_RUNTIME_LOCAL_STORAGE_PATH = "rt_runtime_local_storage_path";
+
+// Fields of the items that listGame reports.
+inline constexpr const char* ZM_KEY_GAME_ITEM_APP_ID = "rt_game_item_app_id";
+inline constexpr const char* ZM_KEY_GAME_ITEM_EXTEND = "rt_game_item_extend";
+
+// System keys: written by libtavo into the engine's run options.
+inline constexpr const char* ZM_SYSTEM_KEY_FILE_USER_DATA_PATH = "_rt_file_user_data_path";
+inline constexpr const char* ZM_SYSTEM_KEY_FILE_APP_PACKAGE_PATH = "_rt_file_app_package_path";
+inline constexpr const char* ZM_SYSTEM_KEY_FILE_USER_TEMP_PATH = "_rt_file_user_temp_path";
+inline constexpr const char* ZM_SYSTEM_KEY_FILE_APP_DETAIL_PATH = "_rt_file_app_detail_path";
+inline constexpr const char* ZM_SYSTEM_KEY_LOCAL_STORAGE_PATH = "_rt_local_storage_path";
+inline constexpr const char* ZM_SYSTEM_KEY_GAME_LOADING_START_TIME = "_rt_game_loading_start_time";
+inline constexpr const char* ZM_SYSTEM_KEY_FILE_PLUGIN_PACKAGE_PATH = "_rt_file_plugin_package_path";

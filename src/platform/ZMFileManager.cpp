@@ -1,0 +1,172 @@
+#include "platform/ZMFileManager.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <random>
+
+#include "platform/ZMPath.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+int64_t cocoaCode(int err, bool writing) {
+  switch (err) {
+    case ENOENT:
+    case ENOTDIR:
+      return writing ? 4 : 260;  // NSFileNoSuchFileError / NSFileReadNoSuchFileError
+    case EEXIST:
+    case ENOTEMPTY:
+      return kZMFileWriteFileExistsError;
+    case EACCES:
+    case EPERM:
+      return writing ? 513 : 257;  // NSFileWriteNoPermissionError / NSFileReadNoPermissionError
+    case ENOSPC:
+      return 640;  // NSFileWriteOutOfSpaceError
+    case EROFS:
+      return 642;  // NSFileWriteVolumeReadOnlyError
+    default:
+      return writing ? kZMFileWriteUnknownError : 256;
+  }
+}
+
+bool fail(ZMError* error, int err, bool writing, std::string_view what, std::string_view path) {
+  if (error) {
+    const std::string text = std::string(what) + " \u201c" + std::string(path) + "\u201d: " +
+                             std::strerror(err);
+    *error = ZMError(kZMCocoaErrorDomain, cocoaCode(err, writing),
+                     ZMValue{{kZMLocalizedDescriptionKey, text}, {"NSFilePath", path},
+                             {"NSPOSIXErrorDomain", err}});
+  }
+  return false;
+}
+
+}  // namespace
+
+ZMFileManager::Kind ZMFileManager::kindOfItem(const std::string& path) {
+  struct stat st {};
+  if (path.empty() || ::stat(path.c_str(), &st) != 0) return {};
+  return {true, S_ISDIR(st.st_mode)};
+}
+
+bool ZMFileManager::isWritable(const std::string& path) {
+  return !path.empty() && ::access(path.c_str(), W_OK) == 0;
+}
+
+bool ZMFileManager::createDirectory(const std::string& path, ZMError* error) {
+  std::error_code ec;
+  if (path.empty()) return fail(error, ENOENT, true, "Could not create directory", path);
+  fs::create_directories(path, ec);
+  if (ec) return fail(error, ec.value(), true, "Could not create directory", path);
+  if (!kindOfItem(path).isDirectory) return fail(error, EEXIST, true, "Could not create", path);
+  return true;
+}
+
+bool ZMFileManager::removeItem(const std::string& path, ZMError* error) {
+  std::error_code ec;
+  const auto status = fs::symlink_status(path, ec);
+  if (ec || !fs::exists(status)) return fail(error, ENOENT, true, "Could not remove", path);
+  fs::remove_all(path, ec);
+  if (ec) return fail(error, ec.value(), true, "Could not remove", path);
+  return true;
+}
+
+bool ZMFileManager::moveItem(const std::string& from, const std::string& to, ZMError* error) {
+  struct stat st {};
+  if (::lstat(to.c_str(), &st) == 0) return fail(error, EEXIST, true, "Could not move to", to);
+  if (::rename(from.c_str(), to.c_str()) == 0) return true;
+  if (errno != EXDEV) return fail(error, errno, true, "Could not move to", to);
+  // Another file system: copy without overwriting, then remove the source.
+  std::error_code ec;
+  fs::copy(from, to, fs::copy_options::recursive, ec);
+  if (ec) {
+    fs::remove_all(to);
+    return fail(error, ec.value(), true, "Could not move to", to);
+  }
+  fs::remove_all(from, ec);
+  return true;
+}
+
+std::optional<std::vector<std::string>> ZMFileManager::contentsOfDirectory(const std::string& path,
+                                                                           ZMError* error) {
+  DIR* dir = path.empty() ? nullptr : ::opendir(path.c_str());
+  if (!dir) {
+    fail(error, path.empty() ? ENOENT : errno, false, "Could not list", path);
+    return std::nullopt;
+  }
+  std::vector<std::string> names;
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string_view name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    names.emplace_back(name);
+  }
+  ::closedir(dir);
+  return names;
+}
+
+std::optional<double> ZMFileManager::modificationDate(const std::string& path) {
+  struct stat st {};
+  if (path.empty() || ::lstat(path.c_str(), &st) != 0) return std::nullopt;
+  return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
+}
+
+std::optional<std::string> ZMFileManager::readFile(const std::string& path, ZMError* error) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    fail(error, errno, false, "Could not open", path);
+    return std::nullopt;
+  }
+  std::string data;
+  char buffer[65536];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n == 0) break;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      const int err = errno;
+      ::close(fd);
+      fail(error, err, false, "Could not read", path);
+      return std::nullopt;
+    }
+    data.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  return data;
+}
+
+bool ZMFileManager::writeFileAtomically(const std::string& path, std::string_view data,
+                                        ZMError* error) {
+  static thread_local std::mt19937_64 random{std::random_device{}()};
+  const std::string temporary = path + ".tmp-" + std::to_string(random());
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) return fail(error, errno, true, "Could not write", path);
+  std::size_t written = 0;
+  while (written < data.size()) {
+    const ssize_t n = ::write(fd, data.data() + written, data.size() - written);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      const int err = errno;
+      ::close(fd);
+      ::unlink(temporary.c_str());
+      return fail(error, err, true, "Could not write", path);
+    }
+    written += static_cast<std::size_t>(n);
+  }
+  if (::fsync(fd) != 0 || ::close(fd) != 0) {
+    const int err = errno;
+    ::unlink(temporary.c_str());
+    return fail(error, err, true, "Could not write", path);
+  }
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    const int err = errno;
+    ::unlink(temporary.c_str());
+    return fail(error, err, true, "Could not write", path);
+  }
+  return true;
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tavo/ZMError.h"
+
+// ZMFileManager is the file-system layer under the file utilities (Foundation's file manager):
+// every failure comes back as a kZMCocoaErrorDomain error whose description names the path and
+// the system's reason. Stateless; safe on any thread.
+class ZMFileManager {
+ public:
+  struct Kind {
+    bool exists = false;
+    bool isDirectory = false;
+  };
+  // Follows symbolic links, as Foundation's existence test does.
+  static Kind kindOfItem(const std::string& path);
+  static bool isWritable(const std::string& path);
+  static bool createDirectory(const std::string& path, ZMError* error);  // with intermediates
+  // Removes a file, a symbolic link (not its target) or a whole directory tree.
+  static bool removeItem(const std::string& path, ZMError* error);
+  // Fails (code 516) when something exists at `to`; never overwrites.
+  static bool moveItem(const std::string& from, const std::string& to, ZMError* error);
+  // Names of the immediate entries (hidden ones included), in the file system's order.
+  static std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path,
+                                                                     ZMError* error);
+  // Modification time in seconds since 1970; null when the attributes cannot be read.
+  static std::optional<double> modificationDate(const std::string& path);
+  static std::optional<std::string> readFile(const std::string& path, ZMError* error);
+  // Writes to a temporary sibling, flushes it and renames it over `path`.
+  static bool writeFileAtomically(const std::string& path, std::string_view data, ZMError* error);
+};

@@ -1,0 +1,87 @@
+#include "platform/ZMJSON.h"
+
+#include <cstdio>
+
+namespace {
+
+void appendEscaped(std::string& out, const std::string& text) {
+  out += '"';
+  for (unsigned char c : text) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '/': out += "\\/"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      case '\b': out += "\\b"; break;
+      case '\f': out += "\\f"; break;
+      default:
+        if (c < 0x20) {
+          char buffer[8];
+          std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
+          out += buffer;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  out += '"';
+}
+
+void write(std::string& out, const ZMValue& value, int depth) {
+  const std::string indent(static_cast<std::size_t>(depth + 1) * 2, ' ');
+  const std::string closing(static_cast<std::size_t>(depth) * 2, ' ');
+  if (value.is_object()) {
+    out += "{\n";
+    bool first = true;
+    for (auto it = value.begin(); it != value.end(); ++it) {
+      if (!first) out += ",\n";
+      first = false;
+      out += indent;
+      appendEscaped(out, it.key());
+      out += " : ";
+      write(out, it.value(), depth + 1);
+    }
+    out += value.empty() ? "\n" : "\n" + closing;
+    out += '}';
+  } else if (value.is_array()) {
+    out += "[\n";
+    bool first = true;
+    for (const auto& element : value) {
+      if (!first) out += ",\n";
+      first = false;
+      out += indent;
+      write(out, element, depth + 1);
+    }
+    out += value.empty() ? "\n" : "\n" + closing;
+    out += ']';
+  } else if (value.is_string()) {
+    appendEscaped(out, value.get<std::string>());
+  } else {
+    out += value.dump();
+  }
+}
+
+}  // namespace
+
+std::string ZMJSONPrettyString(const ZMValue& value) {
+  std::string out;
+  write(out, value, 0);
+  return out;
+}
+
+std::optional<ZMValue> ZMJSONParse(std::string_view text, ZMError* error) {
+  try {
+    return ZMValue::parse(text.begin(), text.end());
+  } catch (const nlohmann::json::exception& e) {
+    if (error) {
+      *error = ZMError(kZMCocoaErrorDomain, kZMPropertyListReadCorruptError,
+                       ZMValue{{kZMLocalizedDescriptionKey,
+                                std::string("The data couldn\u2019t be read because it isn\u2019t "
+                                            "in the correct format. (") +
+                                    e.what() + ")"}});
+    }
+    return std::nullopt;
+  }
+}

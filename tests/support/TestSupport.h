@@ -1,0 +1,68 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// A fresh directory under $TMPDIR, removed with its contents (permissions restored first).
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Points Documents, Caches and the temporary directory under a fresh TempDir for one test, and
+// restores the defaults afterwards.
+class ScopedSystemDirectories {
+ public:
+  ScopedSystemDirectories();
+  ~ScopedSystemDirectories();
+  const TempDir& root() const { return root_; }
+  std::string documents() const { return root_ / "Documents"; }
+  std::string caches() const { return root_ / "Caches"; }
+  std::string temporary() const { return root_ / "tmp"; }
+
+ private:
+  TempDir root_;
+};
+
+// Collects every log line while alive.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  std::vector<std::string> lines() const;
+  bool contains(const std::string& line) const;
+  // Lines that begin with `prefix`.
+  std::vector<std::string> startingWith(const std::string& prefix) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+// Drains the main queue until `done` holds; false after `timeout`.
+bool RunUntil(const std::function<bool()>& done,
+              std::chrono::milliseconds timeout = std::chrono::seconds(20));
+// Drains whatever the main queue holds now and whatever background work posts within a short
+// quiet period; for asserting that nothing (more) arrives.
+void DrainMainQueue();
+
+// File helpers.
+void WriteFile(const std::string& path, const std::string& data);
+std::string ReadFile(const std::string& path);
+bool Exists(const std::string& path);
+// Immediate entry names, sorted.
+std::vector<std::string> ListDir(const std::string& path);
+// Sets the modification time to `secondsAgo` before now.
+void SetAgeSeconds(const std::string& path, double secondsAgo);
