@@ -83,10 +83,15 @@ std::string ZMFormat(std::string_view format, std::initializer_list<ZMFormatArg>
         break;
       case 'f': {
         arg = take();
-        char buffer[128];
-        const std::string spec = "%" + (precision.empty() ? std::string() : precision) + "f";
-        std::snprintf(buffer, sizeof buffer, spec.c_str(), arg ? arg->real() : 0.0);
-        out += buffer;
+        const std::string spec = "%" + precision + "f";
+        const double value = arg ? arg->real() : 0.0;
+        // %f of a large value runs to hundreds of digits; size the text instead of cutting it.
+        const int length = std::snprintf(nullptr, 0, spec.c_str(), value);
+        if (length > 0) {
+          std::string text(static_cast<std::size_t>(length), '\0');
+          std::snprintf(text.data(), text.size() + 1, spec.c_str(), value);
+          out += text;
+        }
         break;
       }
       default:

@@ -43,7 +43,8 @@ void write(std::string& out, const ZMValue& value, int depth) {
       out += " : ";
       write(out, it.value(), depth + 1);
     }
-    out += value.empty() ? "\n" : "\n" + closing;
+    out += '\n';
+    out += closing;  // also for an empty object: "{\n\n  }" when nested
     out += '}';
   } else if (value.is_array()) {
     out += "[\n";
@@ -54,7 +55,8 @@ void write(std::string& out, const ZMValue& value, int depth) {
       out += indent;
       write(out, element, depth + 1);
     }
-    out += value.empty() ? "\n" : "\n" + closing;
+    out += '\n';
+    out += closing;  // also for an empty array: "[\n\n  ]" when nested
     out += ']';
   } else if (value.is_string()) {
     appendEscaped(out, value.get<std::string>());
