@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# Times libmerin's zip extraction against `unzip -q` and `bsdtar -xf` on one game package of a
+# few thousand files (~250 MB unpacked, mixed sizes, half compressible text, half random bytes).
+#
+#   bench/engine/unzip_bench.sh [build dir] [rounds]
+#
+# The package is made once under $MERIN_BENCH_DIR (default /dev/shm/merin-bench) and kept for
+# later runs; every round extracts into fresh directories there, so the disk is out of the
+# picture. The best round of each tool is reported, with the ratio to libmerin and peak RSS.
+set -euo pipefail
+
+build=${1:-build-engine}
+rounds=${2:-3}
+work=${MERIN_BENCH_DIR:-/dev/shm/merin-bench}
+driver="$build/bench/engine/merin_unzip_driver"
+
+for tool in zip unzip bsdtar /usr/bin/time; do
+  command -v "$tool" >/dev/null || { echo "missing tool: $tool" >&2; exit 1; }
+done
+[[ -x $driver ]] || { echo "build $driver first (target merin_unzip_driver)" >&2; exit 1; }
+
+package="$work/package.zip"
+mkdir -p "$work"
+if [[ ! -f $package ]]; then
+  echo "making $package ..."
+  src="$work/src"
+  rm -rf "$src"
+  RANDOM=42
+  for ((i = 0; i < 3000; i++)); do
+    dir="$src/assets/group$((i % 30))/part$((i % 4))"
+    mkdir -p "$dir"
+    if ((i % 75 == 0)); then
+      size=$(( (1 + RANDOM % 5) * 1024 * 1024 ))     # 40 large files, 1-5 MiB
+    elif ((i % 5 == 0)); then
+      size=$(( (32 + RANDOM % 336) * 1024 ))          # ~560 medium files, 32-368 KiB
+    else
+      size=$(( 1024 + RANDOM % (15 * 1024) ))         # ~2400 small files, 1-16 KiB
+    fi
+    if ((i % 2 == 0)); then
+      head -c "$size" /dev/urandom > "$dir/blob$i.bin"
+    else
+      { seq -f "{\"id\": %g, \"kind\": \"sprite\", \"atlas\": \"hero.png\", \"frames\": [1, 2, 3]}," \
+          1 $((size / 40 + 1)) || true; } | head -c "$size" > "$dir/data$i.json"  # seq meets SIGPIPE
+    fi
+  done
+  echo '{"deviceOrientation": "landscape"}' > "$src/game.config.json"
+  (cd "$src" && zip -q -r -6 "$package" .)
+  rm -rf "$src"
+fi
+
+files=$(unzip -Z1 "$package" | grep -vc '/$')
+unpacked=$(unzip -Zt "$package" | awk '{print $3}')
+echo "package: $package, $(du -m "$package" | cut -f1) MB, $files files, $((unpacked / 1000000)) MB unpacked"
+
+# run <name> <dest> <command...>: one timed extraction into a fresh <dest>; prints "seconds rss_kb".
+run() {
+  local name=$1 dest=$2
+  shift 2
+  rm -rf "$dest"
+  mkdir -p "$dest"
+  local start end
+  start=$(date +%s%N)
+  /usr/bin/time -f "%M" -o "$work/$name.rss" "$@"
+  end=$(date +%s%N)
+  echo "$(( (end - start) / 1000000 )) $(cat "$work/$name.rss")"
+}
+
+declare -A best rss
+for tool in unzip bsdtar merin; do best[$tool]=999999999; done
+for ((r = 1; r <= rounds; r++)); do
+  read -r t m < <(run unzip "$work/out-unzip" unzip -q "$package" -d "$work/out-unzip")
+  ((t < best[unzip])) && best[unzip]=$t rss[unzip]=$m
+  read -r t m < <(run bsdtar "$work/out-bsdtar" bsdtar -xf "$package" -C "$work/out-bsdtar")
+  ((t < best[bsdtar])) && best[bsdtar]=$t rss[bsdtar]=$m
+  read -r t m < <(run merin "$work/out-merin" "$driver" "$package" "$work/out-merin")
+  ((t < best[merin])) && best[merin]=$t rss[merin]=$m
+  echo "round $r: unzip ${best[unzip]} ms, bsdtar ${best[bsdtar]} ms, merin ${best[merin]} ms (best so far)"
+done
+
+if diff -r "$work/out-unzip" "$work/out-merin" >/dev/null; then
+  echo "libmerin's tree is identical to unzip's"
+else
+  echo "libmerin's tree DIFFERS from unzip's" >&2
+  exit 1
+fi
+
+printf '%-8s %10s %14s %12s\n' tool "best ms" "time / merin" "peak RSS KB"
+for tool in unzip bsdtar merin; do
+  printf '%-8s %10d %14s %12d\n' "$tool" "${best[$tool]}" \
+    "$(awk -v a="${best[$tool]}" -v b="${best[merin]}" 'BEGIN { printf "%.2fx", a / b }')" \
+    "${rss[$tool]}"
+done
+rm -rf "$work"/out-*

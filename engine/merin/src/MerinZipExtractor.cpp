@@ -1,0 +1,433 @@
+#include "MerinZipExtractor.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zip.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr size_t kChunkSize = 256 * 1024;
+// Below this many uncompressed bytes one thread extracts everything: a second archive handle
+// and thread cost more than they save.
+constexpr uint64_t kParallelThreshold = 1024 * 1024;
+constexpr unsigned kMaxWorkers = 8;
+
+struct ZipDiscard {
+  void operator()(zip_t* archive) const { zip_discard(archive); }
+};
+using ZipPtr = std::unique_ptr<zip_t, ZipDiscard>;
+
+class Fd {
+ public:
+  explicit Fd(int fd = -1) : fd_(fd) {}
+  ~Fd() { reset(); }
+  Fd(Fd&& other) noexcept : fd_(other.release()) {}
+  Fd& operator=(Fd&& other) noexcept {
+    if (this != &other) {
+      reset();
+      fd_ = other.release();
+    }
+    return *this;
+  }
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  int release() { return std::exchange(fd_, -1); }
+  void reset() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_;
+};
+
+std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
+
+std::string ErrnoText(int error) { return std::strerror(error); }
+
+ZipPtr OpenArchive(const std::string& path, std::string* error) {
+  zip_error_t zerror;
+  zip_error_init(&zerror);
+  zip_t* archive = nullptr;
+  if (zip_source_t* source = zip_source_file_create(path.c_str(), 0, -1, &zerror)) {
+    archive = zip_open_from_source(source, ZIP_RDONLY, &zerror);
+    if (archive == nullptr) zip_source_free(source);
+  }
+  if (archive == nullptr) {
+    *error = "cannot open zip archive " + Quoted(path) + ": " + zip_error_strerror(&zerror);
+  }
+  zip_error_fini(&zerror);
+  return ZipPtr(archive);
+}
+
+std::string ZipCodeText(int code) {
+  zip_error_t zerror;
+  zip_error_init_with_code(&zerror, code);
+  std::string text = zip_error_strerror(&zerror);
+  zip_error_fini(&zerror);
+  return text;
+}
+
+// One file to write: its index in the archive and its checked path relative to the destination.
+struct FileEntry {
+  zip_uint64_t index = 0;
+  std::string name;  // as stored, for messages
+  std::string path;
+  zip_uint64_t size = 0;
+  mode_t mode = 0644;
+};
+
+struct Plan {
+  zip_int64_t entryCount = 0;
+  std::vector<FileEntry> files;
+  std::set<std::string> dirs;  // sorted, so parents come before their children
+  uint64_t totalBytes = 0;
+};
+
+// Splits `name` into a relative path without "." or empty components; false when the name is
+// absolute or climbs out with "..".
+bool NormalizeName(const std::string& name, std::string* path) {
+  if (name.empty() || name.front() == '/') return false;
+  path->clear();
+  size_t begin = 0;
+  while (begin <= name.size()) {
+    size_t end = name.find('/', begin);
+    if (end == std::string::npos) end = name.size();
+    const std::string_view component(name.data() + begin, end - begin);
+    if (component == "..") return false;
+    if (!component.empty() && component != ".") {
+      if (!path->empty()) path->push_back('/');
+      path->append(component);
+    }
+    begin = end + 1;
+  }
+  return true;
+}
+
+std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath, Plan* plan) {
+  const std::string where = " in zip archive " + Quoted(zipPath);
+  plan->entryCount = zip_get_num_entries(archive, 0);
+  std::map<std::string, size_t> fileByPath;
+  for (zip_int64_t i = 0; i < plan->entryCount; ++i) {
+    const auto index = static_cast<zip_uint64_t>(i);
+    zip_stat_t st;
+    zip_stat_init(&st);
+    const char* rawName = zip_get_name(archive, index, ZIP_FL_ENC_GUESS);
+    if (rawName == nullptr || zip_stat_index(archive, index, 0, &st) != 0) {
+      return "cannot read entry " + std::to_string(i) + where + ": " + zip_strerror(archive);
+    }
+    const std::string name = rawName;
+    zip_uint8_t opsys = 0;
+    zip_uint32_t attributes = 0;
+    zip_file_get_external_attributes(archive, index, 0, &opsys, &attributes);
+
+    bool isDirectory = !name.empty() && name.back() == '/';
+    mode_t mode = 0644;
+    if (opsys == ZIP_OPSYS_UNIX) {
+      const auto unixMode = static_cast<mode_t>(attributes >> 16);
+      const mode_t type = unixMode & S_IFMT;
+      if (type == S_IFLNK) return "refusing symbolic link entry " + Quoted(name) + where;
+      if (type != 0 && type != S_IFREG && type != S_IFDIR) {
+        return "refusing special file entry " + Quoted(name) + where;
+      }
+      if (type == S_IFDIR) isDirectory = true;
+      if ((unixMode & 0777) != 0) mode = (unixMode & 0777) | S_IRUSR | S_IWUSR;
+    } else if (opsys == ZIP_OPSYS_DOS && (attributes & 0x10) != 0) {
+      isDirectory = true;
+    }
+
+    std::string path;
+    if (!NormalizeName(name, &path)) return "refusing unsafe entry name " + Quoted(name) + where;
+    if (path.empty()) {
+      if (isDirectory) continue;  // the destination itself
+      return "refusing unsafe entry name " + Quoted(name) + where;
+    }
+    if (isDirectory) {
+      plan->dirs.insert(path);
+      continue;
+    }
+    if ((st.valid & ZIP_STAT_ENCRYPTION_METHOD) && st.encryption_method != ZIP_EM_NONE) {
+      return "refusing encrypted entry " + Quoted(name) + where;
+    }
+    if ((st.valid & ZIP_STAT_COMP_METHOD) && !zip_compression_method_supported(st.comp_method, 0)) {
+      return "unsupported compression method " + std::to_string(st.comp_method) + " of entry " +
+             Quoted(name) + where;
+    }
+    for (size_t slash = path.find('/'); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+      plan->dirs.insert(path.substr(0, slash));
+    }
+    FileEntry entry{index, name, path, (st.valid & ZIP_STAT_SIZE) ? st.size : 0, mode};
+    // A name stored twice is written once, with the later entry, as a sequential extractor
+    // would leave it.
+    if (auto found = fileByPath.find(path); found != fileByPath.end()) {
+      plan->files[found->second] = std::move(entry);
+    } else {
+      fileByPath.emplace(path, plan->files.size());
+      plan->files.push_back(std::move(entry));
+    }
+  }
+  for (const auto& file : plan->files) plan->totalBytes += file.size;
+  return std::nullopt;
+}
+
+// Opens (and with `create`, makes) the directory `path` below `root`, one component at a time,
+// never following a symbolic link.
+Fd OpenDirectory(int root, const std::string& path, bool create, const std::string& destDir,
+                 std::string* error) {
+  Fd current(::dup(root));
+  if (!current.valid()) {
+    *error = "cannot open " + Quoted(destDir) + ": " + ErrnoText(errno);
+    return Fd();
+  }
+  size_t begin = 0;
+  while (begin < path.size()) {
+    size_t end = path.find('/', begin);
+    if (end == std::string::npos) end = path.size();
+    const std::string component = path.substr(begin, end - begin);
+    const std::string shown = destDir + "/" + path.substr(0, end);
+    if (create && ::mkdirat(current.get(), component.c_str(), 0755) != 0 && errno != EEXIST) {
+      *error = "cannot create directory " + Quoted(shown) + ": " + ErrnoText(errno);
+      return Fd();
+    }
+    Fd next(::openat(current.get(), component.c_str(),
+                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!next.valid()) {
+      const int openError = errno;
+      struct stat st;
+      if (::fstatat(current.get(), component.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+          S_ISLNK(st.st_mode)) {
+        *error = "refusing to follow symbolic link " + Quoted(shown);
+      } else {
+        *error = "cannot open directory " + Quoted(shown) + ": " + ErrnoText(openError);
+      }
+      return Fd();
+    }
+    current = std::move(next);
+    begin = end + 1;
+  }
+  return current;
+}
+
+bool WriteAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t written = ::write(fd, data, size);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data += written;
+    size -= static_cast<size_t>(written);
+  }
+  return true;
+}
+
+// State shared by the workers of one archive and the thread that reports progress.
+struct Extraction {
+  Extraction(const std::string& zip, const std::string& dest, const Plan& files, int rootFd)
+      : zipPath(zip), destDir(dest), plan(files), root(rootFd) {}
+
+  const std::string& zipPath;
+  const std::string& destDir;
+  const Plan& plan;
+  const int root;
+
+  std::atomic<size_t> next{0};
+  std::atomic<uint64_t> bytesDone{0};
+  std::atomic<bool> failed{false};
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  unsigned running = 0;  // guarded by mutex
+  std::string error;     // guarded by mutex; the first failure
+
+  int percent(uint64_t bytes) const {
+    return plan.totalBytes == 0 ? 0 : static_cast<int>(bytes * 100 / plan.totalBytes);
+  }
+  void fail(std::string message) {
+    std::lock_guard lock(mutex);
+    if (!failed.exchange(true)) error = std::move(message);
+  }
+  void addBytes(uint64_t count) {
+    const uint64_t before = bytesDone.fetch_add(count, std::memory_order_relaxed);
+    if (percent(before) != percent(before + count)) {
+      { std::lock_guard lock(mutex); }
+      changed.notify_one();
+    }
+  }
+};
+
+class Worker {
+ public:
+  Worker(Extraction& job, ZipPtr archive) : job_(job), archive_(std::move(archive)) {}
+
+  void run() {
+    try {
+      if (!archive_) {
+        std::string error;
+        archive_ = OpenArchive(job_.zipPath, &error);
+        if (!archive_) return job_.fail(error);
+        if (zip_get_num_entries(archive_.get(), 0) != job_.plan.entryCount) {
+          return job_.fail("zip archive " + Quoted(job_.zipPath) + " changed while extracting");
+        }
+      }
+      buffer_.resize(kChunkSize);
+      for (;;) {
+        if (job_.failed.load()) return;
+        const size_t k = job_.next.fetch_add(1);
+        if (k >= job_.plan.files.size()) return;
+        if (auto error = extract(job_.plan.files[k])) return job_.fail(std::move(*error));
+      }
+    } catch (const std::exception& e) {
+      job_.fail(std::string("extraction failed: ") + e.what());
+    }
+  }
+
+ private:
+  int parentDirectory(const std::string& parent, std::string* error) {
+    if (parent.empty()) return job_.root;
+    if (parent != cachedParent_ || !cachedFd_.valid()) {
+      cachedFd_ = OpenDirectory(job_.root, parent, false, job_.destDir, error);
+      cachedParent_ = cachedFd_.valid() ? parent : std::string();
+    }
+    return cachedFd_.get();
+  }
+
+  std::optional<std::string> extract(const FileEntry& entry) {
+    const size_t slash = entry.path.rfind('/');
+    const std::string parent = slash == std::string::npos ? "" : entry.path.substr(0, slash);
+    const std::string base = slash == std::string::npos ? entry.path : entry.path.substr(slash + 1);
+    const std::string target = job_.destDir + "/" + entry.path;
+    const std::string source = Quoted(entry.name) + " from zip archive " + Quoted(job_.zipPath);
+
+    std::string error;
+    const int dir = parentDirectory(parent, &error);
+    if (dir < 0) return error;
+
+    zip_file_t* file = zip_fopen_index(archive_.get(), entry.index, 0);
+    if (file == nullptr) return "cannot extract " + source + ": " + zip_strerror(archive_.get());
+    std::unique_ptr<zip_file_t, int (*)(zip_file_t*)> guard(file, zip_fclose);
+
+    Fd out(::openat(dir, base.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                    entry.mode));
+    if (!out.valid()) {
+      if (errno == ELOOP) return "refusing to follow symbolic link " + Quoted(target);
+      return "cannot write " + Quoted(target) + ": " + ErrnoText(errno);
+    }
+    uint64_t total = 0;
+    for (;;) {
+      if (job_.failed.load(std::memory_order_relaxed)) return std::nullopt;
+      const zip_int64_t count = zip_fread(file, buffer_.data(), buffer_.size());
+      if (count < 0) return "cannot extract " + source + ": " + zip_file_strerror(file);
+      if (count == 0) break;
+      if (!WriteAll(out.get(), buffer_.data(), static_cast<size_t>(count))) {
+        return "cannot write " + Quoted(target) + ": " + ErrnoText(errno);
+      }
+      total += static_cast<uint64_t>(count);
+      job_.addBytes(static_cast<uint64_t>(count));
+    }
+    if (total != entry.size) {
+      return "cannot extract " + source + ": " + std::to_string(total) + " bytes instead of " +
+             std::to_string(entry.size);
+    }
+    if (const int code = zip_fclose(guard.release()); code != 0) {
+      return "cannot extract " + source + ": " + ZipCodeText(code);
+    }
+    if (::close(out.release()) != 0) {
+      return "cannot write " + Quoted(target) + ": " + ErrnoText(errno);
+    }
+    return std::nullopt;
+  }
+
+  Extraction& job_;
+  ZipPtr archive_;
+  std::vector<char> buffer_;
+  std::string cachedParent_;
+  Fd cachedFd_;
+};
+
+}  // namespace
+
+std::optional<std::string> MerinExtractZip(const std::string& zipPath, const std::string& destDir,
+                                           const std::function<void(float)>& progress,
+                                           unsigned workers) {
+  std::string error;
+  ZipPtr archive = OpenArchive(zipPath, &error);
+  if (!archive) return error;
+  Plan plan;
+  if (auto failure = BuildPlan(archive.get(), zipPath, &plan)) return failure;
+
+  std::error_code ec;
+  std::filesystem::create_directories(destDir, ec);
+  Fd root(::open(destDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!root.valid()) {
+    const std::string reason = ec ? ec.message() : ErrnoText(errno);
+    return "cannot create destination directory " + Quoted(destDir) + ": " + reason;
+  }
+  for (const auto& dir : plan.dirs) {
+    if (!OpenDirectory(root.get(), dir, true, destDir, &error).valid()) return error;
+  }
+
+  // Largest entries first, so that the last ones handed out are small and the workers finish
+  // together.
+  std::stable_sort(plan.files.begin(), plan.files.end(),
+                   [](const FileEntry& a, const FileEntry& b) { return a.size > b.size; });
+  if (workers == 0) workers = std::clamp(std::thread::hardware_concurrency(), 1u, kMaxWorkers);
+  if (plan.totalBytes < kParallelThreshold) workers = 1;
+  workers = static_cast<unsigned>(std::min<size_t>(workers, std::max<size_t>(plan.files.size(), 1)));
+
+  if (progress) progress(0.0f);
+  Extraction job(zipPath, destDir, plan, root.get());
+  job.running = workers;
+  std::vector<std::thread> threads;
+  threads.reserve(workers);
+  for (unsigned i = 0; i < workers; ++i) {
+    // The first worker reads through the archive opened for the checks; the others open their
+    // own, since a zip_t serves one thread at a time.
+    threads.emplace_back([&job, owned = i == 0 ? std::move(archive) : ZipPtr()]() mutable {
+      Worker(job, std::move(owned)).run();
+      {
+        std::lock_guard lock(job.mutex);
+        --job.running;
+      }
+      job.changed.notify_one();
+    });
+  }
+
+  int reported = 0;
+  {
+    std::unique_lock lock(job.mutex);
+    for (;;) {
+      job.changed.wait(lock, [&] {
+        return job.running == 0 || job.percent(job.bytesDone.load()) > reported;
+      });
+      const int now = job.percent(job.bytesDone.load());
+      if (now > reported && !job.failed.load()) {
+        reported = now;
+        lock.unlock();
+        if (progress && now < 100) progress(static_cast<float>(now) / 100.0f);
+        lock.lock();
+      }
+      if (job.running == 0) break;
+    }
+  }
+  for (auto& thread : threads) thread.join();
+  if (job.failed.load()) return job.error;
+  if (progress) progress(1.0f);
+  return std::nullopt;
+}

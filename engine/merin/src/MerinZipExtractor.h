@@ -1,0 +1,21 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+// Extracts the zip archive at `zipPath` under `destDir`, creating `destDir` (with its parents)
+// when it is missing.
+//
+// Every entry name is checked before anything is written: absolute names, ".." components,
+// symbolic links, special files, encrypted entries and unknown compression methods make the
+// whole archive fail. Files are created through directory descriptors without following
+// symbolic links, so a link already present in `destDir` is refused rather than followed.
+//
+// The entries are written by `workers` threads (0: one per core) that each read the archive
+// through their own handle, in fixed-size chunks. `progress` is called on the calling thread
+// only, with fractions of the uncompressed bytes from 0 to 1, non-decreasing, at most once per
+// whole percent. Returns the failure message, or nothing on success.
+std::optional<std::string> MerinExtractZip(const std::string& zipPath, const std::string& destDir,
+                                           const std::function<void(float)>& progress,
+                                           unsigned workers = 0);

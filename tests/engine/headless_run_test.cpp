@@ -1,0 +1,255 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <stdexcept>
+
+#include "EngineEvents.h"
+#include "merin/MerinGameHandle.h"
+#include "support/TestSupport.h"
+#include "tavo/ZMOptionKeys.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string Describe(const ZMError& error) {
+  return error.domain + " (" + std::to_string(error.code) + ")";
+}
+
+class RunListener : public ZMCoreRunListener, public ZMCoreExitListener {
+ public:
+  void onGameViewCreated(std::shared_ptr<void> view) override {
+    this->view = std::static_pointer_cast<MerinGameView>(view);
+    events.add("view");
+  }
+  void onRunSuccess() override {
+    if (duringSuccess) duringSuccess();
+    events.add("run success");
+  }
+  void onRunFailure(const ZMError& error) override { events.add("run failure: " + Describe(error)); }
+  void onCoreExitSuccess() override { events.add("exit success"); }
+  void onCoreExitFailure(const ZMError& error) override {
+    events.add("exit failure: " + Describe(error));
+  }
+
+  EngineEvents events;
+  std::shared_ptr<MerinGameView> view;  // written before the "view" event, read after it
+  std::function<void()> duringSuccess;
+};
+
+class QuitListener : public ZMOnGameQueryExitListener {
+ public:
+  void onCoreQueryExit(const ZMValue& result) override { events.add(result.dump()); }
+  EngineEvents events;
+};
+
+// A permission store in memory that records each call.
+class FakePermissions : public ZMCorePermissionListener {
+ public:
+  explicit FakePermissions(std::shared_ptr<EngineEvents> calls) : calls_(std::move(calls)) {}
+  void updatePermission(const std::string& appId, const std::vector<std::string>& granted,
+                        const std::vector<std::string>& denied) override {
+    calls_->add("update " + appId);
+    for (const auto& name : granted) values_[name] = 1;
+    for (const auto& name : denied) values_[name] = 2;
+  }
+  int64_t getSinglePermission(const std::string& appId, const std::string& permission) override {
+    calls_->add("single " + appId + " " + permission);
+    if (permission == "bogus") throw std::invalid_argument("unknown permission");
+    auto found = values_.find(permission);
+    return found == values_.end() ? 0 : found->second;
+  }
+  ZMValue getAllPermission(const std::string& appId) override {
+    calls_->add("all " + appId);
+    ZMValue all = ZMValue::object();
+    for (const auto& [name, value] : values_) all[name] = value;
+    return all;
+  }
+
+ private:
+  std::shared_ptr<EngineEvents> calls_;
+  std::map<std::string, int64_t> values_;  // touched on the engine thread only
+};
+
+class MerinHeadlessRun : public ::testing::Test {
+ protected:
+  void SetUp() override { handle_ = MerinGameHandle::install(); }
+  void TearDown() override {
+    ZMGameHandle::setInstance(nullptr);
+    handle_.reset();
+  }
+
+  // A version directory holding `config` as game.config.json (none when null).
+  ZMValue packageOptions(const std::string& name, const std::optional<std::string>& config) {
+    const std::string dir = dir_ / name;
+    fs::create_directories(dir);
+    WriteFile(dir + "/main.js", "// game");
+    if (config) WriteFile(dir + "/game.config.json", *config);
+    return ZMValue{{ZM_SYSTEM_KEY_FILE_APP_PACKAGE_PATH, dir}, {ZM_KEY_RUN_OPT_VERSION, "1"}};
+  }
+
+  // Runs and waits for the launch's callbacks to end.
+  void run(const std::string& appId, const ZMValue& options, RunListener& listener,
+           size_t expectedEvents) {
+    auto shared = std::shared_ptr<RunListener>(&listener, [](RunListener*) {});
+    handle_->runGame({}, appId, options, shared);
+    ASSERT_TRUE(listener.events.waitFor(expectedEvents));
+  }
+
+  std::vector<std::string> exitGame(const std::string& appId) {
+    RunListener listener;
+    auto shared = std::shared_ptr<RunListener>(&listener, [](RunListener*) {});
+    handle_->exitGame(appId, shared);
+    EXPECT_TRUE(listener.events.waitFor(1));
+    return listener.events.events();
+  }
+
+  TempDir dir_;
+  std::shared_ptr<MerinGameHandle> handle_;
+};
+
+TEST_F(MerinHeadlessRun, InstallFillsTheSlot) {
+  EXPECT_EQ(ZMGameHandle::getInstance(), handle_);
+  EXPECT_STRNE(__watermark_sign, "");
+}
+
+TEST_F(MerinHeadlessRun, RunCreatesAViewSizedByTheConfiguredOrientation) {
+  const struct {
+    std::string config;
+    std::string orientation;
+    int width, height;
+  } cases[] = {
+      {R"({})", "landscape", 1280, 720},
+      {R"({"deviceOrientation": "landscape"})", "landscape", 1280, 720},
+      {R"({"deviceOrientation": "portrait", "showStatusBar": true})", "portrait", 720, 1280},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.config);
+    const std::string appId = "app" + std::to_string(n++);
+    RunListener listener;
+    run(appId, packageOptions(appId, c.config), listener, 2);
+    EXPECT_EQ(listener.events.events(), (std::vector<std::string>{"view", "run success"}));
+    EXPECT_EQ(listener.events.threads().count(std::this_thread::get_id()), 0u);
+    ASSERT_TRUE(listener.view);
+    EXPECT_EQ(listener.view->appId, appId);
+    EXPECT_EQ(listener.view->orientation, c.orientation);
+    EXPECT_EQ(listener.view->width, c.width);
+    EXPECT_EQ(listener.view->height, c.height);
+    EXPECT_EQ(handle_->getView(), listener.view);
+    EXPECT_TRUE(handle_->isRunning());
+    EXPECT_EQ(handle_->getAppId(), appId);
+  }
+}
+
+TEST_F(MerinHeadlessRun, RunFailsWithoutAnInstalledPackage) {
+  const struct {
+    ZMValue options;
+    std::string expected;
+  } cases[] = {
+      {packageOptions("none", std::nullopt), "run failure: game.config.json not found (-1)"},
+      {packageOptions("bad", "{\"deviceOrientation\": "), "run failure: game.config.json is invalid (-1)"},
+      {packageOptions("array", "[1, 2]"), "run failure: game.config.json is invalid (-1)"},
+      {ZMValue{{ZM_KEY_RUN_OPT_VERSION, "1"}},
+       "run failure: missing run option: _rt_file_app_package_path (-1)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.expected);
+    RunListener listener;
+    run("app", c.options, listener, 1);
+    handle_->done();  // joined: anything after the failure would be there now
+    EXPECT_EQ(listener.events.events(), std::vector<std::string>{c.expected});
+    EXPECT_FALSE(listener.view);
+    EXPECT_FALSE(handle_->isRunning());
+    EXPECT_EQ(handle_->getAppId(), std::nullopt);
+  }
+}
+
+TEST_F(MerinHeadlessRun, ExitEndsOnlyTheRunningGame) {
+  EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit failure: no game running (-1)"});
+
+  RunListener listener;
+  run("app", packageOptions("app", "{}"), listener, 2);
+  EXPECT_EQ(exitGame("other"), std::vector<std::string>{"exit failure: no game running (-1)"});
+  EXPECT_TRUE(handle_->isRunning());
+  EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit success"});
+  EXPECT_FALSE(handle_->isRunning());
+  EXPECT_EQ(handle_->getView(), nullptr);
+  EXPECT_EQ(handle_->getAppId(), "app") << "the last game's id stays";
+  EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit failure: no game running (-1)"});
+}
+
+TEST_F(MerinHeadlessRun, RequestQuitReachesTheQueryExitListenerWhileAGameRuns) {
+  auto quit = std::make_shared<QuitListener>();
+  handle_->setOnGameQueryExitListener(quit);
+
+  handle_->requestQuit(ZMValue{{"reason", "before run"}});
+  RunListener listener;
+  run("app", packageOptions("app", "{}"), listener, 2);
+  handle_->requestQuit(ZMValue{{"reason", "back button"}});
+  ASSERT_TRUE(quit->events.waitFor(1));
+  EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit success"});
+  handle_->requestQuit(ZMValue{{"reason", "after exit"}});
+  handle_->done();
+
+  EXPECT_EQ(quit->events.events(), std::vector<std::string>{R"({"reason":"back button"})"});
+  EXPECT_EQ(quit->events.threads(), listener.events.threads()) << "on the engine thread";
+
+  // Held weakly: a released listener is simply not called.
+  run("app", packageOptions("app", "{}"), listener, 4);
+  handle_->setOnGameQueryExitListener(quit);
+  quit.reset();
+  handle_->requestQuit(ZMValue{});
+  handle_->done();
+}
+
+TEST_F(MerinHeadlessRun, PermissionCallsReachTheListenerWithTheRunningAppId) {
+  auto calls = std::make_shared<EngineEvents>();
+  handle_->setOnGamePermissionListener(std::make_shared<FakePermissions>(calls));  // held strongly
+
+  EXPECT_FALSE(handle_->grantPermissions({"camera"}, {}));
+  EXPECT_EQ(handle_->queryPermission("camera"), std::nullopt);
+  EXPECT_TRUE(handle_->queryAllPermissions().is_null());
+  EXPECT_TRUE(calls->events().empty()) << "no game runs yet";
+
+  RunListener listener;
+  std::optional<int64_t> answeredDuringLaunch;
+  listener.duringSuccess = [&] { answeredDuringLaunch = handle_->queryPermission("location"); };
+  run("app", packageOptions("app", "{}"), listener, 2);
+  EXPECT_EQ(answeredDuringLaunch, 0) << "a call made on the engine thread runs inline";
+
+  EXPECT_TRUE(handle_->grantPermissions({"camera", "record"}, {"location"}));
+  EXPECT_EQ(handle_->queryPermission("camera"), 1);
+  EXPECT_EQ(handle_->queryPermission("location"), 2);
+  EXPECT_EQ(handle_->queryPermission("userInfo"), 0);
+  EXPECT_THROW(handle_->queryPermission("bogus"), std::invalid_argument);
+  EXPECT_EQ(handle_->queryAllPermissions(), (ZMValue{{"camera", 1}, {"location", 2}, {"record", 1}}));
+
+  EXPECT_EQ(calls->events(),
+            (std::vector<std::string>{"single app location", "update app", "single app camera",
+                                      "single app location", "single app userInfo",
+                                      "single app bogus", "all app"}));
+  EXPECT_EQ(calls->threads(), listener.events.threads()) << "on the engine thread";
+}
+
+TEST_F(MerinHeadlessRun, DoneJoinsForgetsTheGameAndLeavesTheHandleUsable) {
+  auto calls = std::make_shared<EngineEvents>();
+  handle_->setOnGamePermissionListener(std::make_shared<FakePermissions>(calls));
+  RunListener first;
+  auto shared = std::shared_ptr<RunListener>(&first, [](RunListener*) {});
+  handle_->runGame({}, "app", packageOptions("app", "{}"), shared);
+  handle_->done();
+  EXPECT_EQ(first.events.events(), (std::vector<std::string>{"view", "run success"}))
+      << "queued work ran before done() returned";
+  EXPECT_EQ(handle_->getAppId(), std::nullopt);
+  EXPECT_FALSE(handle_->isRunning());
+
+  RunListener second;
+  run("again", packageOptions("again", "{}"), second, 2);
+  EXPECT_EQ(handle_->getAppId(), "again");
+  EXPECT_FALSE(handle_->grantPermissions({"camera"}, {})) << "done() dropped the permission store";
+  EXPECT_TRUE(calls->events().empty());
+}
+
+}  // namespace
