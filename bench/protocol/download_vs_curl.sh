@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# Downloads the same file from a local server with `curl -s -o` and with tavo_download_driver
+# (ZMSingleThreadFileDownloader), both into /dev/shm, and prints the best of several runs and the
+# ratio. Usage: bench/protocol/download_vs_curl.sh [BUILD_DIR]   (SIZE_MIB=512 RUNS=5)
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+build=${1:-build}
+size_mib=${SIZE_MIB:-512}
+runs=${RUNS:-5}
+driver=$build/bench/protocol/tavo_download_driver
+[ -x "$driver" ] || cmake --build "$build" --target tavo_download_driver
+
+work=$(mktemp -d /dev/shm/tavo-bench-XXXXXX)
+server_pid=
+cleanup() {
+  [ -n "$server_pid" ] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+mkdir -p "$work/serve" "$work/curl" "$work/tavo"
+head -c $((size_mib << 20)) /dev/urandom > "$work/serve/file.bin"
+
+# http.server, answering with sendfile so that the server is not what is measured.
+python3 -u - "$work/serve" > "$work/server.log" 2>&1 <<'PY' &
+import http.server, os, socketserver, sys
+root = sys.argv[1]
+class Handler(http.server.SimpleHTTPRequestHandler):
+    def __init__(self, *args, **kwargs):
+        super().__init__(*args, directory=root, **kwargs)
+    def copyfile(self, source, outputfile):
+        outputfile.flush()
+        self.connection.sendfile(source)
+    def log_message(self, *args):
+        pass
+with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as httpd:
+    print("port", httpd.server_address[1], flush=True)
+    httpd.serve_forever()
+PY
+server_pid=$!
+for _ in $(seq 100); do grep -q '^port ' "$work/server.log" 2>/dev/null && break; sleep 0.05; done
+port=$(awk '/^port /{print $2}' "$work/server.log")
+[ -n "$port" ] || { cat "$work/server.log"; exit 1; }
+url="http://127.0.0.1:$port/file.bin"
+
+now() { date +%s.%N; }
+results=()
+for i in $(seq "$runs"); do
+  rm -f "$work/curl/file.bin" "$work/tavo/file.bin"
+  t0=$(now); curl -s -o "$work/curl/file.bin" "$url"; t1=$(now)
+  "$driver" "$url" "$work/tavo/file.bin"; t2=$(now)
+  results+=("$t0 $t1 $t2")
+  awk -v i="$i" -v a="$t0" -v b="$t1" -v c="$t2" \
+    'BEGIN { printf "run %d: curl %.3f s, tavo %.3f s\n", i, b - a, c - b }'
+done
+cmp "$work/serve/file.bin" "$work/curl/file.bin"
+cmp "$work/serve/file.bin" "$work/tavo/file.bin"
+printf '%s\n' "${results[@]}" | awk -v mib="$size_mib" -v runs="$runs" '
+  { c = $2 - $1; t = $3 - $2
+    if (NR == 1 || c < bc) bc = c
+    if (NR == 1 || t < bt) bt = t }
+  END {
+    printf "%d MiB over loopback into /dev/shm, best of %d\n", mib, runs
+    printf "curl -s -o            %.3f s  (%.0f MiB/s)\n", bc, mib / bc
+    printf "tavo_download_driver  %.3f s  (%.0f MiB/s)\n", bt, mib / bt
+    printf "ratio tavo/curl       %.3f\n", bt / bc }'

@@ -1,0 +1,841 @@
+#include "platform/ZMURLSession.h"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <unordered_map>
+
+#include "tavo/ZMMainQueue.h"
+#include "tavo/ZMSystemDirectories.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Foundation codes that ZMError.h does not name.
+constexpr int64_t kURLErrorHTTPTooManyRedirects = -1007;
+constexpr int64_t kURLErrorBadServerResponse = -1011;
+constexpr int64_t kURLErrorCannotDecodeContentData = -1016;
+
+// Large receive buffer: fewer, bigger writes into the download file.
+constexpr long kReceiveBufferSize = 1L << 20;
+constexpr long kMaxRedirects = 16;
+// The network thread wakes at least this often even when nothing happens.
+constexpr auto kLongestWait = std::chrono::seconds(10);
+
+std::atomic<uint64_t> nextIdentifier{1};
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() &&
+         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+std::string_view trim(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+  return text;
+}
+
+ZMError urlError(int64_t code, std::string description, const std::string& url,
+                 std::string detail = {}) {
+  ZMValue info = ZMValue::object();
+  info[kZMLocalizedDescriptionKey] = std::move(description);
+  info["NSErrorFailingURLStringKey"] = url;
+  if (!detail.empty()) info["NSDebugDescription"] = std::move(detail);
+  return ZMError(kZMURLErrorDomain, code, std::move(info));
+}
+
+ZMError cancelledError(const std::string& url) {
+  return urlError(kZMURLErrorCancelled, "cancelled", url);
+}
+
+// Only http and https are fetched; anything else is refused before a connection is made.
+std::optional<ZMError> checkURL(const std::string& url) {
+  if (url.empty()) return urlError(kZMURLErrorUnsupportedURL, "unsupported URL", url);
+  CURLU* handle = curl_url();
+  if (!handle) return urlError(kZMURLErrorUnknown, "unknown error", url);
+  std::optional<ZMError> error;
+  char* scheme = nullptr;
+  if (curl_url_set(handle, CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
+    error = urlError(kZMURLErrorBadURL, "bad URL", url);
+  } else if (curl_url_get(handle, CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK ||
+             (!equalsIgnoringCase(scheme, "http") && !equalsIgnoringCase(scheme, "https"))) {
+    error = urlError(kZMURLErrorUnsupportedURL, "unsupported URL", url);
+  }
+  curl_free(scheme);
+  curl_url_cleanup(handle);
+  return error;
+}
+
+int64_t contentLength(const ZMHTTPHeaderFields& fields) {
+  int64_t length = -1;
+  for (const auto& [name, value] : fields) {
+    if (equalsIgnoringCase(name, "Transfer-Encoding")) return -1;  // chunked: no length
+    if (equalsIgnoringCase(name, "Content-Length") && length < 0) {
+      int64_t parsed = -1;
+      const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), parsed);
+      if (ec == std::errc() && end == value.data() + value.size() && parsed >= 0) {
+        length = parsed;
+      }
+    }
+  }
+  return length;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// The network thread and its curl multi handle, shared by every session alive.
+
+class ZMURLSessionEngine {
+ public:
+  struct Outcome {
+    std::optional<ZMError> error;
+    std::optional<ZMHTTPURLResponse> response;
+    std::optional<std::string> data;  // data tasks that succeeded
+    std::string location;             // download tasks that succeeded
+  };
+
+  static std::shared_ptr<ZMURLSessionEngine> acquire();
+
+  ZMURLSessionEngine();
+  ~ZMURLSessionEngine();
+  ZMURLSessionEngine(const ZMURLSessionEngine&) = delete;
+  ZMURLSessionEngine& operator=(const ZMURLSessionEngine&) = delete;
+
+  void start(std::shared_ptr<ZMURLSessionTask> task);
+  void cancel(uint64_t taskIdentifier);
+  // Ends the transfers of a session that is going away; nothing is delivered for them.
+  void cancelSession(uint64_t sessionIdentifier);
+  // Stops the thread after it has released every transfer, and joins it. Idempotent.
+  void shutdown();
+
+  // Hands a task's end to the main queue, which delivers it.
+  static void complete(std::shared_ptr<ZMURLSessionTask> task, Outcome outcome);
+
+ private:
+  struct Transfer {
+    std::shared_ptr<ZMURLSessionTask> task;
+    CURL* easy = nullptr;
+    curl_slist* headers = nullptr;
+    int fd = -1;  // download file
+    std::string location;
+    std::string data;  // data task reply
+    ZMHTTPHeaderFields headerFields;
+    long headerStatus = 0;
+    Clock::time_point lastActivity;
+    Clock::duration idleTimeout{};
+    curl_off_t lastDown = 0;
+    curl_off_t lastUp = 0;
+    int writeErrno = 0;
+    char errorBuffer[CURL_ERROR_SIZE] = {};
+  };
+  struct Command {
+    enum class Kind { start, cancel, cancelSession } kind;
+    std::shared_ptr<ZMURLSessionTask> task;
+    uint64_t identifier = 0;
+  };
+
+  void push(Command command);
+  void run();
+  void begin(std::shared_ptr<ZMURLSessionTask> task);
+  bool configure(Transfer& transfer);
+  void finish(CURL* easy, CURLcode result);
+  // Ends a transfer with an error, removing its file.
+  void end(uint64_t taskIdentifier, ZMError error);
+  // Releases the curl handles and the file descriptor; removes the file when asked.
+  void release(Transfer& transfer, bool removeFile);
+  Clock::duration expireIdleTransfers();
+
+  static std::optional<ZMHTTPURLResponse> responseOf(const Transfer& transfer, long status);
+  static ZMError errorOf(CURLcode result, const Transfer& transfer);
+  static void deliverProgress(const std::weak_ptr<ZMURLSessionTask>& weakTask);
+  static void deliver(const std::shared_ptr<ZMURLSessionTask>& task, Outcome& outcome);
+  static size_t onHeader(char* buffer, size_t size, size_t count, void* userdata);
+  static size_t onBody(char* buffer, size_t size, size_t count, void* userdata);
+  static int onProgress(void* userdata, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
+                        curl_off_t ulnow);
+
+  CURLM* const multi_;
+  std::mutex mutex_;
+  std::vector<Command> commands_;  // guarded by mutex_
+  bool stopping_ = false;          // guarded by mutex_
+  std::once_flag joined_;
+  std::thread thread_;
+  std::unordered_map<uint64_t, std::unique_ptr<Transfer>> transfers_;  // network thread only
+};
+
+namespace {
+
+struct EngineRegistry {
+  std::mutex mutex;
+  std::weak_ptr<ZMURLSessionEngine> current;
+};
+
+// Never destroyed: sessions may be released during static destruction.
+EngineRegistry& registry() {
+  static EngineRegistry* r = new EngineRegistry();
+  return *r;
+}
+
+// Joins the network thread at process exit even if some session is still alive, so that no
+// transfer runs while libcurl and OpenSSL are torn down.
+struct ExitGuard {
+  ~ExitGuard() {
+    std::shared_ptr<ZMURLSessionEngine> engine;
+    {
+      std::lock_guard lock(registry().mutex);
+      engine = registry().current.lock();
+    }
+    if (engine) engine->shutdown();
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<ZMURLSessionEngine> ZMURLSessionEngine::acquire() {
+  // curl (and OpenSSL, which registers its exit handler here) is set up before the guard is
+  // constructed, so the guard runs first at exit.
+  static const bool initialised = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+  static ExitGuard guard;
+  (void)initialised;
+  std::lock_guard lock(registry().mutex);
+  auto engine = registry().current.lock();
+  if (!engine) {
+    engine = std::make_shared<ZMURLSessionEngine>();
+    registry().current = engine;
+  }
+  return engine;
+}
+
+ZMURLSessionEngine::ZMURLSessionEngine() : multi_(curl_multi_init()) {
+  if (!multi_) throw std::bad_alloc();
+  thread_ = std::thread([this] { run(); });
+}
+
+ZMURLSessionEngine::~ZMURLSessionEngine() {
+  shutdown();
+  curl_multi_cleanup(multi_);
+}
+
+void ZMURLSessionEngine::shutdown() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  curl_multi_wakeup(multi_);
+  std::call_once(joined_, [this] { thread_.join(); });
+}
+
+void ZMURLSessionEngine::push(Command command) {
+  {
+    std::lock_guard lock(mutex_);
+    if (stopping_) return;
+    commands_.push_back(std::move(command));
+  }
+  curl_multi_wakeup(multi_);
+}
+
+void ZMURLSessionEngine::start(std::shared_ptr<ZMURLSessionTask> task) {
+  push({Command::Kind::start, std::move(task), 0});
+}
+
+void ZMURLSessionEngine::cancel(uint64_t taskIdentifier) {
+  push({Command::Kind::cancel, nullptr, taskIdentifier});
+}
+
+void ZMURLSessionEngine::cancelSession(uint64_t sessionIdentifier) {
+  push({Command::Kind::cancelSession, nullptr, sessionIdentifier});
+}
+
+void ZMURLSessionEngine::run() {
+  for (;;) {
+    std::vector<Command> commands;
+    bool stop;
+    {
+      std::lock_guard lock(mutex_);
+      commands.swap(commands_);
+      stop = stopping_;
+    }
+    for (auto& command : commands) {
+      switch (command.kind) {
+        case Command::Kind::start:
+          begin(std::move(command.task));
+          break;
+        case Command::Kind::cancel:
+          if (auto it = transfers_.find(command.identifier); it != transfers_.end()) {
+            end(command.identifier, cancelledError(it->second->task->request_.url));
+          }
+          break;
+        case Command::Kind::cancelSession: {
+          std::vector<uint64_t> ids;
+          for (const auto& [id, transfer] : transfers_) {
+            if (transfer->task->sessionIdentifier_ == command.identifier) ids.push_back(id);
+          }
+          for (uint64_t id : ids) end(id, cancelledError(transfers_[id]->task->request_.url));
+          break;
+        }
+      }
+    }
+    if (stop) break;
+
+    int running = 0;
+    curl_multi_perform(multi_, &running);
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+      if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
+    }
+    const auto wait = expireIdleTransfers();
+    const auto waitMs = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
+    curl_multi_poll(multi_, nullptr, 0, static_cast<int>(waitMs), nullptr);
+  }
+  // Shutting down: release what is left. Tasks are handed to the main queue so that none is
+  // destroyed on this thread (a task's completion may own the last reference to a session).
+  for (auto& [id, transfer] : transfers_) {
+    release(*transfer, true);
+    ZMMainQueue::post([task = std::move(transfer->task)] {});
+  }
+  transfers_.clear();
+}
+
+void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
+  const std::string& url = task->request_.url;
+  if (task->state_.load() != ZMURLSessionTask::State::running) {  // cancelled before it began
+    complete(std::move(task), {cancelledError(url), std::nullopt, std::nullopt, {}});
+    return;
+  }
+  if (auto error = checkURL(url)) {
+    complete(std::move(task), {std::move(error), std::nullopt, std::nullopt, {}});
+    return;
+  }
+  auto transfer = std::make_unique<Transfer>();
+  transfer->task = std::move(task);
+  ZMURLSessionTask& t = *transfer->task;
+  if (t.kind_ == ZMURLSessionTask::Kind::download) {
+    std::string pattern = t.temporaryDirectory_ + "/tavo-download-XXXXXX";
+    const int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
+    if (fd < 0) {
+      const int err = errno;
+      complete(std::move(transfer->task),
+               {urlError(kZMURLErrorCannotCreateFile, "The file couldn\u2019t be created.", url,
+                         pattern + ": " + std::strerror(err)),
+                std::nullopt, std::nullopt, {}});
+      return;
+    }
+    transfer->fd = fd;
+    transfer->location = std::move(pattern);
+  }
+  if (!configure(*transfer)) {
+    release(*transfer, true);
+    complete(std::move(transfer->task),
+             {urlError(kZMURLErrorUnknown, "unknown error", url, "transfer setup failed"),
+              std::nullopt, std::nullopt, {}});
+    return;
+  }
+  transfer->lastActivity = Clock::now();
+  transfer->idleTimeout = std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(t.idleTimeout_));
+  transfers_.emplace(t.identifier_, std::move(transfer));
+}
+
+bool ZMURLSessionEngine::configure(Transfer& transfer) {
+  const ZMURLSessionTask& task = *transfer.task;
+  const ZMURLRequest& request = task.request_;
+  CURL* easy = curl_easy_init();
+  if (!easy) return false;
+  transfer.easy = easy;
+  bool ok = true;
+  auto set = [&](CURLoption option, auto value) {
+    ok = ok && curl_easy_setopt(easy, option, value) == CURLE_OK;
+  };
+  set(CURLOPT_URL, request.url.c_str());
+  set(CURLOPT_PRIVATE, &transfer);
+  set(CURLOPT_NOSIGNAL, 1L);
+  set(CURLOPT_PROTOCOLS_STR, "http,https");
+  set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  set(CURLOPT_FOLLOWLOCATION, 1L);
+  set(CURLOPT_MAXREDIRS, kMaxRedirects);
+  set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  set(CURLOPT_ERRORBUFFER, transfer.errorBuffer);
+  set(CURLOPT_HEADERFUNCTION, &ZMURLSessionEngine::onHeader);
+  set(CURLOPT_HEADERDATA, &transfer);
+  set(CURLOPT_WRITEFUNCTION, &ZMURLSessionEngine::onBody);
+  set(CURLOPT_WRITEDATA, &transfer);
+  set(CURLOPT_NOPROGRESS, 0L);
+  set(CURLOPT_XFERINFOFUNCTION, &ZMURLSessionEngine::onProgress);
+  set(CURLOPT_XFERINFODATA, &transfer);
+  if (task.kind_ == ZMURLSessionTask::Kind::download) {
+    set(CURLOPT_BUFFERSIZE, kReceiveBufferSize);
+  } else {
+    set(CURLOPT_ACCEPT_ENCODING, "");  // whatever curl can decode; data tasks get plain bytes
+  }
+
+  const std::string& method = request.httpMethod;
+  if (method == "HEAD") {
+    set(CURLOPT_NOBODY, 1L);
+  } else if (method == "GET" && request.httpBody.empty()) {
+    set(CURLOPT_HTTPGET, 1L);
+  } else {
+    set(CURLOPT_POSTFIELDS, request.httpBody.data());
+    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.httpBody.size()));
+    if (method != "POST") set(CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
+
+  bool expectSet = false;
+  for (const auto& [name, value] : task.headers_) {
+    // "Name;" is curl's way to send a header with an empty value.
+    const std::string line = value.empty() ? name + ";" : name + ": " + value;
+    curl_slist* next = curl_slist_append(transfer.headers, line.c_str());
+    if (!next) return false;
+    transfer.headers = next;
+    expectSet = expectSet || equalsIgnoringCase(name, "Expect");
+  }
+  if (!expectSet) {  // no "Expect: 100-continue" round trip for large bodies
+    curl_slist* next = curl_slist_append(transfer.headers, "Expect:");
+    if (!next) return false;
+    transfer.headers = next;
+  }
+  set(CURLOPT_HTTPHEADER, transfer.headers);
+  return ok && curl_multi_add_handle(multi_, easy) == CURLM_OK;
+}
+
+void ZMURLSessionEngine::release(Transfer& transfer, bool removeFile) {
+  if (transfer.easy) {
+    curl_multi_remove_handle(multi_, transfer.easy);
+    curl_easy_cleanup(transfer.easy);
+    transfer.easy = nullptr;
+  }
+  curl_slist_free_all(transfer.headers);
+  transfer.headers = nullptr;
+  if (transfer.fd >= 0) {
+    ::close(transfer.fd);
+    transfer.fd = -1;
+  }
+  if (removeFile && !transfer.location.empty()) {
+    ::unlink(transfer.location.c_str());
+    transfer.location.clear();
+  }
+}
+
+void ZMURLSessionEngine::finish(CURL* easy, CURLcode result) {
+  Transfer* transfer = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_PRIVATE, &transfer);
+  if (!transfer) return;
+  const uint64_t id = transfer->task->identifier_;
+  long status = 0;
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+
+  Outcome outcome;
+  outcome.response = responseOf(*transfer, status);
+  if (result != CURLE_OK) outcome.error = errorOf(result, *transfer);
+  if (transfer->fd >= 0) {
+    const int closed = ::close(transfer->fd);
+    const int err = errno;
+    transfer->fd = -1;
+    if (closed != 0 && !outcome.error) {
+      outcome.error = urlError(kZMURLErrorCannotWriteToFile, "The file couldn\u2019t be written.",
+                               transfer->task->request_.url, std::strerror(err));
+    }
+  }
+  if (!outcome.error) {
+    if (transfer->task->kind_ == ZMURLSessionTask::Kind::download) {
+      outcome.location = std::move(transfer->location);
+      transfer->location.clear();
+    } else {
+      outcome.data = std::move(transfer->data);
+    }
+  }
+  release(*transfer, true);
+  complete(std::move(transfer->task), std::move(outcome));
+  transfers_.erase(id);
+}
+
+void ZMURLSessionEngine::end(uint64_t taskIdentifier, ZMError error) {
+  auto it = transfers_.find(taskIdentifier);
+  if (it == transfers_.end()) return;
+  Transfer& transfer = *it->second;
+  long status = 0;
+  curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
+  Outcome outcome;
+  outcome.response = responseOf(transfer, status);
+  outcome.error = std::move(error);
+  release(transfer, true);
+  complete(std::move(transfer.task), std::move(outcome));
+  transfers_.erase(it);
+}
+
+Clock::duration ZMURLSessionEngine::expireIdleTransfers() {
+  const auto now = Clock::now();
+  Clock::duration wait = kLongestWait;
+  std::vector<uint64_t> expired;
+  for (const auto& [id, transfer] : transfers_) {
+    const auto deadline = transfer->lastActivity + transfer->idleTimeout;
+    if (deadline <= now) {
+      expired.push_back(id);
+    } else {
+      wait = std::min<Clock::duration>(wait, deadline - now);
+    }
+  }
+  for (uint64_t id : expired) {
+    end(id, urlError(kZMURLErrorTimedOut, "The request timed out.",
+                     transfers_[id]->task->request_.url));
+  }
+  return wait;
+}
+
+std::optional<ZMHTTPURLResponse> ZMURLSessionEngine::responseOf(const Transfer& transfer,
+                                                                long status) {
+  if (status <= 0) return std::nullopt;
+  ZMHTTPURLResponse response;
+  char* effective = nullptr;
+  if (transfer.easy) curl_easy_getinfo(transfer.easy, CURLINFO_EFFECTIVE_URL, &effective);
+  response.url = effective ? effective : transfer.task->request_.url;
+  response.statusCode = status;
+  response.allHeaderFields = transfer.headerFields;
+  response.expectedContentLength = contentLength(transfer.headerFields);
+  return response;
+}
+
+ZMError ZMURLSessionEngine::errorOf(CURLcode result, const Transfer& transfer) {
+  const std::string& url = transfer.task->request_.url;
+  std::string detail = transfer.errorBuffer[0] ? transfer.errorBuffer : curl_easy_strerror(result);
+  switch (result) {
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      return urlError(kZMURLErrorUnsupportedURL, "unsupported URL", url, detail);
+    case CURLE_URL_MALFORMAT:
+      return urlError(kZMURLErrorBadURL, "bad URL", url, detail);
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return urlError(kZMURLErrorCannotFindHost,
+                      "A server with the specified hostname could not be found.", url, detail);
+    case CURLE_COULDNT_CONNECT:
+      return urlError(kZMURLErrorCannotConnectToHost, "Could not connect to the server.", url,
+                      detail);
+    case CURLE_OPERATION_TIMEDOUT:
+      return urlError(kZMURLErrorTimedOut, "The request timed out.", url, detail);
+    case CURLE_PARTIAL_FILE:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+    case CURLE_GOT_NOTHING:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM:
+      return urlError(kZMURLErrorNetworkConnectionLost, "The network connection was lost.", url,
+                      detail);
+    case CURLE_WEIRD_SERVER_REPLY:
+      return urlError(kURLErrorBadServerResponse, "bad server response", url, detail);
+    case CURLE_BAD_CONTENT_ENCODING:
+      return urlError(kURLErrorCannotDecodeContentData, "cannot decode content data", url,
+                      detail);
+    case CURLE_TOO_MANY_REDIRECTS:
+      return urlError(kURLErrorHTTPTooManyRedirects, "too many HTTP redirects", url, detail);
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return urlError(kZMURLErrorServerCertificateUntrusted,
+                      "The certificate for this server is invalid.", url, detail);
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_USE_SSL_FAILED:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_SHUTDOWN_FAILED:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_CLIENTCERT:
+      return urlError(kZMURLErrorSecureConnectionFailed,
+                      "An SSL error has occurred and a secure connection to the server cannot "
+                      "be made.",
+                      url, detail);
+    case CURLE_WRITE_ERROR:
+      if (transfer.writeErrno != 0) detail = std::strerror(transfer.writeErrno);
+      return urlError(kZMURLErrorCannotWriteToFile, "The file couldn\u2019t be written.", url,
+                      detail);
+    default:
+      return urlError(kZMURLErrorUnknown, "unknown error", url, detail);
+  }
+}
+
+size_t ZMURLSessionEngine::onHeader(char* buffer, size_t size, size_t count, void* userdata) {
+  auto& transfer = *static_cast<Transfer*>(userdata);
+  const size_t length = size * count;
+  transfer.lastActivity = Clock::now();
+  std::string_view line(buffer, length);
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+  if (line.starts_with("HTTP/")) {  // a new response (after a redirect or a 1xx)
+    transfer.headerFields.clear();
+    transfer.headerStatus = 0;
+    const auto space = line.find(' ');
+    if (space != std::string_view::npos) {
+      const auto code = line.substr(space + 1);
+      std::from_chars(code.data(), code.data() + code.size(), transfer.headerStatus);
+    }
+  } else if (line.empty()) {
+    if (transfer.headerStatus >= 200) {  // the headers of a final response are complete
+      auto response = responseOf(transfer, transfer.headerStatus);
+      ZMURLSessionTask& task = *transfer.task;
+      task.bytesExpected_.store(response->expectedContentLength);
+      std::lock_guard lock(task.mutex_);
+      task.response_ = std::move(response);
+    }
+  } else if ((line.front() == ' ' || line.front() == '\t') && !transfer.headerFields.empty()) {
+    transfer.headerFields.back().second += " " + std::string(trim(line));  // folded line
+  } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {
+    transfer.headerFields.emplace_back(trim(line.substr(0, colon)), trim(line.substr(colon + 1)));
+  }
+  return length;
+}
+
+size_t ZMURLSessionEngine::onBody(char* buffer, size_t size, size_t count, void* userdata) {
+  auto& transfer = *static_cast<Transfer*>(userdata);
+  const size_t length = size * count;
+  transfer.lastActivity = Clock::now();
+  ZMURLSessionTask& task = *transfer.task;
+  if (task.kind_ == ZMURLSessionTask::Kind::data) {
+    transfer.data.append(buffer, length);
+    task.bytesReceived_.fetch_add(static_cast<int64_t>(length));
+    return length;
+  }
+  size_t written = 0;
+  while (written < length) {
+    const ssize_t n = ::write(transfer.fd, buffer + written, length - written);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      transfer.writeErrno = errno;
+      return 0;  // curl ends the transfer with CURLE_WRITE_ERROR
+    }
+    written += static_cast<size_t>(n);
+  }
+  task.bytesReceived_.fetch_add(static_cast<int64_t>(length));
+  // One progress block in the queue at a time; it reports the count as of when it runs.
+  if (!task.progressPending_.exchange(true)) {
+    ZMMainQueue::post([weak = std::weak_ptr<ZMURLSessionTask>(transfer.task)] {
+      deliverProgress(weak);
+    });
+  }
+  return length;
+}
+
+int ZMURLSessionEngine::onProgress(void* userdata, curl_off_t, curl_off_t dlnow, curl_off_t,
+                                   curl_off_t ulnow) {
+  auto& transfer = *static_cast<Transfer*>(userdata);
+  if (dlnow != transfer.lastDown || ulnow != transfer.lastUp) {
+    transfer.lastDown = dlnow;
+    transfer.lastUp = ulnow;
+    transfer.lastActivity = Clock::now();
+  }
+  return 0;
+}
+
+void ZMURLSessionEngine::complete(std::shared_ptr<ZMURLSessionTask> task, Outcome outcome) {
+  ZMMainQueue::post([task = std::move(task), outcome = std::move(outcome)]() mutable {
+    deliver(task, outcome);
+  });
+}
+
+void ZMURLSessionEngine::deliverProgress(const std::weak_ptr<ZMURLSessionTask>& weakTask) {
+  auto task = weakTask.lock();
+  if (!task) return;
+  task->progressPending_.store(false);  // before reading the count: later bytes post again
+  if (task->state_.load() != ZMURLSessionTask::State::running) return;
+  auto session = task->session_.lock();
+  if (!session) return;
+  const int64_t total = task->bytesReceived_.load();
+  const int64_t written = total - task->bytesReported_;
+  if (written <= 0) return;
+  task->bytesReported_ = total;
+  if (auto delegate = session->delegate_.lock()) {
+    delegate->didWriteData(*session, *task, written, total, task->bytesExpected_.load());
+  }
+}
+
+void ZMURLSessionEngine::deliver(const std::shared_ptr<ZMURLSessionTask>& task,
+                                 Outcome& outcome) {
+  {
+    std::lock_guard lock(task->mutex_);
+    if (outcome.response) task->response_ = outcome.response;
+    task->error_ = outcome.error;
+  }
+  task->state_.store(ZMURLSessionTask::State::completed);
+  auto completion = std::move(task->completion_);
+  task->completion_ = nullptr;
+  auto session = task->session_.lock();
+  if (!session) {  // a session that went away hears nothing
+    if (!outcome.location.empty()) ::unlink(outcome.location.c_str());
+    return;
+  }
+  if (task->kind_ == ZMURLSessionTask::Kind::download && !outcome.error) {
+    if (auto delegate = session->delegate_.lock()) {
+      delegate->didFinishDownloadingToLocation(*session, *task, outcome.location);
+    }
+    ::unlink(outcome.location.c_str());  // gone already when the delegate moved it
+  }
+  if (completion) {
+    completion(outcome.data, outcome.response, outcome.error);
+  } else if (auto delegate = session->delegate_.lock()) {
+    delegate->didCompleteWithError(*session, *task, outcome.error);
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+
+void ZMURLRequest::setValue(const std::string& value, const std::string& field) {
+  std::erase_if(allHTTPHeaderFields,
+                [&](const auto& header) { return equalsIgnoringCase(header.first, field); });
+  allHTTPHeaderFields.emplace_back(field, value);
+}
+
+std::optional<std::string> ZMHTTPURLResponse::valueForHTTPHeaderField(
+    std::string_view field) const {
+  for (const auto& [name, value] : allHeaderFields) {
+    if (equalsIgnoringCase(name, field)) return value;
+  }
+  return std::nullopt;
+}
+
+ZMURLSessionTask::ZMURLSessionTask(Token, Kind kind, uint64_t identifier,
+                                   std::weak_ptr<ZMURLSession> session,
+                                   uint64_t sessionIdentifier, ZMURLRequest request,
+                                   ZMHTTPHeaderFields headers, double idleTimeout,
+                                   std::string temporaryDirectory, DataCompletion completion)
+    : kind_(kind),
+      identifier_(identifier),
+      session_(std::move(session)),
+      sessionIdentifier_(sessionIdentifier),
+      request_(std::move(request)),
+      headers_(std::move(headers)),
+      idleTimeout_(idleTimeout),
+      temporaryDirectory_(std::move(temporaryDirectory)),
+      completion_(std::move(completion)) {}
+
+std::optional<ZMHTTPURLResponse> ZMURLSessionTask::response() const {
+  std::lock_guard lock(mutex_);
+  return response_;
+}
+
+std::optional<ZMError> ZMURLSessionTask::error() const {
+  std::lock_guard lock(mutex_);
+  return error_;
+}
+
+void ZMURLSessionTask::resume() {
+  auto expected = State::suspended;
+  if (!state_.compare_exchange_strong(expected, State::running)) return;
+  auto session = session_.lock();
+  if (!session) {
+    state_.store(State::completed);
+    return;
+  }
+  if (session->invalidated_.load()) {
+    state_.store(State::canceling);
+    ZMURLSessionEngine::complete(shared_from_this(),
+                                 {cancelledError(request_.url), std::nullopt, std::nullopt, {}});
+    return;
+  }
+  session->engine_->start(shared_from_this());
+}
+
+void ZMURLSessionTask::cancel() {
+  auto state = state_.load();
+  for (;;) {
+    if (state == State::suspended) {
+      if (!state_.compare_exchange_weak(state, State::canceling)) continue;
+      ZMURLSessionEngine::complete(shared_from_this(),
+                                   {cancelledError(request_.url), std::nullopt, std::nullopt, {}});
+      return;
+    }
+    if (state != State::running) return;
+    if (state_.compare_exchange_weak(state, State::canceling)) break;
+  }
+  // The network thread ends the transfer, unless it has ended already.
+  if (auto session = session_.lock()) session->engine_->cancel(identifier_);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+std::shared_ptr<ZMURLSession> ZMURLSession::sharedSession() {
+  static const std::shared_ptr<ZMURLSession> session = std::make_shared<ZMURLSession>(
+      Token{}, ZMURLSessionConfiguration::defaultSessionConfiguration(),
+      std::weak_ptr<ZMURLSessionDelegate>(), true);
+  return session;
+}
+
+std::shared_ptr<ZMURLSession> ZMURLSession::sessionWithConfiguration(
+    ZMURLSessionConfiguration configuration, std::weak_ptr<ZMURLSessionDelegate> delegate) {
+  return std::make_shared<ZMURLSession>(Token{}, std::move(configuration), std::move(delegate),
+                                        false);
+}
+
+ZMURLSession::ZMURLSession(Token, ZMURLSessionConfiguration configuration,
+                           std::weak_ptr<ZMURLSessionDelegate> delegate, bool shared)
+    : identifier_(nextIdentifier.fetch_add(1)),
+      configuration_(std::move(configuration)),
+      delegate_(std::move(delegate)),
+      shared_(shared),
+      engine_(ZMURLSessionEngine::acquire()) {}
+
+ZMURLSession::~ZMURLSession() { engine_->cancelSession(identifier_); }
+
+std::shared_ptr<ZMURLSessionTask> ZMURLSession::dataTask(ZMURLRequest request,
+                                                         DataCompletion completion) {
+  return makeTask(ZMURLSessionTask::Kind::data, std::move(request), std::move(completion));
+}
+
+std::shared_ptr<ZMURLSessionTask> ZMURLSession::downloadTask(ZMURLRequest request) {
+  return makeTask(ZMURLSessionTask::Kind::download, std::move(request), nullptr);
+}
+
+std::shared_ptr<ZMURLSessionTask> ZMURLSession::makeTask(ZMURLSessionTask::Kind kind,
+                                                         ZMURLRequest request,
+                                                         DataCompletion completion) {
+  ZMHTTPHeaderFields headers = request.allHTTPHeaderFields;
+  for (const auto& extra : configuration_.HTTPAdditionalHeaders) {
+    const bool overridden = std::any_of(headers.begin(), headers.end(), [&](const auto& header) {
+      return equalsIgnoringCase(header.first, extra.first);
+    });
+    if (!overridden) headers.push_back(extra);
+  }
+  const double idleTimeout = request.timeoutInterval > 0 ? request.timeoutInterval
+                                                         : configuration_.timeoutIntervalForRequest;
+  std::string temporaryDirectory = kind == ZMURLSessionTask::Kind::download
+                                       ? ZMSystemDirectories::temporaryDirectory()
+                                       : std::string();
+  auto task = std::make_shared<ZMURLSessionTask>(
+      ZMURLSessionTask::Token{}, kind, nextIdentifier.fetch_add(1), weak_from_this(), identifier_,
+      std::move(request), std::move(headers), idleTimeout > 0 ? idleTimeout : 60.0,
+      std::move(temporaryDirectory), std::move(completion));
+  std::lock_guard lock(tasksMutex_);
+  std::erase_if(tasks_, [](const auto& weak) { return weak.expired(); });
+  tasks_.push_back(task);
+  return task;
+}
+
+void ZMURLSession::invalidateAndCancel() {
+  if (shared_) return;
+  invalidated_.store(true);
+  std::vector<std::shared_ptr<ZMURLSessionTask>> live;
+  {
+    std::lock_guard lock(tasksMutex_);
+    for (const auto& weak : tasks_) {
+      if (auto task = weak.lock()) live.push_back(std::move(task));
+    }
+  }
+  for (const auto& task : live) task->cancel();
+}
+
+void ZMURLSession::finishTasksAndInvalidate() {
+  if (!shared_) invalidated_.store(true);
+}

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "platform/ZMURLSession.h"
+#include "protocol/ZMOnFileDownloadListener.h"
+
+// ZMSingleThreadFileDownloader fetches one URL into one file with a single GET on its own URL
+// session: the body goes to a temporary file, which is moved to `filePath` when the server
+// answered 200. Any other status, a failed move or a transfer error is a failure; cancel() ends
+// the transfer with onDownloadCancel and no failure. No retry, no digest check, no resume: its
+// users do that. Create it with std::make_shared (it is its session's delegate).
+//
+// Threads: start() and cancel() may be called from any thread (onDownloadStart runs on the
+// caller's); every other callback arrives on the main queue. The listener is held weakly: once it
+// is gone, nothing is reported.
+class ZMSingleThreadFileDownloader : public ZMURLSessionDelegate,
+                                     public std::enable_shared_from_this<ZMSingleThreadFileDownloader> {
+ public:
+  // Idle time-out of the download: no byte for this long ends it with a failure.
+  static constexpr double kTimeoutInterval = 90;
+
+  ZMSingleThreadFileDownloader(std::string filePath, std::string url, std::string tag,
+                               std::weak_ptr<ZMOnFileDownloadListener> listener);
+
+  // Starts the transfer (a new one when none is alive) and reports onDownloadStart(tag).
+  void start();
+  // Cancels the transfer (creating one first if none is alive, which then ends cancelled at
+  // once) and invalidates the session; the downloader cannot be started again.
+  void cancel();
+
+  const std::string& filePath() const { return filePath_; }
+  const std::string& url() const { return url_; }
+  const std::string& tag() const { return tag_; }
+
+  // Replaces the idle time-out of downloaders started afterwards; 0 restores kTimeoutInterval.
+  static void setTimeoutIntervalForTesting(double seconds);
+
+  // ZMURLSessionDelegate, on the main queue.
+  void didWriteData(ZMURLSession& session, ZMURLSessionTask& task, int64_t bytesWritten,
+                    int64_t totalBytesWritten, int64_t totalBytesExpectedToWrite) override;
+  void didFinishDownloadingToLocation(ZMURLSession& session, ZMURLSessionTask& task,
+                                      const std::string& location) override;
+  void didCompleteWithError(ZMURLSession& session, ZMURLSessionTask& task,
+                            const std::optional<ZMError>& error) override;
+
+ private:
+  std::shared_ptr<ZMURLSessionTask> _task();
+
+  void _notifyStart();
+  void _notifySuccess(const std::string& path);
+  void _notifyProgress(int64_t done, int64_t total);
+  void _notifyFailure(int64_t code, const std::string& msg, const ZMError& error);
+  void _notifyCancel();
+  void _notifyRetry(int32_t retry);
+
+  const std::string filePath_;
+  const std::string url_;
+  const std::string tag_;
+  const std::weak_ptr<ZMOnFileDownloadListener> delegate_;
+
+  std::mutex mutex_;  // session_ and task_, which start() and cancel() set up on first use
+  std::shared_ptr<ZMURLSession> session_;
+  std::weak_ptr<ZMURLSessionTask> task_;
+};

@@ -1,0 +1,166 @@
+#include "game/ZMGameDownloadPackageTask.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/TestHttpServer.h"
+#include "support/TestSupport.h"
+#include "tavo/ZMOptionKeys.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr const char* kV1 = "package-v1";
+constexpr const char* kV1Hash = "b7fea727ecee9a81752f74fb6d980021";
+constexpr const char* kV2 = "package-v2";
+constexpr const char* kV2Hash = "97317d434eb0a3749a284f3c36eabc95";
+
+struct HostRecorder : ZMPackageDownloadListener {
+  std::vector<std::string> events;
+  std::optional<ZMError> error;
+  void onDownloadStart() override { events.push_back("start"); }
+  void onDownloadProgress(int64_t, int64_t) override {
+    if (events.empty() || events.back() != "progress") events.push_back("progress");
+  }
+  void onDownloadRetry(int64_t n) override { events.push_back("retry:" + std::to_string(n)); }
+  void onDownloadSuccess(const std::string& path) override { events.push_back("success:" + path); }
+  void onDownloadFailure(const ZMError& e) override {
+    events.push_back("failure");
+    error = e;
+  }
+  bool ended() const {
+    return std::any_of(events.begin(), events.end(), [](const std::string& e) {
+      return e.starts_with("success:") || e == "failure";
+    });
+  }
+};
+
+ZMValue Options(std::optional<std::string> hash) {
+  ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, "app.1"}, {ZM_KEY_GAME_PACKAGE_VERSION, "1.0"}};
+  if (hash) options[ZM_KEY_GAME_PACKAGE_HASH] = *hash;
+  return options;
+}
+
+class ZMGameDownloadPackageTaskTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // "/pkg" serves v1 on the first request and v2 on every later one.
+    server.Get("/pkg", [this](const auto&, auto& res) {
+      res.set_content(served.fetch_add(1) == 0 ? kV1 : kV2, "application/zip");
+    });
+    server.Get("/v1", [](const auto&, auto& res) { res.set_content(kV1, "application/zip"); });
+    server.Get("/missing", [](const auto&, auto& res) { res.status = 404; });
+    server.Get("/stall", [this](const auto&, auto& res) {
+      res.set_content_provider(1 << 20, "application/zip",
+                               [this](size_t offset, size_t, httplib::DataSink& sink) {
+                                 if (offset > 0) {
+                                   server.pause(10s);
+                                   return false;
+                                 }
+                                 sink.write(kV1, 10);
+                                 return true;
+                               });
+    });
+    server.start();
+  }
+
+  std::shared_ptr<ZMGameDownloadPackageTask> run(const std::string& path,
+                                                 std::optional<std::string> hash) {
+    auto task = std::make_shared<ZMGameDownloadPackageTask>(recorder, savePath, server.url(path));
+    task->execute(Options(std::move(hash)));
+    EXPECT_TRUE(RunUntil([&] { return recorder->ended(); }));
+    DrainMainQueue();
+    return task;
+  }
+
+  ScopedSystemDirectories dirs;
+  std::string savePath = dirs.root() / "app.1.1.0.zgp";
+  std::shared_ptr<HostRecorder> recorder = std::make_shared<HostRecorder>();
+  std::atomic<int> served{0};
+  TestHttpServer server;
+};
+
+}  // namespace
+
+TEST_F(ZMGameDownloadPackageTaskTest, StaleFileIsRemovedAtCreation) {
+  WriteFile(savePath, "stale");
+  auto task = std::make_shared<ZMGameDownloadPackageTask>(recorder, savePath, server.url("/v1"));
+  EXPECT_FALSE(Exists(savePath));
+  EXPECT_EQ(server.requestCount(), 0u);
+
+  // And the download that follows lands where the stale file was.
+  task->execute(Options(kV1Hash));
+  ASSERT_TRUE(RunUntil([&] { return recorder->ended(); }));
+  EXPECT_EQ(recorder->events, (std::vector<std::string>{"progress", "success:" + savePath}));
+  EXPECT_EQ(ReadFile(savePath), kV1);
+}
+
+TEST_F(ZMGameDownloadPackageTaskTest, MissingOrEmptyHashSkipsTheCheck) {
+  for (std::optional<std::string> hash : {std::optional<std::string>(), std::optional<std::string>("")}) {
+    recorder = std::make_shared<HostRecorder>();
+    std::remove(savePath.c_str());
+    run("/v1", hash);
+    EXPECT_EQ(recorder->events.back(), "success:" + savePath);
+    EXPECT_EQ(ReadFile(savePath), kV1);
+  }
+  EXPECT_EQ(server.requestCount(), 2u);  // one download each
+}
+
+TEST_F(ZMGameDownloadPackageTaskTest, DigestIsComparedExactly) {
+  // The same digest in upper case is a mismatch: two downloads, then the hash failure.
+  std::string upper = kV1Hash;
+  std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+  auto task = run("/v1", upper);
+  EXPECT_EQ(recorder->events, (std::vector<std::string>{"progress", "failure"}));
+  EXPECT_EQ(*recorder->error, ZMError("package hash check failure", 0));
+  EXPECT_FALSE(recorder->error->userInfo);
+  EXPECT_EQ(server.requestCount(), 2u);
+  EXPECT_FALSE(Exists(savePath));
+  EXPECT_TRUE(task->isRetryDownload());
+}
+
+TEST_F(ZMGameDownloadPackageTaskTest, MismatchThenMatchSucceedsWithoutTellingTheHost) {
+  run("/pkg", kV2Hash);  // v1 first (mismatch), then v2
+  EXPECT_EQ(recorder->events, (std::vector<std::string>{"progress", "success:" + savePath}));
+  EXPECT_EQ(ReadFile(savePath), kV2);
+  EXPECT_EQ(server.requestCount(), 2u);
+}
+
+TEST_F(ZMGameDownloadPackageTaskTest, TransferFailureIsForwardedOnce) {
+  run("/missing", kV1Hash);
+  EXPECT_EQ(recorder->events, std::vector<std::string>{"failure"});
+  EXPECT_EQ(*recorder->error, ZMError(kZMNetServicesErrorDomain, 404, ZMValue::object()));
+  EXPECT_EQ(server.requestCount(), 1u);  // a transfer failure is not repeated
+}
+
+TEST_F(ZMGameDownloadPackageTaskTest, WithoutListenerAnAbsentHashFailsTheComparison) {
+  auto task = std::make_shared<ZMGameDownloadPackageTask>(std::weak_ptr<ZMPackageDownloadListener>(),
+                                                          savePath, server.url("/v1"));
+  task->execute(Options(std::nullopt));
+  // The second download has ended once its temporary file is gone too.
+  ASSERT_TRUE(RunUntil([&] {
+    return server.requestCount() == 2 && ListDir(dirs.temporary()).empty() && !Exists(savePath);
+  }));
+  DrainMainQueue();
+  EXPECT_EQ(server.requestCount(), 2u);
+  EXPECT_FALSE(Exists(savePath));
+  EXPECT_TRUE(task->isRetryDownload());
+}
+
+TEST_F(ZMGameDownloadPackageTaskTest, CancelIsSilent) {
+  auto task = std::make_shared<ZMGameDownloadPackageTask>(recorder, savePath, server.url("/stall"));
+  task->execute(Options(kV1Hash));
+  ASSERT_TRUE(RunUntil([&] { return !recorder->events.empty(); }));  // progress: under way
+  task->cancel();
+  EXPECT_EQ(task->downloader(), nullptr);
+  DrainMainQueue();
+  EXPECT_EQ(recorder->events, std::vector<std::string>{"progress"});
+  EXPECT_FALSE(Exists(savePath));
+  ASSERT_TRUE(RunUntil([&] { return ListDir(dirs.temporary()).empty(); }));
+}

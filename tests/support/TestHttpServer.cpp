@@ -1,0 +1,144 @@
+#include "support/TestHttpServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+std::string TestHttpServer::Request::header(const std::string& name) const {
+  auto it = headers.find(name);
+  return it == headers.end() ? std::string() : it->second;
+}
+
+TestHttpServer::TestHttpServer() : server_(std::make_unique<httplib::Server>()), scheme_("http") {}
+
+TestHttpServer::TestHttpServer(const std::string& certificatePath, const std::string& keyPath)
+    : server_(std::make_unique<httplib::SSLServer>(certificatePath.c_str(), keyPath.c_str())),
+      scheme_("https") {}
+
+TestHttpServer::~TestHttpServer() { stop(); }
+
+TestHttpServer::Handler TestHttpServer::recording(Handler handler) {
+  return [this, handler = std::move(handler)](const httplib::Request& req, httplib::Response& res) {
+    {
+      std::lock_guard lock(mutex_);
+      requests_.push_back({req.method, req.path, req.body, req.headers});
+    }
+    handler(req, res);
+  };
+}
+
+void TestHttpServer::Get(const std::string& pattern, Handler handler) {
+  server_->Get(pattern, recording(std::move(handler)));
+}
+
+void TestHttpServer::Post(const std::string& pattern, Handler handler) {
+  server_->Post(pattern, recording(std::move(handler)));
+}
+
+void TestHttpServer::start(bool resetOnClose) {
+  if (resetOnClose) {
+    // Accepted sockets inherit the listening socket's linger setting.
+    server_->set_socket_options([](socket_t sock) {
+      httplib::default_socket_options(sock);
+      linger reset{1, 0};
+      ::setsockopt(sock, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    });
+  }
+  // Idle keep-alive connections hold up stop() for this long.
+  server_->set_keep_alive_timeout(1);
+  port_ = server_->bind_to_any_port("127.0.0.1");
+  if (port_ <= 0) std::abort();
+  // The socket listens from here on; connections wait in the backlog until the thread accepts.
+  thread_ = std::thread([this] {
+    server_->listen_after_bind();
+    finished_ = true;
+  });
+}
+
+void TestHttpServer::stop() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  stopped_.notify_all();
+  if (thread_.joinable()) {
+    // stop() only acts on a server that is listening; the thread gets there at once.
+    while (!server_->is_running() && !finished_) std::this_thread::yield();
+    server_->stop();
+    thread_.join();
+  }
+}
+
+std::string TestHttpServer::url(const std::string& path) const {
+  return scheme_ + "://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+std::vector<TestHttpServer::Request> TestHttpServer::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+std::size_t TestHttpServer::requestCount() const {
+  std::lock_guard lock(mutex_);
+  return requests_.size();
+}
+
+bool TestHttpServer::pause(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  return !stopped_.wait_for(lock, timeout, [this] { return stopping_; });
+}
+
+std::string TestHttpServer::refusedURL(const std::string& path) {
+  const int sock = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (sock < 0 || ::bind(sock, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+      ::getsockname(sock, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    std::abort();
+  }
+  ::close(sock);  // bound but never listening: the port is free and refuses connections
+  return "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + path;
+}
+
+void WriteSelfSignedCertificate(const std::string& certificatePath, const std::string& keyPath) {
+  EVP_PKEY* key = EVP_EC_gen("P-256");
+  X509* certificate = X509_new();
+  if (!key || !certificate) std::abort();
+  ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
+  X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(certificate), 24 * 3600);
+  X509_set_pubkey(certificate, key);
+  X509_NAME* name = X509_get_subject_name(certificate);
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
+  X509_set_issuer_name(certificate, name);
+  if (X509_sign(certificate, key, EVP_sha256()) == 0) std::abort();
+  FILE* out = std::fopen(certificatePath.c_str(), "w");
+  if (!out || PEM_write_X509(out, certificate) != 1) std::abort();
+  std::fclose(out);
+  out = std::fopen(keyPath.c_str(), "w");
+  if (!out || PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
+    std::abort();
+  }
+  std::fclose(out);
+  X509_free(certificate);
+  EVP_PKEY_free(key);
+}
+
+char PatternByte(std::size_t i) { return static_cast<char>((i * 31 + i / 4096) % 251); }
+
+std::string PatternBody(std::size_t size) {
+  std::string body(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) body[i] = PatternByte(i);
+  return body;
+}

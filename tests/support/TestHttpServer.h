@@ -1,0 +1,82 @@
+#pragma once
+
+#include <httplib.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+// A cpp-httplib server on 127.0.0.1 at an ephemeral port. Register routes, then start(); the
+// server runs on its own thread until the object goes away. Every request that reaches a route is
+// recorded (with its body) before the route's handler runs, so a client that has its answer can
+// read the record.
+//
+// Handlers that stall call pause(): it returns when its time is up or when the server stops,
+// whichever comes first, so a stalled handler never outlives its test by more than that bound.
+class TestHttpServer {
+ public:
+  struct Request {
+    std::string method;
+    std::string path;
+    std::string body;
+    httplib::Headers headers;
+    std::string header(const std::string& name) const;
+  };
+  using Handler = httplib::Server::Handler;
+
+  // Plain HTTP.
+  TestHttpServer();
+  // HTTPS with the certificate and key in these PEM files.
+  TestHttpServer(const std::string& certificatePath, const std::string& keyPath);
+  ~TestHttpServer();
+  TestHttpServer(const TestHttpServer&) = delete;
+  TestHttpServer& operator=(const TestHttpServer&) = delete;
+
+  void Get(const std::string& pattern, Handler handler);
+  void Post(const std::string& pattern, Handler handler);
+
+  // Binds and starts serving. With `resetOnClose`, every connection the server closes is reset
+  // (RST) instead of being shut down cleanly.
+  void start(bool resetOnClose = false);
+  void stop();
+
+  int port() const { return port_; }
+  std::string url(const std::string& path) const;
+
+  std::vector<Request> requests() const;
+  std::size_t requestCount() const;
+
+  // Waits until `timeout` passes (true) or the server stops (false).
+  bool pause(std::chrono::milliseconds timeout);
+
+  // An http URL on 127.0.0.1 at a port where nothing listens.
+  static std::string refusedURL(const std::string& path = "/");
+
+ private:
+  Handler recording(Handler handler);
+
+  std::unique_ptr<httplib::Server> server_;
+  std::string scheme_;
+  std::thread thread_;
+  int port_ = -1;
+  std::atomic<bool> finished_{false};
+  mutable std::mutex mutex_;
+  std::condition_variable stopped_;
+  bool stopping_ = false;
+  std::vector<Request> requests_;
+};
+
+// Writes a fresh self-signed certificate for 127.0.0.1 and its private key as PEM files: a
+// certificate that no trust store accepts.
+void WriteSelfSignedCertificate(const std::string& certificatePath, const std::string& keyPath);
+
+// A body of `size` bytes where byte i is (i * 31 + i / 4096) mod 251: cheap to produce at any
+// offset, never periodic at a power of two.
+char PatternByte(std::size_t i);
+std::string PatternBody(std::size_t size);
