@@ -13,7 +13,7 @@ constexpr std::size_t kThreads = 8;
 asio::thread_pool& pool() {
   // Destroyed at exit, after which the destructor has joined every thread; a process that exits
   // with blocks in flight waits for them, as leveldb's DBImpl waits for its compaction.
-  static asio::thread_pool p(kThreads);
+  static asio::thread_pool p(ZMGlobalQueue::kThreadCount);
   return p;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 
 // ZMGlobalQueue is the process's concurrent background queue (GCD's global queue of default
@@ -9,5 +10,9 @@
 // it alive capture a weak_ptr.
 class ZMGlobalQueue {
  public:
+  // Eight threads: uninstalls and sweeps block in ZMMainQueue::sync while the host drains the
+  // main queue, and several of them may be queued at once.
+  static constexpr std::size_t kThreadCount = 8;
+
   static void post(std::function<void()> block);
 };

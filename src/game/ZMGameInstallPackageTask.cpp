@@ -1,0 +1,113 @@
+#include "game/ZMGameInstallPackageTask.h"
+
+#include "platform/ZMFileManager.h"
+#include "platform/ZMFormat.h"
+#include "platform/ZMJSON.h"
+#include "storage/ZMDatabaseHelper.h"
+#include "tavo/ZMGameHandle.h"
+#include "tavo/ZMMainQueue.h"
+#include "tavo/ZMOptionKeys.h"
+#include "util/ZMFileUtils.h"
+
+namespace {
+std::optional<std::string> optionText(const ZMValue& options, const char* key) {
+  if (!options.is_object()) return std::nullopt;
+  auto it = options.find(key);
+  if (it == options.end() || !it->is_string()) return std::nullopt;
+  return it->get<std::string>();
+}
+}  // namespace
+
+ZMGameInstallPackageTask::ZMGameInstallPackageTask(
+    std::weak_ptr<ZMPackageInstallListener> listener, std::string userId, int64_t reqId,
+    std::string appDir, std::string installDir, std::string detailFile)
+    : listener_(std::move(listener)),
+      userId_(std::move(userId)),
+      reqId_(reqId),
+      appDir_(std::move(appDir)),
+      installDir_(std::move(installDir)),
+      detailFilePath_(std::move(detailFile)) {}
+
+void ZMGameInstallPackageTask::execute(const ZMValue& options) { _installGame(options); }
+
+void ZMGameInstallPackageTask::_installGame(const ZMValue& options) {
+  info_ = options;
+  if (options.is_object() && options.contains(ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT)) {
+    subpackageRoot_ = optionText(options, ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT).value_or("");
+  }
+  if (!isSubpackage()) {
+    // Without both the app id and the version a whole game cannot describe itself in
+    // "detail.json"; refuse before anything is cleared.
+    for (const char* key : {ZM_KEY_GAME_PACKAGE_APP_ID, ZM_KEY_GAME_PACKAGE_VERSION}) {
+      if (optionText(options, key).value_or("").empty()) {
+        const char* name = key == ZM_KEY_GAME_PACKAGE_APP_ID ? "ZM_KEY_GAME_PACKAGE_APP_ID"
+                                                             : "ZM_KEY_GAME_PACKAGE_VERSION";
+        _complete(ZMError(ZMFormat("missing install option: %@", {name}), -1, ZMValue::object()));
+        return;
+      }
+    }
+    ZMFileUtils::deleteFileInFolder(appDir_, {});
+  }
+  packagePath_ = optionText(options, ZM_KEY_GAME_PACKAGE_PATH).value_or("");
+  auto handle = ZMGameHandle::getInstance();
+  if (!handle) {
+    onUnzipFailed("no game engine is loaded to unzip the package");
+    return;
+  }
+  handle->unzipFile(packagePath_, installDir_, shared_from_this());
+}
+
+void ZMGameInstallPackageTask::onUnzipProgress(float progress) {
+  ZMLogFormat("unzip progress:%f", {static_cast<double>(progress)});
+}
+
+void ZMGameInstallPackageTask::onUnzipFailed(const std::string& message) {
+  // A whole game leaves nothing half-extracted behind.
+  if (!isSubpackage()) ZMFileUtils::deleteFileInFolder(appDir_, {});
+  _complete(ZMError(message, -1, ZMValue::object()));
+}
+
+void ZMGameInstallPackageTask::onUnzipSucceed() {
+  ZMValue detail;
+  if (isSubpackage()) {
+    auto existing = ZMFileUtils::readJSONObjectFromFile(detailFilePath_);
+    if (existing && existing->is_object()) {
+      detail = std::move(*existing);
+      ZMValue list = ZMValue::array();
+      if (auto it = detail.find("subpackages"); it != detail.end() && it->is_array()) list = *it;
+      list.push_back(*subpackageRoot_);
+      detail["subpackages"] = std::move(list);
+    }
+  }
+  if (detail.is_null()) {
+    // A whole game, or a subpackage whose detail cannot be read: the detail is rebuilt from the
+    // request, and the subpackage root is then not recorded.
+    detail = ZMValue::object();
+    for (const char* key : {ZM_KEY_GAME_PACKAGE_APP_ID, ZM_KEY_GAME_PACKAGE_VERSION}) {
+      auto text = optionText(info_, key);
+      detail[key] = text ? ZMValue(*text) : ZMValue();
+    }
+  }
+  // A write error is not reported: the game is installed all the same.
+  ZMFileManager::writeFileAtomically(detailFilePath_, ZMJSONPrettyString(detail), nullptr);
+  _complete(std::nullopt);
+}
+
+void ZMGameInstallPackageTask::_complete(std::optional<ZMError> error) {
+  ZMMainQueue::post([weak = weak_from_this(), error = std::move(error)] {
+    auto self = weak.lock();
+    if (!self || self->isCancel_) return;
+    auto listener = self->listener_.lock();
+    if (error) {
+      if (listener) listener->onInstallFailure(*error);
+      return;
+    }
+    ZMFileUtils::deleteFile(self->packagePath_);
+    ZMRow row;
+    row.user_id = self->userId_;
+    row.app_id = optionText(self->info_, ZM_KEY_GAME_PACKAGE_APP_ID);
+    row.extend = optionText(self->info_, ZM_KEY_GAME_PACKAGE_EXTEND_DATA);
+    ZMDatabaseHelper::getInstance().updateOrInsertAppRow(row);
+    if (listener) listener->onInstallSuccess();
+  });
+}

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tavo/ZMCoreListeners.h"
+#include "tavo/ZMGameListeners.h"
+#include "tavo/ZMValue.h"
+
+// ZMGameInstallPackageTask turns a downloaded package (a zip) into an installed game: a whole
+// game clears the app directory first, the engine unzips into the version directory, the app's
+// "detail.json" is written (atomically, on the engine's thread), and on the main queue the
+// package file is deleted, the user's record upserted and the host told. A subpackage install
+// clears nothing and appends its root to "detail.json"'s "subpackages".
+//
+// The engine holds the task until its unzip ends, so the unzip and "detail.json" always finish;
+// `cancel` skips only the final main-queue step. That step holds the task weakly.
+class ZMGameInstallPackageTask : public ZMUnzipGamePackageListener,
+                                 public std::enable_shared_from_this<ZMGameInstallPackageTask> {
+ public:
+  ZMGameInstallPackageTask(std::weak_ptr<ZMPackageInstallListener> listener, std::string userId,
+                           int64_t reqId, std::string appDir, std::string installDir,
+                           std::string detailFile);
+
+  void execute(const ZMValue& options);
+  void cancel() { isCancel_ = true; }
+
+  void onUnzipSucceed() override;
+  void onUnzipProgress(float progress) override;
+  void onUnzipFailed(const std::string& message) override;
+
+ private:
+  bool isSubpackage() const { return subpackageRoot_.has_value(); }
+  void _installGame(const ZMValue& options);
+  void _complete(std::optional<ZMError> error);
+
+  std::weak_ptr<ZMPackageInstallListener> listener_;
+  const std::string userId_;
+  const int64_t reqId_;
+  const std::string appDir_;
+  const std::string installDir_;
+  const std::string detailFilePath_;
+  // Set by execute on the caller's thread before the engine starts; read-only afterwards.
+  std::string packagePath_;
+  ZMValue info_;
+  std::optional<std::string> subpackageRoot_;
+  std::atomic<bool> isCancel_{false};
+};

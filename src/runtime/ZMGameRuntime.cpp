@@ -1,0 +1,198 @@
+#include "runtime/ZMGameRuntime.h"
+
+#include <mutex>
+
+#include "platform/ZMFormat.h"
+#include "platform/ZMPath.h"
+#include "runtime/ZMGameRuntime2.h"
+#include "storage/ZMDatabaseHelper.h"
+#include "storage/ZMPermissionUtil.h"
+#include "tavo/ZMOptionKeys.h"
+#include "tavo/ZMSystemDirectories.h"
+#include "util/ZMFileUtils.h"
+
+namespace {
+
+// The singleton slot: set by init, read by getInstance from any thread, emptied by done.
+std::mutex gSlotMutex;
+std::shared_ptr<ZMGameRuntime> gInstance;
+
+std::string optionText(const ZMValue& options, const char* key) {
+  if (!options.is_object()) return {};
+  auto it = options.find(key);
+  return it != options.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
+}  // namespace
+
+bool ZMIsSafePathComponent(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+}
+
+std::shared_ptr<ZMGameRuntime> ZMGameRuntime::init() {
+  std::shared_ptr<ZMGameRuntime> runtime(new ZMGameRuntime());
+  std::lock_guard lock(gSlotMutex);
+  gInstance = runtime;
+  return runtime;
+}
+
+std::shared_ptr<ZMGameRuntime> ZMGameRuntime::getInstance() {
+  std::lock_guard lock(gSlotMutex);
+  if (!gInstance) throw ZMException("ZimoRuntime error", "uninitialized ZimoGameRuntime");
+  return gInstance;
+}
+
+void ZMGameRuntime::create(const std::string& userId, const ZMValue& options,
+                           const std::shared_ptr<ZMRuntimeInitListener>& listener) {
+  ZMLogFormat("root->%@", {ZMSystemDirectories::documentsDirectory()});
+  userId_ = userId;
+  permissionListener_ = std::make_shared<ZMPermissionUtil>(userId_);
+
+  // A user id becomes part of directory names ("<user>_<app>"); one that could leave the
+  // storage roots is refused before anything is created.
+  if (userId_.find('/') != std::string::npos || userId_.find('\0') != std::string::npos) {
+    if (listener) listener->onInitializeFailure(ZMException("init fail", "invalid user id"));
+    return;
+  }
+  if (!ZMDatabaseHelper::getInstance().createDataBase()) {
+    if (listener) listener->onInitializeFailure(ZMException("init fail", "create database error"));
+    return;
+  }
+
+  ZMValue effective = options.is_object() ? options : ZMValue::object();
+  const std::string base = ZMSystemDirectories::cachesDirectory();
+  const std::string temporary = ZMSystemDirectories::temporaryDirectory();
+
+  storagePathApp_.clear();
+  storagePathUser_.clear();
+  storagePathCache_.clear();
+  storagePathCore_.clear();
+  storagePathApp_ = optionText(effective, ZM_KEY_STORAGE_PATH_APP);
+  if (storagePathApp_.empty()) storagePathApp_ = ZMPathJoin(base, "app");
+  storagePathUser_ = optionText(effective, ZM_KEY_STORAGE_PATH_USER);
+  if (storagePathUser_.empty()) storagePathUser_ = ZMPathJoin(base, "user");
+  storagePathCache_ = optionText(effective, ZM_KEY_STORAGE_PATH_CACHE);
+  if (storagePathCache_.empty()) storagePathCache_ = temporary;
+  storagePathCore_ = optionText(effective, ZM_KEY_STORAGE_PATH_CORE);
+  if (storagePathCore_.empty()) storagePathCore_ = ZMPathJoin(base, "core");
+
+  // Results ignored: a root that cannot be created shows up in the operations that use it; a
+  // root that is a file throws out of here.
+  ZMFileUtils::ensureDirExists(storagePathApp_);
+  ZMFileUtils::ensureDirExists(storagePathCore_);
+  ZMFileUtils::ensureDirExists(storagePathCache_);
+  ZMFileUtils::ensureDirExists(storagePathUser_);
+
+  gameRuntime2_ = ZMGameRuntime2::initWithUserId(userId_, effective, listener);
+
+  // Also after a failure reported by the bridge: a host can hear both for one creation.
+  if (listener) listener->onInitializeSuccess(shared_from_this());
+}
+
+std::optional<std::string> ZMGameRuntime::getVersionInfo() { return TAVO_VERSION_TEXT; }
+
+void ZMGameRuntime::validateQuietly(const std::string& path) const {
+  try {
+    ZMFileUtils::validateDirectory(path);
+  } catch (const ZMException& exception) {
+    ZMLogFormat("%@", {exception});
+  }
+}
+
+std::string ZMGameRuntime::userAppName(const std::string& appId) const {
+  return ZMFormat("%@_%@", {userId_, appId});
+}
+
+std::string ZMGameRuntime::getAppPackageCache() {
+  validateQuietly(storagePathCache_);
+  return storagePathCache_;
+}
+
+std::string ZMGameRuntime::getAppDirPath(const std::string& appId) {
+  return ZMPathJoin(storagePathApp_, appId);
+}
+
+std::string ZMGameRuntime::getAppDir(const std::string& appId) {
+  std::string path = getAppDirPath(appId);
+  validateQuietly(path);
+  return path;
+}
+
+std::string ZMGameRuntime::getAppDetailFile(const std::string& appId) {
+  return ZMPathJoin(getAppDir(appId), "detail.json");
+}
+
+std::string ZMGameRuntime::getAppPackageDownloadPath(const std::string& appId,
+                                                     const std::string& version) {
+  return ZMPathJoin(getAppPackageCache(), ZMFormat("%@.%@.zgp", {appId, version}));
+}
+
+std::string ZMGameRuntime::getAppPackageDir(const std::string& appId, const std::string& version) {
+  std::string path = ZMPathJoin(getAppDirPath(appId), version);
+  validateQuietly(path);
+  return path;
+}
+
+std::string ZMGameRuntime::getUserDirPath(const std::string& appId) {
+  return ZMPathJoin(storagePathUser_, userAppName(appId));
+}
+
+std::string ZMGameRuntime::getUserCachePath(const std::string& appId) {
+  return ZMPathJoin(storagePathCache_, userAppName(appId));
+}
+
+std::string ZMGameRuntime::getUserTempDirPath(const std::string& appId) {
+  return ZMPathJoin(getUserCachePath(appId), "tmp");
+}
+
+std::string ZMGameRuntime::getUserDataDirPath(const std::string& appId) {
+  return ZMPathJoin(getUserDirPath(appId), "data");
+}
+
+std::string ZMGameRuntime::getUserLocalStoragePath(const std::string& appId) {
+  return ZMPathJoin(getUserDirPath(appId), "local_storage.db");
+}
+
+std::string ZMGameRuntime::getRuntimeLocalStoragePath(const std::string& appId) {
+  return ZMPathJoin(getUserDirPath(appId), "rt_local_storage.db");
+}
+
+void ZMGameRuntime::setGameQueryExitListener(std::weak_ptr<ZMGameQueryExitListener> listener) {
+  std::lock_guard lock(launchMutex_);
+  gameQueryExitListener_ = std::move(listener);
+}
+
+std::shared_ptr<ZMZimoGamePluginManager> ZMGameRuntime::getManager(const std::string& name,
+                                                                   const ZMValue& options) {
+  return gameRuntime2_ ? gameRuntime2_->getManager(name, options) : nullptr;
+}
+
+std::shared_ptr<ZMGameHandle> ZMGameRuntime::gameHandle() const {
+  std::lock_guard lock(launchMutex_);
+  return gameHandle_.lock();
+}
+
+std::shared_ptr<void> ZMGameRuntime::viewController() const {
+  std::lock_guard lock(launchMutex_);
+  return viewController_.lock();
+}
+
+std::optional<std::string> ZMGameRuntime::appId() const {
+  std::lock_guard lock(launchMutex_);
+  return appId_;
+}
+
+ZMValue ZMGameRuntime::info() const {
+  std::lock_guard lock(launchMutex_);
+  return info_;
+}
+
+void ZMGameRuntime::done() {
+  cancelGamePackageRequest();
+  auto handle = gameHandle();
+  if (gameRuntime2_) gameRuntime2_->destroyGame(handle);
+  if (handle) handle->done();
+  std::lock_guard lock(gSlotMutex);
+  if (gInstance.get() == this) gInstance.reset();
+}

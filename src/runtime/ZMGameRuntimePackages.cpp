@@ -1,0 +1,238 @@
+// The runtime's package and record operations: thin fronts that derive paths from the storage
+// layout, tell the host the work starts, and hand the work to one task per request.
+
+#include "game/ZMCheckFileAvailabilityTask.h"
+#include "game/ZMGameCheckVersionTask.h"
+#include "game/ZMGameDownloadPackageTask.h"
+#include "game/ZMGameInstallPackageTask.h"
+#include "game/ZMGameUninstallPackageTask.h"
+#include "platform/ZMFormat.h"
+#include "platform/ZMPath.h"
+#include "runtime/ZMGameConfig.h"
+#include "runtime/ZMGameDetail.h"
+#include "runtime/ZMGameRuntime.h"
+#include "storage/ZMDatabaseHelper.h"
+#include "tavo/ZMMainQueue.h"
+#include "tavo/ZMOptionKeys.h"
+#include "util/ZMFileUtils.h"
+
+namespace {
+
+std::optional<std::string> optionText(const ZMValue& options, const char* key) {
+  if (!options.is_object()) return std::nullopt;
+  auto it = options.find(key);
+  if (it == options.end() || !it->is_string()) return std::nullopt;
+  return it->get<std::string>();
+}
+
+// An app id that could make a path leave the storage roots is refused with this error.
+std::optional<ZMError> appIdError(const std::optional<std::string>& appId) {
+  if (appId && ZMIsSafePathComponent(*appId)) return std::nullopt;
+  return ZMError(ZMFormat("invalid app id: %@", {appId}), -1, ZMValue::object());
+}
+
+std::optional<ZMError> versionDirectoryError(const std::optional<std::string>& version) {
+  if (!version || ZMIsSafePathComponent(*version)) return std::nullopt;
+  return ZMError(ZMFormat("invalid version: %@", {version}), -1, ZMValue::object());
+}
+
+template <typename Task>
+void cancelAndClear(std::shared_ptr<Task>& task) {
+  if (task) {
+    task->cancel();
+    task.reset();
+  }
+}
+
+}  // namespace
+
+void ZMGameRuntime::checkGameVersion(const ZMValue& options,
+                                     std::weak_ptr<ZMPackageCheckVersionListener> listener) {
+  cancelAndClear(gameCheckTask_);
+  const auto appId = optionText(options, ZM_KEY_GAME_PACKAGE_APP_ID);
+  auto host = listener.lock();
+  if (auto error = appIdError(appId)) {
+    if (host) {
+      host->onCheckVersionStart(options);
+      host->onCheckVersionFailure(*error);
+    }
+    return;
+  }
+  const std::string detailPath = ZMPathJoin(getAppDirPath(*appId), "detail.json");
+  if (host) host->onCheckVersionStart(options);
+  gameCheckTask_ = std::make_shared<ZMGameCheckVersionTask>(std::move(listener), detailPath);
+  gameCheckTask_->execute(options);
+}
+
+void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
+                                        std::weak_ptr<ZMPackageDownloadListener> listener) {
+  cancelAndClear(gameDownloadTask_);
+  const auto appId = optionText(options, ZM_KEY_GAME_PACKAGE_APP_ID);
+  const auto version = optionText(options, ZM_KEY_GAME_PACKAGE_VERSION);
+  auto host = listener.lock();
+  // The version is part of the package's file name: it must not hold a separator.
+  std::optional<ZMError> error = appIdError(appId);
+  if (!error && version &&
+      (version->find('/') != std::string::npos || version->find('\0') != std::string::npos)) {
+    error = ZMError(ZMFormat("invalid version: %@", {version}), -1, ZMValue::object());
+  }
+  if (error) {
+    if (host) {
+      host->onDownloadStart();
+      host->onDownloadFailure(*error);
+    }
+    return;
+  }
+  const std::string savePath =
+      getAppPackageDownloadPath(*appId, version ? *version : ZMFormat("%@", {nullptr}));
+  const std::string url = optionText(options, ZM_KEY_GAME_PACKAGE_URL).value_or("");
+  if (host) host->onDownloadStart();
+  gameDownloadTask_ = std::make_shared<ZMGameDownloadPackageTask>(std::move(listener), savePath, url);
+  gameDownloadTask_->execute(options);
+}
+
+void ZMGameRuntime::installGamePackage(const ZMValue& options,
+                                       std::weak_ptr<ZMPackageInstallListener> listener) {
+  const auto appId = optionText(options, ZM_KEY_GAME_PACKAGE_APP_ID);
+  const auto version = optionText(options, ZM_KEY_GAME_PACKAGE_VERSION);
+  std::optional<ZMError> error = appIdError(appId);
+  if (!error) error = versionDirectoryError(version);
+  if (error) {
+    cancelAndClear(gameInstallTask_);
+    if (auto host = listener.lock()) {
+      host->onInstallStart();
+      host->onInstallFailure(*error);
+    }
+    return;
+  }
+  // These create the app and version directories, even if the install then fails.
+  const std::string appDir = getAppDir(*appId);
+  const std::string installDir = getAppPackageDir(*appId, version.value_or(""));
+  const std::string detailFile = getAppDetailFile(*appId);
+  cancelAndClear(gameInstallTask_);
+  if (auto host = listener.lock()) host->onInstallStart();
+  gameInstallTask_ = std::make_shared<ZMGameInstallPackageTask>(std::move(listener), userId_, 1,
+                                                                appDir, installDir, detailFile);
+  gameInstallTask_->execute(options);
+}
+
+void ZMGameRuntime::cancelGamePackageRequest() {
+  cancelAndClear(gameCheckTask_);
+  cancelAndClear(gameDownloadTask_);
+  cancelAndClear(gameInstallTask_);
+  cancelAndClear(checkFileAvailabilityTask_);
+}
+
+void ZMGameRuntime::checkFileAvailability(const ZMValue& options,
+                                          std::weak_ptr<ZMCheckFileAvailabilityListener> listener) {
+  cancelAndClear(checkFileAvailabilityTask_);
+  checkFileAvailabilityTask_ = std::make_shared<ZMCheckFileAvailabilityTask>(std::move(listener));
+  checkFileAvailabilityTask_->execute(options);
+}
+
+void ZMGameRuntime::listGame(std::weak_ptr<ZMGameListListener> listener) {
+  auto rows = ZMDatabaseHelper::getInstance().getAppidListByUserId(userId_);
+  ZMValue items = ZMValue::array();
+  ZMMainQueue::sync([&] {
+    for (const auto& row : rows.value_or(std::vector<std::shared_ptr<ZMAppRow>>())) {
+      ZMValue item = ZMValue::object();
+      item[ZM_KEY_GAME_ITEM_APP_ID] = row->app_id ? ZMValue(*row->app_id) : ZMValue();
+      if (row->extend) item[ZM_KEY_GAME_ITEM_EXTEND] = *row->extend;
+      items.push_back(std::move(item));
+    }
+  });
+  if (auto host = listener.lock()) host->onListGameSuccess(items);
+}
+
+void ZMGameRuntime::setGameData(const std::string& appId, const ZMValue& info,
+                                std::weak_ptr<ZMGameDataListener> listener) {
+  ZMRow row;
+  row.app_id = appId;
+  row.user_id = userId_;
+  auto text = [&](const char* key, std::optional<std::string>& field) {
+    if (info.is_object() && info.contains(key) && info[key].is_string()) {
+      field = info[key].get<std::string>();
+    }
+  };
+  auto number = [&](const char* key, std::optional<int64_t>& field) {
+    if (info.is_object() && info.contains(key) && info[key].is_number()) {
+      field = info[key].is_number_integer() ? info[key].get<int64_t>()
+                                            : static_cast<int64_t>(info[key].get<double>());
+    }
+  };
+  text("extend", row.extend);
+  number("auth_write_photos_album", row.auth_write_photos_album);
+  number("auth_user_info", row.auth_user_info);
+  number("auth_record", row.auth_record);
+  number("auth_location", row.auth_location);
+  number("auth_camera", row.auth_camera);
+  text("reserve", row.reserve);
+  number("played", row.played);  // carried, but the store never writes played from a row
+  const bool saved = ZMDatabaseHelper::getInstance().updateOrInsertAppRow(row);
+  auto host = listener.lock();
+  if (!host) return;
+  if (saved) {
+    host->onGameDataSetSuccess();
+  } else {
+    host->onGameDataSetFailure(ZMError("set game data update database fail", 0));
+  }
+}
+
+void ZMGameRuntime::removeGameList(const std::vector<std::string>& appIds,
+                                   std::weak_ptr<ZMGameRemoveListener> listener) {
+  if (appIds.empty()) return;
+  for (const auto& appId : appIds) {
+    if (auto error = appIdError(appId)) {
+      // Refused before anything is touched; the run still ends the usual way.
+      if (auto host = listener.lock()) {
+        host->onRemoveFailure(*error);
+        host->onRemoveSuccess(std::nullopt);
+      }
+      return;
+    }
+  }
+  GameUninstallPackageTaskInfo info;
+  info.list = appIds;
+  info.userId = userId_;
+  for (const auto& appId : appIds) {
+    info.appIdArrays.push_back(getAppDirPath(appId));
+    info.userTempDirPathArrays.push_back(getUserCachePath(appId));
+    info.userDataDirPathArrays.push_back(getUserDirPath(appId));
+  }
+  // Not kept: the queued work holds the task until its last notification.
+  std::make_shared<ZMGameUninstallPackageTask>(std::move(listener))->execute(info);
+}
+
+void ZMGameRuntime::removeGameAll(std::weak_ptr<ZMGameRemoveListener> listener) {
+  auto rows = ZMDatabaseHelper::getInstance().getAppidListByUserId(userId_);
+  std::vector<std::string> appIds;
+  ZMMainQueue::sync([&] {
+    for (const auto& row : rows.value_or(std::vector<std::shared_ptr<ZMAppRow>>())) {
+      if (row->app_id) appIds.push_back(*row->app_id);
+    }
+  });
+  removeGameList(appIds, std::move(listener));
+}
+
+std::shared_ptr<ZMZimoGameConfig> ZMGameRuntime::getGameConfig(const ZMValue& options) {
+  const auto appId = optionText(options, ZM_KEY_GAME_PACKAGE_APP_ID);
+  auto version = optionText(options, ZM_KEY_GAME_PACKAGE_VERSION);
+  if (!appId || appId->empty()) return nullptr;
+  if (!ZMIsSafePathComponent(*appId)) {
+    ZMLogFormat("getGameConfig: invalid app id: %@", {appId});
+    return nullptr;
+  }
+  if (!version || version->empty()) {
+    const std::string detailFile = getAppDetailFile(*appId);
+    if (!ZMFileUtils::isExist(detailFile)) return nullptr;
+    version = ZMGameDetail(detailFile).gameVersion();
+    if (!version || version->empty()) return nullptr;
+  }
+  if (!ZMIsSafePathComponent(*version)) {
+    ZMLogFormat("getGameConfig: invalid version: %@", {version});
+    return nullptr;
+  }
+  const std::string path = ZMPathJoin(getAppPackageDir(*appId, *version), "game.config.json");
+  if (!ZMFileUtils::isExist(path)) return std::make_shared<ZMGameConfig>();
+  return ZMGameConfig::createGameCofingWithPath(path);
+}

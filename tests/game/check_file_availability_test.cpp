@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "game/ZMCheckFileAvailabilityTask.h"
+#include "platform/ZMGlobalQueue.h"
+#include "support/TestRuntime.h"
+#include "support/TestSupport.h"
+
+namespace {
+
+class ZMCheckFileAvailabilityTaskTest : public ::testing::Test {
+ protected:
+  TestRuntime t;
+  std::shared_ptr<SweepRecorder> sweep(const ZMValue& options) {
+    auto listener = std::make_shared<SweepRecorder>();
+    t.runtime->checkFileAvailability(options, listener);
+    EXPECT_EQ(listener->events().front(), "onCheckStart") << "synchronous on the caller's thread";
+    EXPECT_TRUE(RunUntil([&] {
+      auto last = listener->last();
+      return last == "onCheckSuccess" || last.rfind("onCheckFailure", 0) == 0;
+    }));
+    return listener;
+  }
+  std::string aged(const std::string& name, double seconds) {
+    const std::string path = t.cache() + "/" + name;
+    WriteFile(path, "x");
+    SetAgeSeconds(path, seconds);
+    return path;
+  }
+};
+
+TEST_F(ZMCheckFileAvailabilityTaskTest, DeletesListedExtensionsOnceTheirAgeReachesTheKeepTime) {
+  const std::string young = aged("young.zgp", 59);
+  const std::string old = aged("old.zgp", 60);
+  const std::string upper = aged("upper.ZGP", 600);
+  const std::string other = aged("notes.txt", 600);
+  const std::string bare = aged("noextension", 600);
+  WriteFile(t.cache() + "/dir.zgp/inner.bin", "x");
+  SetAgeSeconds(t.cache() + "/dir.zgp", 600);
+  WriteFile(t.cache() + "/keep/deep.zgp", "x");
+  SetAgeSeconds(t.cache() + "/keep/deep.zgp", 600);
+
+  auto listener = sweep({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp", "tmp"}},
+                         {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}});
+  auto events = listener->events();
+  std::sort(events.begin() + 1, events.end() - 1);
+  EXPECT_EQ(events, (std::vector<std::string>{"onCheckStart",
+                                              "onCheckProgress:" + t.cache() + "/dir.zgp",
+                                              "onCheckProgress:" + old, "onCheckSuccess"}));
+  EXPECT_TRUE(Exists(young));
+  EXPECT_FALSE(Exists(old));
+  EXPECT_TRUE(Exists(upper)) << "extensions compare case-sensitively";
+  EXPECT_TRUE(Exists(other));
+  EXPECT_TRUE(Exists(bare));
+  EXPECT_TRUE(Exists(t.cache() + "/keep/deep.zgp")) << "subdirectories are not searched";
+
+  // A keep time given as text works like the number.
+  aged("ten.zgp", 10 * 60 + 1);
+  const std::string nine = aged("nine.zgp", 9 * 60);
+  listener = sweep({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
+                    {ZM_KEY_CHECK_FILE_KEEP_TIME, "10"}});
+  EXPECT_EQ(listener->events(), (std::vector<std::string>{
+                                    "onCheckStart", "onCheckProgress:" + t.cache() + "/ten.zgp",
+                                    "onCheckSuccess"}));
+  EXPECT_TRUE(Exists(nine));
+}
+
+TEST_F(ZMCheckFileAvailabilityTaskTest, MissingOptionsFailInOrder) {
+  EXPECT_EQ(sweep(ZMValue::object())->last(),
+            "onCheckFailure:missing options: ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY|0");
+  EXPECT_EQ(sweep({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, ZMValue::array()},
+                   {ZM_KEY_CHECK_FILE_KEEP_TIME, 5}})
+                ->last(),
+            "onCheckFailure:missing options: ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY|0");
+  EXPECT_EQ(sweep({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
+                   {ZM_KEY_CHECK_FILE_KEEP_TIME, 0}})
+                ->last(),
+            "onCheckFailure:missing options: ZM_KEY_CHECK_FILE_KEEP_TIME|0");
+}
+
+TEST_F(ZMCheckFileAvailabilityTaskTest, CancelKeepsDeletionsAndProgressButDropsTheResult) {
+  const std::string old = aged("old.zgp", 3600);
+  // Every pool thread is held, so the sweep cannot start before the cancel.
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::size_t held = 0;
+  bool release = false;
+  for (std::size_t i = 0; i < ZMGlobalQueue::kThreadCount; ++i) {
+    ZMGlobalQueue::post([&] {
+      std::unique_lock lock(mutex);
+      ++held;
+      cv.notify_all();
+      cv.wait(lock, [&] { return release; });
+    });
+  }
+  {
+    std::unique_lock lock(mutex);
+    cv.wait(lock, [&] { return held == ZMGlobalQueue::kThreadCount; });
+  }
+  auto first = std::make_shared<SweepRecorder>();
+  t.runtime->checkFileAvailability({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
+                                    {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}},
+                                   first);
+  t.runtime->cancelGamePackageRequest();
+  {
+    std::lock_guard lock(mutex);
+    release = true;
+  }
+  cv.notify_all();
+  ASSERT_TRUE(RunUntil([&] { return first->size() == 2; }));
+  DrainMainQueue();
+  EXPECT_EQ(first->events(), (std::vector<std::string>{"onCheckStart", "onCheckProgress:" + old}));
+  EXPECT_FALSE(Exists(old));
+}
+
+TEST(ZMCheckFileAvailabilityTaskNoRuntime, FailsWithTheRuntimesReason) {
+  auto listener = std::make_shared<SweepRecorder>();
+  auto task = std::make_shared<ZMCheckFileAvailabilityTask>(listener);
+  task->execute({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}}, {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}});
+  ASSERT_TRUE(RunUntil([&] { return listener->size() == 2; }));
+  EXPECT_EQ(listener->last(), "onCheckFailure:uninitialized ZimoGameRuntime|0");
+}
+
+}  // namespace

@@ -1,0 +1,82 @@
+#include <gtest/gtest.h>
+
+#include "game/ZMGameCheckVersionTask.h"
+#include "support/TestRuntime.h"
+#include "support/TestSupport.h"
+
+namespace {
+
+const char* kMismatch = "onCheckVersionFailure:Error: version is not the same as local version|-1";
+
+class ZMGameCheckVersionTaskTest : public ::testing::Test {
+ protected:
+  TestRuntime t;
+  std::string check(const ZMValue& options) {
+    auto listener = std::make_shared<CheckRecorder>();
+    t.runtime->checkGameVersion(options, listener);
+    EXPECT_TRUE(RunUntil([&] { return listener->size() >= 2; }));
+    EXPECT_EQ(listener->events().front(), "onCheckVersionStart");
+    return listener->last();
+  }
+  static ZMValue ask(const std::string& appId, const std::string& version) {
+    return {{ZM_KEY_GAME_PACKAGE_APP_ID, appId}, {ZM_KEY_GAME_PACKAGE_VERSION, version}};
+  }
+};
+
+TEST_F(ZMGameCheckVersionTaskTest, EveryKindOfMismatchIsTheSameError) {
+  EXPECT_EQ(check(ask("g1", "1.0")), kMismatch) << "nothing installed";
+  WriteFile(t.app() + "/g1/detail.json",
+            R"({"rt_game_package_app_id":"g1","rt_game_package_version":"1.0 "})");
+  EXPECT_EQ(check(ask("g1", "1.0")), kMismatch) << "trailing blank in the installed version";
+  WriteFile(t.app() + "/g1/detail.json",
+            R"({"rt_game_package_app_id":"other","rt_game_package_version":"1.0"})");
+  EXPECT_EQ(check(ask("g1", "1.0")), kMismatch) << "another app id";
+  WriteFile(t.app() + "/g1/detail.json", "not json");
+  EXPECT_EQ(check(ask("g1", "1.0")), kMismatch) << "unreadable detail";
+  WriteFile(t.app() + "/g1/detail.json",
+            R"({"rt_game_package_app_id":"g1","rt_game_package_version":"1.0"})");
+  EXPECT_EQ(check(ask("g1", "1.0.0")), kMismatch) << "versions are texts, not numbers";
+  EXPECT_EQ(check({{ZM_KEY_GAME_PACKAGE_APP_ID, "g1"}}), kMismatch) << "no version asked";
+  EXPECT_EQ(check(ask("g1", "1.0")), "onCheckVersionSuccess");
+  EXPECT_EQ(check(ask("..", "1.0")), "onCheckVersionFailure:invalid app id: ..|-1");
+}
+
+TEST_F(ZMGameCheckVersionTaskTest, ASecondCheckCancelsTheFirst) {
+  WriteFile(t.app() + "/g1/detail.json",
+            R"({"rt_game_package_app_id":"g1","rt_game_package_version":"1.0"})");
+  auto listener = std::make_shared<CheckRecorder>();
+  t.runtime->checkGameVersion(ask("g1", "1.0"), listener);
+  auto first = t.runtime->gameCheckTask();
+  t.runtime->checkGameVersion(ask("g1", "1.0"), listener);
+  EXPECT_TRUE(first->isCancel());
+  ASSERT_TRUE(RunUntil([&] { return listener->size() >= 3; }));
+  DrainMainQueue();
+  EXPECT_EQ(listener->events(), (std::vector<std::string>{"onCheckVersionStart", "onCheckVersionStart",
+                                                          "onCheckVersionSuccess"}));
+  // The answer arrived on the main thread.
+  EXPECT_EQ(listener->threads().back(), std::this_thread::get_id());
+}
+
+TEST_F(ZMGameCheckVersionTaskTest, CancelBeforeDeliverySilencesTheTask) {
+  auto listener = std::make_shared<CheckRecorder>();
+  auto task = std::make_shared<ZMGameCheckVersionTask>(listener, t.app() + "/g1/detail.json");
+  task->execute(ask("g1", "1.0"));
+  task->cancel();
+  DrainMainQueue();
+  EXPECT_EQ(listener->size(), 0u);
+}
+
+TEST_F(ZMGameCheckVersionTaskTest, InstallThenCheckThroughTheFacade) {
+  ASSERT_TRUE(t.installGame("g1", "1", R"({"deviceOrientation":"portrait","showStatusBar":true})"));
+  EXPECT_EQ(check(ask("g1", "1")), "onCheckVersionSuccess");
+  ASSERT_TRUE(t.installGame("g1", "2", R"({"deviceOrientation":"landscape"})"));
+  EXPECT_FALSE(Exists(t.app() + "/g1/1"));
+  EXPECT_EQ(check(ask("g1", "1")), kMismatch);
+  EXPECT_EQ(check(ask("g1", "2")), "onCheckVersionSuccess");
+  auto config = t.runtime->getGameConfig({{ZM_KEY_GAME_PACKAGE_APP_ID, "g1"}});
+  ASSERT_TRUE(config);
+  EXPECT_EQ(config->deviceOrientation(), "landscape");
+  EXPECT_FALSE(config->showStatusBar());
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "storage/ZMDatabaseHelper.h"
+#include "support/TestRuntime.h"
+#include "game/ZMGameUninstallPackageTask.h"
+#include "support/TestSupport.h"
+#include "support/TestZip.h"
+
+namespace {
+
+// Sets the immutable flag on a file for the life of the object.
+class ImmutableFile {
+ public:
+  explicit ImmutableFile(const std::string& path) : path_(path) { ok_ = set(true); }
+  ~ImmutableFile() {
+    if (ok_) set(false);
+  }
+  bool ok() const { return ok_; }
+
+ private:
+  bool set(bool on) {
+    const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    int flags = 0;
+    bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+    done = done && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+    ::close(fd);
+    return done;
+  }
+  std::string path_;
+  bool ok_ = false;
+};
+
+class ZMGameUninstallPackageTask : public ::testing::Test {
+ protected:
+  TestRuntime t;
+  std::shared_ptr<RemoveRecorder> remove(const std::vector<std::string>& appIds) {
+    auto listener = std::make_shared<RemoveRecorder>();
+    t.runtime->removeGameList(appIds, listener);
+    EXPECT_TRUE(RunUntil([&] { return listener->last().rfind("onRemoveSuccess", 0) == 0; }));
+    return listener;
+  }
+  void makeUserDirs(const std::string& user, const std::string& appId) {
+    WriteFile(t.cache() + "/" + user + "_" + appId + "/tmp/t.bin", "t");
+    WriteFile(t.user() + "/" + user + "_" + appId + "/data/d.bin", "d");
+  }
+};
+
+TEST_F(ZMGameUninstallPackageTask, SharedAppFilesGoOnlyWithTheLastUser) {
+  ASSERT_TRUE(t.install("g1", "1.0", [&] {
+    const std::string p = t.root() + "/p1.zip";
+    MakeGamePackage(p, "{}");
+    return p;
+  }(), "ext-1"));
+  makeUserDirs("u1", "g1");
+  t.switchUser("u2");
+  ASSERT_TRUE(t.installGame("g1", "1.0"));
+  makeUserDirs("u2", "g1");
+
+  // u2 removes g1 plus an app it never installed, which is skipped silently.
+  auto listener = remove({"never", "g1"});
+  EXPECT_EQ(listener->events(), (std::vector<std::string>{"onRemoveStart:g1|(null)",
+                                                          "onRemoveFinish:g1|(null)",
+                                                          "onRemoveSuccess:[g1]"}));
+  EXPECT_FALSE(Exists(t.cache() + "/u2_g1"));
+  EXPECT_FALSE(Exists(t.user() + "/u2_g1"));
+  EXPECT_TRUE(Exists(t.app() + "/g1/1.0")) << "u1 still has the game";
+  EXPECT_TRUE(Exists(t.user() + "/u1_g1/data/d.bin"));
+
+  t.switchUser("u1");
+  listener = remove({"g1"});
+  EXPECT_EQ(listener->events(), (std::vector<std::string>{"onRemoveStart:g1|ext-1",
+                                                          "onRemoveFinish:g1|ext-1",
+                                                          "onRemoveSuccess:[g1]"}));
+  EXPECT_FALSE(Exists(t.app() + "/g1"));
+  EXPECT_EQ(ZMDatabaseHelper::getInstance().getPeopleCount("g1"), 0);
+}
+
+TEST_F(ZMGameUninstallPackageTask, DeletionFailureStopsTheRunAfterItsRecordIsGone) {
+  for (const char* appId : {"a1", "a2", "a3"}) {
+    ASSERT_TRUE(t.installGame(appId, "1"));
+    makeUserDirs("u1", appId);
+  }
+  // The data directory of a2 cannot be emptied: it holds an immutable file (which even root
+  // cannot remove).
+  ImmutableFile pinned(t.user() + "/u1_a2/data/d.bin");
+  if (!pinned.ok()) GTEST_SKIP() << "this file system has no immutable flag";
+  auto listener = remove({"a1", "a2", "a3"});
+  EXPECT_EQ(listener->events(),
+            (std::vector<std::string>{
+                "onRemoveStart:a1|(null)", "onRemoveFinish:a1|(null)", "onRemoveStart:a2|(null)",
+                "onRemoveFailure:remove game file fail appId: a2 and extra: (null)|0",
+                "onRemoveSuccess:(null)"}));
+  auto& store = ZMDatabaseHelper::getInstance();
+  EXPECT_FALSE(store.getAppRowByUserId("u1", "a1"));
+  EXPECT_FALSE(store.getAppRowByUserId("u1", "a2"));
+  EXPECT_TRUE(store.getAppRowByUserId("u1", "a3"));
+  EXPECT_TRUE(Exists(t.app() + "/a3/1"));
+}
+
+TEST_F(ZMGameUninstallPackageTask, CancelSilencesPerAppNotificationsOnly) {
+  ASSERT_TRUE(t.installGame("g1", "1"));
+  auto listener = std::make_shared<RemoveRecorder>();
+  auto task = std::make_shared<::ZMGameUninstallPackageTask>(listener);
+  GameUninstallPackageTaskInfo info;
+  info.list = {"g1"};
+  info.userId = "u1";
+  info.appIdArrays = {t.runtime->getAppDirPath("g1")};
+  info.userTempDirPathArrays = {t.runtime->getUserCachePath("g1")};
+  info.userDataDirPathArrays = {t.runtime->getUserDirPath("g1")};
+  task->execute(info);
+  task->cancel();
+  task.reset();  // the queued work keeps it alive
+  ASSERT_TRUE(RunUntil([&] { return listener->size() == 1; }));
+  DrainMainQueue();
+  EXPECT_EQ(listener->events(), std::vector<std::string>{"onRemoveSuccess:[g1]"});
+  EXPECT_FALSE(Exists(t.app() + "/g1"));
+}
+
+TEST_F(ZMGameUninstallPackageTask, EmptyListAndUnsafeIdsTouchNothing) {
+  WriteFile(t.root() + "/sentinel", "keep");
+  auto listener = std::make_shared<RemoveRecorder>();
+  t.runtime->removeGameList({}, listener);
+  t.runtime->removeGameAll(listener);  // a user without records: same as an empty list
+  DrainMainQueue();
+  EXPECT_EQ(listener->size(), 0u);
+  for (const std::string& bad :
+       std::vector<std::string>{"", ".", "..", "../sentinel", std::string("a\0b", 3)}) {
+    listener = std::make_shared<RemoveRecorder>();
+    t.runtime->removeGameList({"ok", bad}, listener);
+    ASSERT_EQ(listener->size(), 2u);
+    EXPECT_EQ(listener->events()[0].rfind("onRemoveFailure:invalid app id: ", 0), 0u);
+    EXPECT_EQ(listener->events()[1], "onRemoveSuccess:(null)");
+  }
+  EXPECT_EQ(ReadFile(t.root() + "/sentinel"), "keep");
+}
+
+}  // namespace
