@@ -46,7 +46,7 @@ class ZMDatabaseHelper {
 
   // Makes every later save fail (as a full or read-only disk would) until called with false.
   void setSavesFailForTesting(bool fail);
-  // Closes the context, as before the first createDataBase.
+  // Closes the context, as before the first createDataBase, and lets saves succeed again.
   void resetForTesting();
 
  private:
