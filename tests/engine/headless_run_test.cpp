@@ -89,20 +89,18 @@ class MerinHeadlessRun : public ::testing::Test {
     return ZMValue{{ZM_SYSTEM_KEY_FILE_APP_PACKAGE_PATH, dir}, {ZM_KEY_RUN_OPT_VERSION, "1"}};
   }
 
-  // Runs and waits for the launch's callbacks to end.
-  void run(const std::string& appId, const ZMValue& options, RunListener& listener,
-           size_t expectedEvents) {
-    auto shared = std::shared_ptr<RunListener>(&listener, [](RunListener*) {});
-    handle_->runGame({}, appId, options, shared);
-    ASSERT_TRUE(listener.events.waitFor(expectedEvents));
+  // Runs and waits until the listener has `expectedEvents` events.
+  void run(const std::string& appId, const ZMValue& options,
+           const std::shared_ptr<RunListener>& listener, size_t expectedEvents) {
+    handle_->runGame({}, appId, options, listener);
+    ASSERT_TRUE(listener->events.waitFor(expectedEvents));
   }
 
   std::vector<std::string> exitGame(const std::string& appId) {
-    RunListener listener;
-    auto shared = std::shared_ptr<RunListener>(&listener, [](RunListener*) {});
-    handle_->exitGame(appId, shared);
-    EXPECT_TRUE(listener.events.waitFor(1));
-    return listener.events.events();
+    auto listener = std::make_shared<RunListener>();
+    handle_->exitGame(appId, listener);
+    EXPECT_TRUE(listener->events.waitFor(1));
+    return listener->events.events();
   }
 
   TempDir dir_;
@@ -128,16 +126,16 @@ TEST_F(MerinHeadlessRun, RunCreatesAViewSizedByTheConfiguredOrientation) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.config);
     const std::string appId = "app" + std::to_string(n++);
-    RunListener listener;
+    auto listener = std::make_shared<RunListener>();
     run(appId, packageOptions(appId, c.config), listener, 2);
-    EXPECT_EQ(listener.events.events(), (std::vector<std::string>{"view", "run success"}));
-    EXPECT_EQ(listener.events.threads().count(std::this_thread::get_id()), 0u);
-    ASSERT_TRUE(listener.view);
-    EXPECT_EQ(listener.view->appId, appId);
-    EXPECT_EQ(listener.view->orientation, c.orientation);
-    EXPECT_EQ(listener.view->width, c.width);
-    EXPECT_EQ(listener.view->height, c.height);
-    EXPECT_EQ(handle_->getView(), listener.view);
+    EXPECT_EQ(listener->events.events(), (std::vector<std::string>{"view", "run success"}));
+    EXPECT_EQ(listener->events.threads().count(std::this_thread::get_id()), 0u);
+    ASSERT_TRUE(listener->view);
+    EXPECT_EQ(listener->view->appId, appId);
+    EXPECT_EQ(listener->view->orientation, c.orientation);
+    EXPECT_EQ(listener->view->width, c.width);
+    EXPECT_EQ(listener->view->height, c.height);
+    EXPECT_EQ(handle_->getView(), listener->view);
     EXPECT_TRUE(handle_->isRunning());
     EXPECT_EQ(handle_->getAppId(), appId);
   }
@@ -156,11 +154,11 @@ TEST_F(MerinHeadlessRun, RunFailsWithoutAnInstalledPackage) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.expected);
-    RunListener listener;
+    auto listener = std::make_shared<RunListener>();
     run("app", c.options, listener, 1);
     handle_->done();  // joined: anything after the failure would be there now
-    EXPECT_EQ(listener.events.events(), std::vector<std::string>{c.expected});
-    EXPECT_FALSE(listener.view);
+    EXPECT_EQ(listener->events.events(), std::vector<std::string>{c.expected});
+    EXPECT_FALSE(listener->view);
     EXPECT_FALSE(handle_->isRunning());
     EXPECT_EQ(handle_->getAppId(), std::nullopt);
   }
@@ -169,7 +167,7 @@ TEST_F(MerinHeadlessRun, RunFailsWithoutAnInstalledPackage) {
 TEST_F(MerinHeadlessRun, ExitEndsOnlyTheRunningGame) {
   EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit failure: no game running (-1)"});
 
-  RunListener listener;
+  auto listener = std::make_shared<RunListener>();
   run("app", packageOptions("app", "{}"), listener, 2);
   EXPECT_EQ(exitGame("other"), std::vector<std::string>{"exit failure: no game running (-1)"});
   EXPECT_TRUE(handle_->isRunning());
@@ -185,7 +183,7 @@ TEST_F(MerinHeadlessRun, RequestQuitReachesTheQueryExitListenerWhileAGameRuns) {
   handle_->setOnGameQueryExitListener(quit);
 
   handle_->requestQuit(ZMValue{{"reason", "before run"}});
-  RunListener listener;
+  auto listener = std::make_shared<RunListener>();
   run("app", packageOptions("app", "{}"), listener, 2);
   handle_->requestQuit(ZMValue{{"reason", "back button"}});
   ASSERT_TRUE(quit->events.waitFor(1));
@@ -194,7 +192,7 @@ TEST_F(MerinHeadlessRun, RequestQuitReachesTheQueryExitListenerWhileAGameRuns) {
   handle_->done();
 
   EXPECT_EQ(quit->events.events(), std::vector<std::string>{R"({"reason":"back button"})"});
-  EXPECT_EQ(quit->events.threads(), listener.events.threads()) << "on the engine thread";
+  EXPECT_EQ(quit->events.threads(), listener->events.threads()) << "on the engine thread";
 
   // Held weakly: a released listener is simply not called.
   run("app", packageOptions("app", "{}"), listener, 4);
@@ -213,9 +211,9 @@ TEST_F(MerinHeadlessRun, PermissionCallsReachTheListenerWithTheRunningAppId) {
   EXPECT_TRUE(handle_->queryAllPermissions().is_null());
   EXPECT_TRUE(calls->events().empty()) << "no game runs yet";
 
-  RunListener listener;
+  auto listener = std::make_shared<RunListener>();
   std::optional<int64_t> answeredDuringLaunch;
-  listener.duringSuccess = [&] { answeredDuringLaunch = handle_->queryPermission("location"); };
+  listener->duringSuccess = [&] { answeredDuringLaunch = handle_->queryPermission("location"); };
   run("app", packageOptions("app", "{}"), listener, 2);
   EXPECT_EQ(answeredDuringLaunch, 0) << "a call made on the engine thread runs inline";
 
@@ -230,22 +228,21 @@ TEST_F(MerinHeadlessRun, PermissionCallsReachTheListenerWithTheRunningAppId) {
             (std::vector<std::string>{"single app location", "update app", "single app camera",
                                       "single app location", "single app userInfo",
                                       "single app bogus", "all app"}));
-  EXPECT_EQ(calls->threads(), listener.events.threads()) << "on the engine thread";
+  EXPECT_EQ(calls->threads(), listener->events.threads()) << "on the engine thread";
 }
 
 TEST_F(MerinHeadlessRun, DoneJoinsForgetsTheGameAndLeavesTheHandleUsable) {
   auto calls = std::make_shared<EngineEvents>();
   handle_->setOnGamePermissionListener(std::make_shared<FakePermissions>(calls));
-  RunListener first;
-  auto shared = std::shared_ptr<RunListener>(&first, [](RunListener*) {});
-  handle_->runGame({}, "app", packageOptions("app", "{}"), shared);
+  auto first = std::make_shared<RunListener>();
+  handle_->runGame({}, "app", packageOptions("app", "{}"), first);
   handle_->done();
-  EXPECT_EQ(first.events.events(), (std::vector<std::string>{"view", "run success"}))
+  EXPECT_EQ(first->events.events(), (std::vector<std::string>{"view", "run success"}))
       << "queued work ran before done() returned";
   EXPECT_EQ(handle_->getAppId(), std::nullopt);
   EXPECT_FALSE(handle_->isRunning());
 
-  RunListener second;
+  auto second = std::make_shared<RunListener>();
   run("again", packageOptions("again", "{}"), second, 2);
   EXPECT_EQ(handle_->getAppId(), "again");
   EXPECT_FALSE(handle_->grantPermissions({"camera"}, {})) << "done() dropped the permission store";

@@ -417,11 +417,13 @@ std::optional<std::string> MerinExtractZip(const std::string& zipPath, const std
         return job.running == 0 || job.percent(job.bytesDone.load()) > reported;
       });
       const int now = job.percent(job.bytesDone.load());
-      if (now > reported && !job.failed.load()) {
+      if (now > reported) {
         reported = now;
-        lock.unlock();
-        if (progress && now < 100) progress(static_cast<float>(now) / 100.0f);
-        lock.lock();
+        if (progress && now < 100 && !job.failed.load()) {
+          lock.unlock();
+          progress(static_cast<float>(now) / 100.0f);
+          lock.lock();
+        }
       }
       if (job.running == 0) break;
     }
