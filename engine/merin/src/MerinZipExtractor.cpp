@@ -26,6 +26,9 @@ constexpr size_t kChunkSize = 256 * 1024;
 // and thread cost more than they save.
 constexpr uint64_t kParallelThreshold = 1024 * 1024;
 constexpr unsigned kMaxWorkers = 8;
+// Up to this many directories stay open for the workers; past it each worker walks from the
+// destination again.
+constexpr size_t kMaxOpenDirectories = 256;
 
 struct ZipDiscard {
   void operator()(zip_t* archive) const { zip_discard(archive); }
@@ -60,17 +63,135 @@ std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
 std::string ErrnoText(int error) { return std::strerror(error); }
 
+// The archive as libzip reads it: positioned reads (pread) on a descriptor of its own, through a
+// read-ahead buffer that starts small after each seek and doubles while the reads go on in
+// sequence. libzip asks for 8 KiB at a time; the stdio file source turns each request into a
+// seek and two reads.
+class PreadSource {
+ public:
+  static constexpr size_t kMinReadAhead = 16 * 1024;
+  static constexpr size_t kMaxReadAhead = 256 * 1024;
+
+  PreadSource(int fd, uint64_t size) : fd_(fd), size_(size) { zip_error_init(&error_); }
+  ~PreadSource() {
+    zip_error_fini(&error_);
+    ::close(fd_);
+  }
+
+  static zip_int64_t callback(void* state, void* data, zip_uint64_t length, zip_source_cmd_t command) {
+    auto* self = static_cast<PreadSource*>(state);
+    switch (command) {
+      case ZIP_SOURCE_OPEN:
+        self->offset_ = 0;
+        return 0;
+      case ZIP_SOURCE_READ:
+        return self->read(static_cast<char*>(data), length);
+      case ZIP_SOURCE_CLOSE:
+        return 0;
+      case ZIP_SOURCE_STAT: {
+        auto* st = ZIP_SOURCE_GET_ARGS(zip_stat_t, data, length, &self->error_);
+        if (st == nullptr) return -1;
+        zip_stat_init(st);
+        st->size = self->size_;
+        st->valid |= ZIP_STAT_SIZE;
+        return sizeof(zip_stat_t);
+      }
+      case ZIP_SOURCE_ERROR:
+        return zip_error_to_data(&self->error_, data, length);
+      case ZIP_SOURCE_FREE:
+        delete self;
+        return 0;
+      case ZIP_SOURCE_SEEK: {
+        const zip_int64_t offset =
+            zip_source_seek_compute_offset(self->offset_, self->size_, data, length, &self->error_);
+        if (offset < 0) return -1;
+        self->offset_ = static_cast<uint64_t>(offset);
+        return 0;
+      }
+      case ZIP_SOURCE_TELL:
+        return static_cast<zip_int64_t>(self->offset_);
+      case ZIP_SOURCE_SUPPORTS:
+        return zip_source_make_command_bitmap(ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE,
+                                              ZIP_SOURCE_STAT, ZIP_SOURCE_ERROR, ZIP_SOURCE_FREE,
+                                              ZIP_SOURCE_SEEK, ZIP_SOURCE_TELL, ZIP_SOURCE_SUPPORTS,
+                                              -1);
+      default:
+        zip_error_set(&self->error_, ZIP_ER_OPNOTSUPP, 0);
+        return -1;
+    }
+  }
+
+ private:
+  zip_int64_t read(char* out, uint64_t length) {
+    length = std::min(length, size_ - std::min(offset_, size_));
+    uint64_t done = 0;
+    while (done < length) {
+      if (offset_ >= bufferStart_ && offset_ < bufferStart_ + bufferLength_) {
+        const uint64_t count = std::min(length - done, bufferStart_ + bufferLength_ - offset_);
+        std::memcpy(out + done, buffer_.data() + (offset_ - bufferStart_), count);
+        done += count;
+        offset_ += count;
+        continue;
+      }
+      const bool sequential = offset_ == bufferStart_ + bufferLength_;
+      readAhead_ = sequential ? std::min(readAhead_ * 2, kMaxReadAhead) : kMinReadAhead;
+      const uint64_t wanted = length - done;
+      const bool direct = wanted >= readAhead_;
+      if (!direct && buffer_.empty()) buffer_.resize(kMaxReadAhead);
+      char* target = direct ? out + done : buffer_.data();
+      const uint64_t count = direct ? wanted : std::min<uint64_t>(readAhead_, size_ - offset_);
+      const ssize_t got = ::pread(fd_, target, count, static_cast<off_t>(offset_));
+      if (got < 0) {
+        if (errno == EINTR) continue;
+        zip_error_set(&error_, ZIP_ER_READ, errno);
+        return -1;
+      }
+      if (got == 0) break;  // the file shrank
+      bufferStart_ = offset_;
+      bufferLength_ = direct ? 0 : static_cast<uint64_t>(got);
+      if (direct) {
+        bufferStart_ += static_cast<uint64_t>(got);
+        done += static_cast<uint64_t>(got);
+        offset_ += static_cast<uint64_t>(got);
+      }
+    }
+    return static_cast<zip_int64_t>(done);
+  }
+
+  const int fd_;
+  const uint64_t size_;
+  uint64_t offset_ = 0;
+  std::vector<char> buffer_;
+  uint64_t bufferStart_ = 0;
+  uint64_t bufferLength_ = 0;
+  size_t readAhead_ = kMinReadAhead;
+  zip_error_t error_;
+};
+
 ZipPtr OpenArchive(const std::string& path, std::string* error) {
+  const std::string prefix = "cannot open zip archive " + Quoted(path) + ": ";
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    *error = prefix + ErrnoText(errno);
+    return nullptr;
+  }
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    *error = prefix + "not a regular file";
+    ::close(fd);
+    return nullptr;
+  }
+  auto* state = new PreadSource(fd, static_cast<uint64_t>(st.st_size));
   zip_error_t zerror;
   zip_error_init(&zerror);
   zip_t* archive = nullptr;
-  if (zip_source_t* source = zip_source_file_create(path.c_str(), 0, -1, &zerror)) {
+  if (zip_source_t* source = zip_source_function_create(&PreadSource::callback, state, &zerror)) {
     archive = zip_open_from_source(source, ZIP_RDONLY, &zerror);
-    if (archive == nullptr) zip_source_free(source);
+    if (archive == nullptr) zip_source_free(source);  // frees `state` too
+  } else {
+    delete state;
   }
-  if (archive == nullptr) {
-    *error = "cannot open zip archive " + Quoted(path) + ": " + zip_error_strerror(&zerror);
-  }
+  if (archive == nullptr) *error = prefix + zip_error_strerror(&zerror);
   zip_error_fini(&zerror);
   return ZipPtr(archive);
 }
@@ -157,6 +278,10 @@ std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath,
       if (isDirectory) continue;  // the destination itself
       return "refusing unsafe entry name " + Quoted(name) + where;
     }
+    for (size_t slash = path.find('/'); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+      plan->dirs.insert(path.substr(0, slash));
+    }
     if (isDirectory) {
       plan->dirs.insert(path);
       continue;
@@ -167,10 +292,6 @@ std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath,
     if ((st.valid & ZIP_STAT_COMP_METHOD) && !zip_compression_method_supported(st.comp_method, 0)) {
       return "unsupported compression method " + std::to_string(st.comp_method) + " of entry " +
              Quoted(name) + where;
-    }
-    for (size_t slash = path.find('/'); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-      plan->dirs.insert(path.substr(0, slash));
     }
     FileEntry entry{index, name, path, (st.valid & ZIP_STAT_SIZE) ? st.size : 0, mode};
     // A name stored twice is written once, with the later entry, as a sequential extractor
@@ -247,6 +368,9 @@ struct Extraction {
   const Plan& plan;
   const int root;
 
+  // Descriptors of the archive's directories, filled before the workers start; read-only then.
+  std::map<std::string, Fd> directories;
+
   std::atomic<size_t> next{0};
   std::atomic<uint64_t> bytesDone{0};
   std::atomic<bool> failed{false};
@@ -301,6 +425,9 @@ class Worker {
  private:
   int parentDirectory(const std::string& parent, std::string* error) {
     if (parent.empty()) return job_.root;
+    if (auto found = job_.directories.find(parent); found != job_.directories.end()) {
+      return found->second.get();
+    }
     if (parent != cachedParent_ || !cachedFd_.valid()) {
       cachedFd_ = OpenDirectory(job_.root, parent, false, job_.destDir, error);
       cachedParent_ = cachedFd_.valid() ? parent : std::string();
@@ -379,8 +506,11 @@ std::optional<std::string> MerinExtractZip(const std::string& zipPath, const std
     const std::string reason = ec ? ec.message() : ErrnoText(errno);
     return "cannot create destination directory " + Quoted(destDir) + ": " + reason;
   }
+  Extraction job(zipPath, destDir, plan, root.get());
   for (const auto& dir : plan.dirs) {
-    if (!OpenDirectory(root.get(), dir, true, destDir, &error).valid()) return error;
+    Fd fd = OpenDirectory(root.get(), dir, true, destDir, &error);
+    if (!fd.valid()) return error;
+    if (plan.dirs.size() <= kMaxOpenDirectories) job.directories.emplace(dir, std::move(fd));
   }
 
   // Largest entries first, so that the last ones handed out are small and the workers finish
@@ -392,7 +522,6 @@ std::optional<std::string> MerinExtractZip(const std::string& zipPath, const std
   workers = static_cast<unsigned>(std::min<size_t>(workers, std::max<size_t>(plan.files.size(), 1)));
 
   if (progress) progress(0.0f);
-  Extraction job(zipPath, destDir, plan, root.get());
   job.running = workers;
   std::vector<std::thread> threads;
   threads.reserve(workers);
