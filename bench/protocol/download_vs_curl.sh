@@ -13,7 +13,10 @@ driver=$build/bench/protocol/tavo_download_driver
 work=$(mktemp -d /dev/shm/tavo-bench-XXXXXX)
 server_pid=
 cleanup() {
-  [ -n "$server_pid" ] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null
+  if [ -n "$server_pid" ]; then
+    kill "$server_pid" 2>/dev/null || true
+    wait "$server_pid" 2>/dev/null || true
+  fi
   rm -rf "$work"
 }
 trap cleanup EXIT

@@ -25,8 +25,11 @@ constexpr int64_t kURLErrorHTTPTooManyRedirects = -1007;
 constexpr int64_t kURLErrorBadServerResponse = -1011;
 constexpr int64_t kURLErrorCannotDecodeContentData = -1016;
 
-// Large receive buffer: fewer, bigger writes into the download file.
+// Large receive buffer, and downloaded bytes gathered into writes of up to this size: curl hands
+// the body over in pieces of 16 KiB at most, and a write (plus a progress report) per piece
+// costs more than the copy.
 constexpr long kReceiveBufferSize = 1L << 20;
+constexpr std::size_t kWriteChunkSize = 1 << 20;
 constexpr long kMaxRedirects = 16;
 // The network thread wakes at least this often even when nothing happens.
 constexpr auto kLongestWait = std::chrono::seconds(10);
@@ -131,7 +134,8 @@ class ZMURLSessionEngine {
     curl_slist* headers = nullptr;
     int fd = -1;  // download file
     std::string location;
-    std::string data;  // data task reply
+    std::string data;     // data task reply
+    std::string pending;  // download bytes not yet written to the file
     ZMHTTPHeaderFields headerFields;
     long headerStatus = 0;
     Clock::time_point lastActivity;
@@ -154,6 +158,12 @@ class ZMURLSessionEngine {
   void finish(CURL* easy, CURLcode result);
   // Ends a transfer with an error, removing its file.
   void end(uint64_t taskIdentifier, ZMError error);
+  // Writes a download's pending bytes to its file and reports progress; false when the write
+  // failed (errno in writeErrno).
+  static bool flush(Transfer& transfer);
+  // Flushes every download after a round of network work, ending those whose write fails.
+  void flushTransfers();
+  static ZMError writeError(const Transfer& transfer);
   // Releases the curl handles and the file descriptor; removes the file when asked.
   void release(Transfer& transfer, bool removeFile);
   Clock::duration expireIdleTransfers();
@@ -296,6 +306,7 @@ void ZMURLSessionEngine::run() {
     while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
       if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
     }
+    flushTransfers();
     const auto wait = expireIdleTransfers();
     const auto waitMs = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
     curl_multi_poll(multi_, nullptr, 0, static_cast<int>(waitMs), nullptr);
@@ -438,7 +449,11 @@ void ZMURLSessionEngine::finish(CURL* easy, CURLcode result) {
 
   Outcome outcome;
   outcome.response = responseOf(*transfer, status);
-  if (result != CURLE_OK) outcome.error = errorOf(result, *transfer);
+  if (result != CURLE_OK) {
+    outcome.error = errorOf(result, *transfer);
+  } else if (!flush(*transfer)) {
+    outcome.error = writeError(*transfer);
+  }
   if (transfer->fd >= 0) {
     const int closed = ::close(transfer->fd);
     const int err = errno;
@@ -561,7 +576,7 @@ ZMError ZMURLSessionEngine::errorOf(CURLcode result, const Transfer& transfer) {
                       "be made.",
                       url, detail);
     case CURLE_WRITE_ERROR:
-      if (transfer.writeErrno != 0) detail = std::strerror(transfer.writeErrno);
+      if (transfer.writeErrno != 0) return writeError(transfer);
       return urlError(kZMURLErrorCannotWriteToFile, "The file couldn\u2019t be written.", url,
                       detail);
     default:
@@ -609,16 +624,30 @@ size_t ZMURLSessionEngine::onBody(char* buffer, size_t size, size_t count, void*
     task.bytesReceived_.fetch_add(static_cast<int64_t>(length));
     return length;
   }
+  if (transfer.pending.size() + length > kWriteChunkSize && !flush(transfer)) {
+    return 0;  // curl ends the transfer with CURLE_WRITE_ERROR
+  }
+  if (transfer.pending.capacity() < kWriteChunkSize) transfer.pending.reserve(kWriteChunkSize);
+  transfer.pending.append(buffer, length);
+  return length;
+}
+
+bool ZMURLSessionEngine::flush(Transfer& transfer) {
+  if (transfer.pending.empty()) return true;
+  const char* data = transfer.pending.data();
+  const size_t length = transfer.pending.size();
   size_t written = 0;
   while (written < length) {
-    const ssize_t n = ::write(transfer.fd, buffer + written, length - written);
+    const ssize_t n = ::write(transfer.fd, data + written, length - written);
     if (n < 0) {
       if (errno == EINTR) continue;
       transfer.writeErrno = errno;
-      return 0;  // curl ends the transfer with CURLE_WRITE_ERROR
+      return false;
     }
     written += static_cast<size_t>(n);
   }
+  transfer.pending.clear();
+  ZMURLSessionTask& task = *transfer.task;
   task.bytesReceived_.fetch_add(static_cast<int64_t>(length));
   // One progress block in the queue at a time; it reports the count as of when it runs.
   if (!task.progressPending_.exchange(true)) {
@@ -626,7 +655,20 @@ size_t ZMURLSessionEngine::onBody(char* buffer, size_t size, size_t count, void*
       deliverProgress(weak);
     });
   }
-  return length;
+  return true;
+}
+
+void ZMURLSessionEngine::flushTransfers() {
+  std::vector<uint64_t> failed;
+  for (const auto& [id, transfer] : transfers_) {
+    if (!flush(*transfer)) failed.push_back(id);
+  }
+  for (uint64_t id : failed) end(id, writeError(*transfers_[id]));
+}
+
+ZMError ZMURLSessionEngine::writeError(const Transfer& transfer) {
+  return urlError(kZMURLErrorCannotWriteToFile, "The file couldn\u2019t be written.",
+                  transfer.task->request_.url, std::strerror(transfer.writeErrno));
 }
 
 int ZMURLSessionEngine::onProgress(void* userdata, curl_off_t, curl_off_t dlnow, curl_off_t,

@@ -22,7 +22,8 @@
 //   - data tasks: any method (POST with a body for the service requests); the reply is collected
 //     in memory and handed to a completion function (or the delegate's didCompleteWithError);
 //   - download tasks: the body is streamed into a fresh file in
-//     ZMSystemDirectories::temporaryDirectory(), never held in memory. The delegate hears
+//     ZMSystemDirectories::temporaryDirectory(), through a write buffer of 1 MiB; it is never
+//     held in memory as a whole. The delegate hears
 //     didWriteData (progress), didFinishDownloadingToLocation (the file is removed when that
 //     callback returns, unless the delegate moved it), then didCompleteWithError.
 // Every delegate callback and completion runs on ZMMainQueue, in that order, one task's callbacks
