@@ -16,9 +16,13 @@ void MakeZip(const std::string& path, const std::vector<ZipEntry>& entries) {
       continue;
     }
     // libzip reads the data when the archive is closed, so each buffer is copied and handed over.
-    void* copy = std::malloc(entry.data.size() + 1);
-    std::memcpy(copy, entry.data.data(), entry.data.size());
-    zip_source_t* source = zip_source_buffer(archive, copy, entry.data.size(), 1);
+    // It takes no ownership of an empty buffer, so an empty entry gets none.
+    void* copy = nullptr;
+    if (!entry.data.empty()) {
+      copy = std::malloc(entry.data.size());
+      std::memcpy(copy, entry.data.data(), entry.data.size());
+    }
+    zip_source_t* source = zip_source_buffer(archive, copy, entry.data.size(), copy ? 1 : 0);
     ASSERT_NE(source, nullptr);
     const zip_int64_t index = zip_file_add(archive, entry.name.c_str(), source,
                                            ZIP_FL_ENC_UTF_8 | ZIP_FL_OVERWRITE);
