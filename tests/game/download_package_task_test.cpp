@@ -12,8 +12,6 @@
 #include "support/TestSupport.h"
 #include "tavo/ZMOptionKeys.h"
 
-using namespace std::chrono_literals;
-
 namespace {
 
 constexpr const char* kV1 = "package-v1";
@@ -56,17 +54,7 @@ class ZMGameDownloadPackageTaskTest : public ::testing::Test {
     });
     server.Get("/v1", [](const auto&, auto& res) { res.set_content(kV1, "application/zip"); });
     server.Get("/missing", [](const auto&, auto& res) { res.status = 404; });
-    server.Get("/stall", [this](const auto&, auto& res) {
-      res.set_content_provider(1 << 20, "application/zip",
-                               [this](size_t offset, size_t, httplib::DataSink& sink) {
-                                 if (offset > 0) {
-                                   server.pause(10s);
-                                   return false;
-                                 }
-                                 sink.write(kV1, 10);
-                                 return true;
-                               });
-    });
+    server.Get("/stall", PartialBody(server, 1 << 20, 10, true));
     server.start();
   }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,7 +16,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Records the downloader's callbacks into a log that outlives the recorder itself.
+// Records the callbacks into a log that outlives the recorder ("progress" runs collapsed).
 struct FileRecorder : ZMOnFileDownloadListener {
   std::shared_ptr<std::vector<std::string>> log = std::make_shared<std::vector<std::string>>();
   std::vector<std::pair<int64_t, int64_t>> progress;
@@ -23,61 +24,54 @@ struct FileRecorder : ZMOnFileDownloadListener {
   bool offMainThread = false;
   std::function<void()> onFirstProgress;
 
+  void note(const std::string& event) {
+    offMainThread |= !ZMMainQueue::isMainThread();
+    if (log->empty() || log->back() != event || event != "progress") log->push_back(event);
+  }
   void onDownloadStart(const std::string& tag) override { log->push_back("start:" + tag); }
   void onDownloadProgress(int64_t done, int64_t total) override {
-    offMainThread |= !ZMMainQueue::isMainThread();
-    if (log->empty() || log->back() != "progress") log->push_back("progress");
+    note("progress");
     progress.emplace_back(done, total);
     if (onFirstProgress) std::exchange(onFirstProgress, nullptr)();
   }
-  void onDownloadSuccess(const std::string& path) override {
-    offMainThread |= !ZMMainQueue::isMainThread();
-    log->push_back("success:" + path);
-  }
+  void onDownloadSuccess(const std::string& path) override { note("success:" + path); }
   void onDownloadFailure(int32_t code, const std::string& msg, const ZMError& e) override {
-    offMainThread |= !ZMMainQueue::isMainThread();
-    log->push_back("failure:" + std::to_string(code) + "|" + msg);
+    note("failure:" + std::to_string(code) + "|" + msg);
     error = e;
   }
-  void onDownloadCancel() override {
-    offMainThread |= !ZMMainQueue::isMainThread();
-    log->push_back("cancel");
-  }
-  void onDownloadRetry(int32_t n) override { log->push_back("retry:" + std::to_string(n)); }
+  void onDownloadCancel() override { note("cancel"); }
+  void onDownloadRetry(int32_t n) override { note("retry:" + std::to_string(n)); }
 
-  bool ended() const {
-    return std::any_of(log->begin(), log->end(), [](const std::string& e) {
+  // Terminal callbacks so far.
+  long ends() const {
+    return std::count_if(log->begin(), log->end(), [](const std::string& e) {
       return e.starts_with("success:") || e.starts_with("failure:") || e == "cancel";
     });
   }
 };
 
-TestHttpServer::Handler StalledBody(TestHttpServer& server, std::size_t sent) {
-  return [&server, sent](const httplib::Request&, httplib::Response& res) {
-    res.set_content_provider(sent * 4, "application/octet-stream",
-                             [&server, sent](size_t offset, size_t, httplib::DataSink& sink) {
-                               if (offset < sent) {
-                                 const std::string part = PatternBody(sent);
-                                 sink.write(part.data() + offset, sent - offset);
-                                 return true;
-                               }
-                               server.pause(10s);
-                               return false;
-                             });
-  };
-}
-
 class ZMSingleThreadFileDownloaderTest : public ::testing::Test {
  protected:
   void TearDown() override { ZMSingleThreadFileDownloader::setTimeoutIntervalForTesting(0); }
 
-  std::shared_ptr<ZMSingleThreadFileDownloader> make(const std::string& url,
-                                                     const std::shared_ptr<FileRecorder>& r,
-                                                     const std::string& name = "game.zgp") {
-    return std::make_shared<ZMSingleThreadFileDownloader>(dirs.root() / name, url, "tag-1", r);
+  // Downloads `url` to the save path and waits for the end; then checks that exactly one
+  // terminal callback came and that no temporary file is left.
+  std::shared_ptr<FileRecorder> download(const std::string& url) {
+    auto recorder = std::make_shared<FileRecorder>();
+    auto downloader = std::make_shared<ZMSingleThreadFileDownloader>(savePath, url, "tag-1",
+                                                                     recorder);
+    downloader->start();
+    EXPECT_EQ(*recorder->log, std::vector<std::string>{"start:tag-1"});  // synchronous
+    EXPECT_TRUE(RunUntil([&] { return recorder->ends() > 0; })) << url;
+    DrainMainQueue();
+    EXPECT_EQ(recorder->ends(), 1) << url;
+    EXPECT_FALSE(recorder->offMainThread);
+    EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{}) << url;
+    return recorder;
   }
 
   ScopedSystemDirectories dirs;
+  std::string savePath = dirs.root() / "game.zgp";
 };
 
 }  // namespace
@@ -86,26 +80,23 @@ TEST_F(ZMSingleThreadFileDownloaderTest, StatusOkMovesFileIntoPlace) {
   const std::string body = PatternBody(2 << 20);
   TestHttpServer server;
   server.Get("/pkg", [&](const auto&, auto& res) { res.set_content(body, "application/zip"); });
+  server.Get("/chunked", ChunkedBody(300000));
   server.start();
 
-  auto recorder = std::make_shared<FileRecorder>();
-  auto downloader = make(server.url("/pkg"), recorder);
-  downloader->start();
-  // onDownloadStart comes synchronously, before anything is drained.
-  EXPECT_EQ(*recorder->log, std::vector<std::string>{"start:tag-1"});
-  ASSERT_TRUE(RunUntil([&] { return recorder->ended(); }));
-  DrainMainQueue();
-
-  const std::string path = dirs.root() / "game.zgp";
+  auto recorder = download(server.url("/pkg"));
   EXPECT_EQ(*recorder->log,
-            (std::vector<std::string>{"start:tag-1", "progress", "success:" + path}));
-  EXPECT_FALSE(recorder->offMainThread);
+            (std::vector<std::string>{"start:tag-1", "progress", "success:" + savePath}));
   const int64_t size = static_cast<int64_t>(body.size());
   EXPECT_EQ(recorder->progress.back(), std::make_pair(size, size));
-  EXPECT_TRUE(ReadFile(path) == body);
-  EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
-  ASSERT_EQ(server.requestCount(), 1u);
-  EXPECT_EQ(server.requests()[0].method, "GET");
+  EXPECT_TRUE(ReadFile(savePath) == body);
+  EXPECT_EQ(server.requests().at(0).method, "GET");
+
+  // Without a length, every progress report says -1 for the total.
+  std::remove(savePath.c_str());
+  auto chunked = download(server.url("/chunked"));
+  EXPECT_EQ(chunked->log->back(), "success:" + savePath);
+  for (const auto& [done, total] : chunked->progress) EXPECT_EQ(total, -1) << done;
+  EXPECT_EQ(chunked->progress.back().first, 300000);
 }
 
 TEST_F(ZMSingleThreadFileDownloaderTest, AnyOtherStatusFails) {
@@ -120,71 +111,48 @@ TEST_F(ZMSingleThreadFileDownloaderTest, AnyOtherStatusFails) {
 
   for (int status : {404, 204, 206, 500}) {
     const std::string code = std::to_string(status);
-    auto recorder = std::make_shared<FileRecorder>();
-    auto downloader = make(server.url("/" + code), recorder);
-    downloader->start();
-    ASSERT_TRUE(RunUntil([&] { return recorder->ended(); })) << code;
-    DrainMainQueue();
-    const auto& log = *recorder->log;
-    EXPECT_EQ(log.back(), "failure:" + code + "|" + code);
-    EXPECT_EQ(std::count_if(log.begin(), log.end(),
-                            [](const auto& e) { return !e.starts_with("start") && e != "progress"; }),
-              1)
-        << code;
-    ASSERT_TRUE(recorder->error);
+    auto recorder = download(server.url("/" + code));
+    EXPECT_EQ(recorder->log->back(), "failure:" + code + "|" + code);
     EXPECT_EQ(*recorder->error, ZMError(kZMNetServicesErrorDomain, status, ZMValue::object()));
-    EXPECT_FALSE(Exists(dirs.root() / "game.zgp")) << code;
-    EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{}) << code;
+    EXPECT_FALSE(Exists(savePath)) << code;
   }
 }
 
-TEST_F(ZMSingleThreadFileDownloaderTest, MoveFailureKeepsWhatIsThere) {
+TEST_F(ZMSingleThreadFileDownloaderTest, ExistingFileIsNeverOverwritten) {
   TestHttpServer server;
   server.Get("/pkg", [](const auto&, auto& res) { res.set_content("new", "text/plain"); });
   server.start();
 
-  // A file already at the path is never overwritten.
-  WriteFile(dirs.root() / "game.zgp", "old");
-  auto recorder = std::make_shared<FileRecorder>();
-  auto downloader = make(server.url("/pkg"), recorder);
-  downloader->start();
-  ASSERT_TRUE(RunUntil([&] { return recorder->ended(); }));
+  WriteFile(savePath, "old");
+  auto recorder = download(server.url("/pkg"));
   EXPECT_EQ(recorder->log->back(), "failure:-1|move file fail");
   EXPECT_EQ(recorder->error->domain, kZMCocoaErrorDomain);
   EXPECT_EQ(recorder->error->code, kZMFileWriteFileExistsError);
-  EXPECT_EQ(ReadFile(dirs.root() / "game.zgp"), "old");
-
-  // Nor is a missing directory created.
-  auto second = std::make_shared<FileRecorder>();
-  auto nowhere = make(server.url("/pkg"), second, "absent/game.zgp");
-  nowhere->start();
-  ASSERT_TRUE(RunUntil([&] { return second->ended(); }));
-  EXPECT_EQ(second->log->back(), "failure:-1|move file fail");
-  EXPECT_FALSE(Exists(dirs.root() / "absent"));
-  EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
+  EXPECT_EQ(ReadFile(savePath), "old");
 }
 
 TEST_F(ZMSingleThreadFileDownloaderTest, CancelReportsCancelAndNoFailure) {
   TestHttpServer server;
-  server.Get("/stall", StalledBody(server, 64 << 10));
+  server.Get("/stall", PartialBody(server, 1 << 20, 64 << 10, true));
   server.start();
 
   auto recorder = std::make_shared<FileRecorder>();
-  auto downloader = make(server.url("/stall"), recorder);
+  auto downloader = std::make_shared<ZMSingleThreadFileDownloader>(
+      savePath, server.url("/stall"), "tag-1", recorder);
   recorder->onFirstProgress = [&] { downloader->cancel(); };
   downloader->start();
-  ASSERT_TRUE(RunUntil([&] { return recorder->ended(); }));
+  ASSERT_TRUE(RunUntil([&] { return recorder->ends() > 0; }));
   DrainMainQueue();
   EXPECT_EQ(*recorder->log, (std::vector<std::string>{"start:tag-1", "progress", "cancel"}));
-  EXPECT_FALSE(recorder->offMainThread);
-  EXPECT_FALSE(Exists(dirs.root() / "game.zgp"));
+  EXPECT_FALSE(Exists(savePath));
   EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
 
-  // Cancelling a downloader that never started still ends in onDownloadCancel, and sends nothing.
+  // A downloader that never started still ends in onDownloadCancel, and sends nothing.
   auto idle = std::make_shared<FileRecorder>();
-  auto unstarted = make(server.url("/stall"), idle);
+  auto unstarted = std::make_shared<ZMSingleThreadFileDownloader>(
+      savePath, server.url("/stall"), "tag-2", idle);
   unstarted->cancel();
-  ASSERT_TRUE(RunUntil([&] { return idle->ended(); }));
+  ASSERT_TRUE(RunUntil([&] { return idle->ends() > 0; }));
   DrainMainQueue();
   EXPECT_EQ(*idle->log, std::vector<std::string>{"cancel"});
   EXPECT_EQ(server.requestCount(), 1u);
@@ -197,58 +165,31 @@ TEST_F(ZMSingleThreadFileDownloaderTest, TransferErrorsAreDownloadFail) {
     server.pause(10s);
     res.set_content("late", "text/plain");
   });
-  server.Get("/stall-body", StalledBody(server, 64 << 10));
-  server.Get("/short", [](const auto&, auto& res) {
-    res.set_content_provider(100000, "application/octet-stream",
-                             [](size_t offset, size_t, httplib::DataSink& sink) {
-                               if (offset > 0) return false;  // 40000 of 100000 bytes
-                               const std::string part = PatternBody(40000);
-                               sink.write(part.data(), part.size());
-                               return true;
-                             });
-  });
+  server.Get("/stall-body", PartialBody(server, 200000, 50000, true));
+  server.Get("/short", PartialBody(server, 200000, 50000, false));
   server.start();
-  TestHttpServer resetting;
-  resetting.Get("/reset", [](const auto&, auto& res) {
-    res.set_content_provider(100000, "application/octet-stream",
-                             [](size_t offset, size_t, httplib::DataSink& sink) {
-                               if (offset > 0) return false;
-                               const std::string part = PatternBody(40000);
-                               sink.write(part.data(), part.size());
-                               return true;
-                             });
-  });
+  TestHttpServer resetting;  // hangs up with a reset (RST) instead of a clean close
+  resetting.Get("/reset", PartialBody(resetting, 200000, 50000, false));
   resetting.start(true);
 
   struct Case {
     std::string url;
-    int32_t code;        // reported to the listener: the status, or 0 without a response
-    int64_t transport;   // the error passed along
+    int32_t code;       // for the listener: the status, or 0 without a response
+    int64_t transport;  // the error passed along
   };
-  const std::vector<Case> cases = {
-      {TestHttpServer::refusedURL("/pkg"), 0, kZMURLErrorCannotConnectToHost},
-      {server.url("/stall-head"), 0, kZMURLErrorTimedOut},
-      {server.url("/stall-body"), 200, kZMURLErrorTimedOut},
-      {server.url("/short"), 200, kZMURLErrorNetworkConnectionLost},
-      {resetting.url("/reset"), 200, kZMURLErrorNetworkConnectionLost},
-      {"not a url", 0, kZMURLErrorBadURL},
-  };
-  for (const auto& c : cases) {
-    auto recorder = std::make_shared<FileRecorder>();
-    auto downloader = make(c.url, recorder);
-    downloader->start();
-    ASSERT_TRUE(RunUntil([&] { return recorder->ended(); })) << c.url;
-    DrainMainQueue();
-    const auto& log = *recorder->log;
-    EXPECT_EQ(log.back(), "failure:" + std::to_string(c.code) + "|download fail") << c.url;
-    EXPECT_EQ(std::count_if(log.begin(), log.end(),
-                            [](const auto& e) { return !e.starts_with("start") && e != "progress"; }),
-              1)
-        << c.url;
+  for (const Case& c : std::vector<Case>{
+           {TestHttpServer::refusedURL("/pkg"), 0, kZMURLErrorCannotConnectToHost},
+           {server.url("/stall-head"), 0, kZMURLErrorTimedOut},
+           {server.url("/stall-body"), 200, kZMURLErrorTimedOut},
+           {server.url("/short"), 200, kZMURLErrorNetworkConnectionLost},
+           {resetting.url("/reset"), 200, kZMURLErrorNetworkConnectionLost},
+           {"not a url", 0, kZMURLErrorBadURL},
+       }) {
+    auto recorder = download(c.url);
+    EXPECT_EQ(recorder->log->back(), "failure:" + std::to_string(c.code) + "|download fail");
     EXPECT_EQ(recorder->error->domain, kZMURLErrorDomain) << c.url;
     EXPECT_EQ(recorder->error->code, c.transport) << c.url;
-    EXPECT_FALSE(Exists(dirs.root() / "game.zgp")) << c.url;
-    EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{}) << c.url;
+    EXPECT_FALSE(Exists(savePath)) << c.url;
   }
 }
 
@@ -260,36 +201,12 @@ TEST_F(ZMSingleThreadFileDownloaderTest, ReleasedListenerHearsNothing) {
 
   auto recorder = std::make_shared<FileRecorder>();
   auto log = recorder->log;
-  auto downloader = make(server.url("/pkg"), recorder);
+  auto downloader = std::make_shared<ZMSingleThreadFileDownloader>(savePath, server.url("/pkg"),
+                                                                   "tag-1", recorder);
   downloader->start();
   recorder.reset();
-  ASSERT_TRUE(RunUntil([&] { return Exists(dirs.root() / "game.zgp"); }));
+  ASSERT_TRUE(RunUntil([&] { return Exists(savePath); }));
   DrainMainQueue();
   EXPECT_EQ(*log, std::vector<std::string>{"start:tag-1"});
-  EXPECT_TRUE(ReadFile(dirs.root() / "game.zgp") == body);  // the download itself went on
-}
-
-TEST_F(ZMSingleThreadFileDownloaderTest, UnknownLengthReportsMinusOne) {
-  TestHttpServer server;
-  server.Get("/chunked", [](const auto&, auto& res) {
-    res.set_chunked_content_provider("application/zip", [](size_t offset, httplib::DataSink& sink) {
-      if (offset >= 300000) {
-        sink.done();
-        return true;
-      }
-      const std::string part = PatternBody(100000);
-      sink.write(part.data(), part.size());
-      return true;
-    });
-  });
-  server.start();
-
-  auto recorder = std::make_shared<FileRecorder>();
-  auto downloader = make(server.url("/chunked"), recorder);
-  downloader->start();
-  ASSERT_TRUE(RunUntil([&] { return recorder->ended(); }));
-  EXPECT_EQ(recorder->log->back(), "success:" + dirs.root() / "game.zgp");
-  ASSERT_FALSE(recorder->progress.empty());
-  for (const auto& [done, total] : recorder->progress) EXPECT_EQ(total, -1) << done;
-  EXPECT_EQ(recorder->progress.back().first, 300000);
+  EXPECT_TRUE(ReadFile(savePath) == body);  // the download itself went on
 }

@@ -9,6 +9,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -135,10 +136,36 @@ void WriteSelfSignedCertificate(const std::string& certificatePath, const std::s
   EVP_PKEY_free(key);
 }
 
-char PatternByte(std::size_t i) { return static_cast<char>((i * 31 + i / 4096) % 251); }
-
 std::string PatternBody(std::size_t size) {
   std::string body(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) body[i] = PatternByte(i);
+  for (std::size_t i = 0; i < size; ++i) body[i] = static_cast<char>((i * 31 + i / 4096) % 251);
   return body;
+}
+
+TestHttpServer::Handler PartialBody(TestHttpServer& server, std::size_t declared,
+                                    std::size_t sent, bool stall) {
+  return [&server, declared, sent, stall](const httplib::Request&, httplib::Response& res) {
+    res.set_content_provider(
+        declared, "application/octet-stream",
+        [&server, sent, stall, body = PatternBody(sent)](size_t offset, size_t,
+                                                          httplib::DataSink& sink) {
+          if (offset < sent) return sink.write(body.data() + offset, sent - offset);
+          if (stall) server.pause(std::chrono::seconds(10));
+          return false;
+        });
+  };
+}
+
+TestHttpServer::Handler ChunkedBody(std::size_t size) {
+  return [size](const httplib::Request&, httplib::Response& res) {
+    res.set_chunked_content_provider(
+        "application/octet-stream",
+        [size, body = PatternBody(size)](size_t offset, httplib::DataSink& sink) {
+          if (offset >= size) {
+            sink.done();
+            return true;
+          }
+          return sink.write(body.data() + offset, std::min<size_t>(64 << 10, size - offset));
+        });
+  };
 }

@@ -76,7 +76,12 @@ class TestHttpServer {
 // certificate that no trust store accepts.
 void WriteSelfSignedCertificate(const std::string& certificatePath, const std::string& keyPath);
 
-// A body of `size` bytes where byte i is (i * 31 + i / 4096) mod 251: cheap to produce at any
-// offset, never periodic at a power of two.
-char PatternByte(std::size_t i);
+// A body of `size` bytes that is not periodic at any small power of two.
 std::string PatternBody(std::size_t size);
+
+// A route whose response declares `declared` bytes of PatternBody and sends the first `sent`;
+// then it stalls until the server stops (10 s at most) or, with `stall` false, hangs up.
+TestHttpServer::Handler PartialBody(TestHttpServer& server, std::size_t declared,
+                                    std::size_t sent, bool stall);
+// A route whose response has no length: `size` bytes of PatternBody, chunked.
+TestHttpServer::Handler ChunkedBody(std::size_t size);
