@@ -2,20 +2,9 @@
 
 #include <optional>
 
+#include "platform/ZMValueAccess.h"
 #include "tavo/ZMOptionKeys.h"
 #include "util/ZMFileUtils.h"
-
-namespace {
-
-// The text under `key`; null when absent or not text.
-std::optional<std::string> textOf(const ZMValue& info, const char* key) {
-  if (!info.is_object()) return std::nullopt;
-  auto it = info.find(key);
-  if (it == info.end() || !it->is_string()) return std::nullopt;
-  return it->get<std::string>();
-}
-
-}  // namespace
 
 ZMGameDownloadPackageTask::ZMGameDownloadPackageTask(
     std::weak_ptr<ZMPackageDownloadListener> listener, std::string savePath, std::string url)
@@ -38,7 +27,7 @@ void ZMGameDownloadPackageTask::cancel() {
 }
 
 void ZMGameDownloadPackageTask::_downloadFile() {
-  const std::string appId = textOf(info_, ZM_KEY_GAME_PACKAGE_APP_ID).value_or("");
+  const std::string appId = ZMTextOption(info_, ZM_KEY_GAME_PACKAGE_APP_ID).value_or("");
   // Replacing the downloader releases the previous one, whose transfer has ended.
   downloader_ = std::make_shared<ZMSingleThreadFileDownloader>(savePath_, url_, appId,
                                                                weak_from_this());
@@ -46,7 +35,7 @@ void ZMGameDownloadPackageTask::_downloadFile() {
 }
 
 void ZMGameDownloadPackageTask::_checkPackageHash(const std::string& path) {
-  const auto hash = textOf(info_, ZM_KEY_GAME_PACKAGE_HASH);
+  const auto hash = ZMTextOption(info_, ZM_KEY_GAME_PACKAGE_HASH);
   auto listener = listener_.lock();
   // With nobody listening, an absent hash falls through to the comparison below and fails it.
   if ((!hash || hash->empty()) && listener) {

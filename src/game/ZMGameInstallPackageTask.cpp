@@ -3,20 +3,12 @@
 #include "platform/ZMFileManager.h"
 #include "platform/ZMFormat.h"
 #include "platform/ZMJSON.h"
+#include "platform/ZMValueAccess.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "tavo/ZMGameHandle.h"
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
 #include "util/ZMFileUtils.h"
-
-namespace {
-std::optional<std::string> optionText(const ZMValue& options, const char* key) {
-  if (!options.is_object()) return std::nullopt;
-  auto it = options.find(key);
-  if (it == options.end() || !it->is_string()) return std::nullopt;
-  return it->get<std::string>();
-}
-}  // namespace
 
 ZMGameInstallPackageTask::ZMGameInstallPackageTask(
     std::weak_ptr<ZMPackageInstallListener> listener, std::string userId, int64_t reqId,
@@ -33,13 +25,13 @@ void ZMGameInstallPackageTask::execute(const ZMValue& options) { _installGame(op
 void ZMGameInstallPackageTask::_installGame(const ZMValue& options) {
   info_ = options;
   if (options.is_object() && options.contains(ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT)) {
-    subpackageRoot_ = optionText(options, ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT).value_or("");
+    subpackageRoot_ = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT).value_or("");
   }
   if (!isSubpackage()) {
     // Without both the app id and the version a whole game cannot describe itself in
     // "detail.json"; refuse before anything is cleared.
     for (const char* key : {ZM_KEY_GAME_PACKAGE_APP_ID, ZM_KEY_GAME_PACKAGE_VERSION}) {
-      if (optionText(options, key).value_or("").empty()) {
+      if (ZMTextOption(options, key).value_or("").empty()) {
         const char* name = key == ZM_KEY_GAME_PACKAGE_APP_ID ? "ZM_KEY_GAME_PACKAGE_APP_ID"
                                                              : "ZM_KEY_GAME_PACKAGE_VERSION";
         _complete(ZMError(ZMFormat("missing install option: %@", {name}), -1, ZMValue::object()));
@@ -48,7 +40,7 @@ void ZMGameInstallPackageTask::_installGame(const ZMValue& options) {
     }
     ZMFileUtils::deleteFileInFolder(appDir_, {});
   }
-  packagePath_ = optionText(options, ZM_KEY_GAME_PACKAGE_PATH).value_or("");
+  packagePath_ = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_PATH).value_or("");
   auto handle = ZMGameHandle::getInstance();
   if (!handle) {
     onUnzipFailed("no game engine is loaded to unzip the package");
@@ -84,7 +76,7 @@ void ZMGameInstallPackageTask::onUnzipSucceed() {
     // request, and the subpackage root is then not recorded.
     detail = ZMValue::object();
     for (const char* key : {ZM_KEY_GAME_PACKAGE_APP_ID, ZM_KEY_GAME_PACKAGE_VERSION}) {
-      auto text = optionText(info_, key);
+      auto text = ZMTextOption(info_, key);
       detail[key] = text ? ZMValue(*text) : ZMValue();
     }
   }
@@ -105,8 +97,8 @@ void ZMGameInstallPackageTask::_complete(std::optional<ZMError> error) {
     ZMFileUtils::deleteFile(self->packagePath_);
     ZMRow row;
     row.user_id = self->userId_;
-    row.app_id = optionText(self->info_, ZM_KEY_GAME_PACKAGE_APP_ID);
-    row.extend = optionText(self->info_, ZM_KEY_GAME_PACKAGE_EXTEND_DATA);
+    row.app_id = ZMTextOption(self->info_, ZM_KEY_GAME_PACKAGE_APP_ID);
+    row.extend = ZMTextOption(self->info_, ZM_KEY_GAME_PACKAGE_EXTEND_DATA);
     ZMDatabaseHelper::getInstance().updateOrInsertAppRow(row);
     if (listener) listener->onInstallSuccess();
   });

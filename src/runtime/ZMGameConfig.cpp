@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "platform/ZMValueAccess.h"
 #include "util/ZMFileUtils.h"
 
 std::shared_ptr<ZMGameConfig> ZMGameConfig::createGameCofingWithPath(const std::string& path) {
@@ -26,21 +27,7 @@ ZMValue ZMGameConfig::deviceOrientation() const {
 
 bool ZMGameConfig::showStatusBar() const {
   const ZMValue* value = member("showStatusBar");
-  if (!value) return false;
-  // A value's truth: booleans as they are, numbers when non-zero, texts that read as a
-  // non-zero number or start with y/Y/t/T (as Foundation's boolValue reads them).
-  if (value->is_boolean()) return value->get<bool>();
-  if (value->is_number_integer()) return value->get<int64_t>() != 0;
-  if (value->is_number()) return value->get<double>() != 0.0;
-  if (value->is_string()) {
-    const std::string text = value->get<std::string>();
-    const auto start = text.find_first_not_of(" \t\n");
-    if (start == std::string::npos) return false;
-    const char c = text[start];
-    if (c == 'y' || c == 'Y' || c == 't' || c == 'T') return true;
-    return std::strtod(text.c_str() + start, nullptr) != 0.0;
-  }
-  return false;
+  return value && ZMTruthOf(*value);
 }
 
 ZMValue ZMGameConfig::runtimeVersion() const {

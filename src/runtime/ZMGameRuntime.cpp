@@ -4,6 +4,7 @@
 
 #include "platform/ZMFormat.h"
 #include "platform/ZMPath.h"
+#include "platform/ZMValueAccess.h"
 #include "runtime/ZMGameRuntime2.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "storage/ZMPermissionUtil.h"
@@ -17,11 +18,6 @@ namespace {
 std::mutex gSlotMutex;
 std::shared_ptr<ZMGameRuntime> gInstance;
 
-std::string optionText(const ZMValue& options, const char* key) {
-  if (!options.is_object()) return {};
-  auto it = options.find(key);
-  return it != options.end() && it->is_string() ? it->get<std::string>() : std::string();
-}
 
 }  // namespace
 
@@ -68,13 +64,13 @@ void ZMGameRuntime::create(const std::string& userId, const ZMValue& options,
   storagePathUser_.clear();
   storagePathCache_.clear();
   storagePathCore_.clear();
-  storagePathApp_ = optionText(effective, ZM_KEY_STORAGE_PATH_APP);
+  storagePathApp_ = ZMTextOption(effective, ZM_KEY_STORAGE_PATH_APP).value_or("");
   if (storagePathApp_.empty()) storagePathApp_ = ZMPathJoin(base, "app");
-  storagePathUser_ = optionText(effective, ZM_KEY_STORAGE_PATH_USER);
+  storagePathUser_ = ZMTextOption(effective, ZM_KEY_STORAGE_PATH_USER).value_or("");
   if (storagePathUser_.empty()) storagePathUser_ = ZMPathJoin(base, "user");
-  storagePathCache_ = optionText(effective, ZM_KEY_STORAGE_PATH_CACHE);
+  storagePathCache_ = ZMTextOption(effective, ZM_KEY_STORAGE_PATH_CACHE).value_or("");
   if (storagePathCache_.empty()) storagePathCache_ = temporary;
-  storagePathCore_ = optionText(effective, ZM_KEY_STORAGE_PATH_CORE);
+  storagePathCore_ = ZMTextOption(effective, ZM_KEY_STORAGE_PATH_CORE).value_or("");
   if (storagePathCore_.empty()) storagePathCore_ = ZMPathJoin(base, "core");
 
   // Results ignored: a root that cannot be created shows up in the operations that use it; a

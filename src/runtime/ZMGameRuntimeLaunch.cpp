@@ -5,6 +5,7 @@
 
 #include "platform/ZMFormat.h"
 #include "platform/ZMPath.h"
+#include "platform/ZMValueAccess.h"
 #include "runtime/ZMGameRuntime.h"
 #include "runtime/ZMGameRuntime2.h"
 #include "storage/ZMDatabaseHelper.h"
@@ -14,21 +15,6 @@
 
 namespace {
 
-// A value's truth as Foundation's boolValue reads it (booleans, numbers, "true"/"YES"/"1").
-bool truthOf(const ZMValue& value) {
-  if (value.is_boolean()) return value.get<bool>();
-  if (value.is_number_integer()) return value.get<int64_t>() != 0;
-  if (value.is_number()) return value.get<double>() != 0.0;
-  if (value.is_string()) {
-    const std::string text = value.get<std::string>();
-    const auto start = text.find_first_not_of(" \t\n");
-    if (start == std::string::npos) return false;
-    const char c = text[start];
-    return c == 'y' || c == 'Y' || c == 't' || c == 'T' ||
-           std::strtod(text.c_str() + start, nullptr) != 0.0;
-  }
-  return false;
-}
 
 ZMError launchError(const std::string& domain) { return ZMError(domain, -1, ZMValue::object()); }
 
@@ -101,7 +87,7 @@ void ZMGameRuntime::runGame(std::shared_ptr<void> viewController, const std::str
   runOptions[ZM_SYSTEM_KEY_FILE_USER_TEMP_PATH] = tempDir;
   runOptions[ZM_SYSTEM_KEY_FILE_APP_DETAIL_PATH] = detailFile;
   const bool showTimes =
-      options.is_object() && truthOf(options.value(ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG,
+      options.is_object() && ZMTruthOf(options.value(ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG,
                                                    ZMValue(false)));
   gameLoadingTimeLog_ = showTimes;
   runOptions[ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG] = showTimes;

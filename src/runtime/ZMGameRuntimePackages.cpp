@@ -8,6 +8,7 @@
 #include "game/ZMGameUninstallPackageTask.h"
 #include "platform/ZMFormat.h"
 #include "platform/ZMPath.h"
+#include "platform/ZMValueAccess.h"
 #include "runtime/ZMGameConfig.h"
 #include "runtime/ZMGameDetail.h"
 #include "runtime/ZMGameRuntime.h"
@@ -18,12 +19,6 @@
 
 namespace {
 
-std::optional<std::string> optionText(const ZMValue& options, const char* key) {
-  if (!options.is_object()) return std::nullopt;
-  auto it = options.find(key);
-  if (it == options.end() || !it->is_string()) return std::nullopt;
-  return it->get<std::string>();
-}
 
 // An app id that could make a path leave the storage roots is refused with this error.
 std::optional<ZMError> appIdError(const std::optional<std::string>& appId) {
@@ -49,7 +44,7 @@ void cancelAndClear(std::shared_ptr<Task>& task) {
 void ZMGameRuntime::checkGameVersion(const ZMValue& options,
                                      std::weak_ptr<ZMPackageCheckVersionListener> listener) {
   cancelAndClear(gameCheckTask_);
-  const auto appId = optionText(options, ZM_KEY_GAME_PACKAGE_APP_ID);
+  const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
   auto host = listener.lock();
   if (auto error = appIdError(appId)) {
     if (host) {
@@ -67,8 +62,8 @@ void ZMGameRuntime::checkGameVersion(const ZMValue& options,
 void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
                                         std::weak_ptr<ZMPackageDownloadListener> listener) {
   cancelAndClear(gameDownloadTask_);
-  const auto appId = optionText(options, ZM_KEY_GAME_PACKAGE_APP_ID);
-  const auto version = optionText(options, ZM_KEY_GAME_PACKAGE_VERSION);
+  const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
+  const auto version = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_VERSION);
   auto host = listener.lock();
   // The version is part of the package's file name: it must not hold a separator.
   std::optional<ZMError> error = appIdError(appId);
@@ -85,7 +80,7 @@ void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
   }
   const std::string savePath =
       getAppPackageDownloadPath(*appId, version ? *version : ZMFormat("%@", {nullptr}));
-  const std::string url = optionText(options, ZM_KEY_GAME_PACKAGE_URL).value_or("");
+  const std::string url = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_URL).value_or("");
   if (host) host->onDownloadStart();
   gameDownloadTask_ = std::make_shared<ZMGameDownloadPackageTask>(std::move(listener), savePath, url);
   gameDownloadTask_->execute(options);
@@ -93,8 +88,8 @@ void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
 
 void ZMGameRuntime::installGamePackage(const ZMValue& options,
                                        std::weak_ptr<ZMPackageInstallListener> listener) {
-  const auto appId = optionText(options, ZM_KEY_GAME_PACKAGE_APP_ID);
-  const auto version = optionText(options, ZM_KEY_GAME_PACKAGE_VERSION);
+  const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
+  const auto version = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_VERSION);
   std::optional<ZMError> error = appIdError(appId);
   if (!error) error = versionDirectoryError(version);
   if (error) {
@@ -215,8 +210,8 @@ void ZMGameRuntime::removeGameAll(std::weak_ptr<ZMGameRemoveListener> listener) 
 }
 
 std::shared_ptr<ZMZimoGameConfig> ZMGameRuntime::getGameConfig(const ZMValue& options) {
-  const auto appId = optionText(options, ZM_KEY_GAME_PACKAGE_APP_ID);
-  auto version = optionText(options, ZM_KEY_GAME_PACKAGE_VERSION);
+  const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
+  auto version = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_VERSION);
   if (!appId || appId->empty()) return nullptr;
   if (!ZMIsSafePathComponent(*appId)) {
     ZMLogFormat("getGameConfig: invalid app id: %@", {appId});
