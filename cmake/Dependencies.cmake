@@ -15,10 +15,11 @@ target_compile_definitions(tavo_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATE
 target_link_libraries(tavo_asio INTERFACE Threads::Threads)
 
 if(TAVO_BUILD_TESTS OR TAVO_BUILD_TOOLS)
-  find_path(HTTPLIB_INCLUDE_DIR httplib.h REQUIRED)
+  # Debian's cpp-httplib is a compiled library: link it and compile with its definitions (they
+  # change the layout of its classes). Loopback servers of the tests and of `tavo demo` use it.
+  pkg_check_modules(CPPHTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
   add_library(tavo_httplib INTERFACE)
-  target_include_directories(tavo_httplib SYSTEM INTERFACE ${HTTPLIB_INCLUDE_DIR})
-  target_link_libraries(tavo_httplib INTERFACE Threads::Threads)
+  target_link_libraries(tavo_httplib INTERFACE PkgConfig::CPPHTTPLIB Threads::Threads)
 endif()
 if(TAVO_BUILD_TESTS)
   find_package(GTest REQUIRED)

@@ -69,6 +69,7 @@ void ZMMainQueue::sync(const Block& block) {
     try {
       block();
     } catch (...) {
+      std::lock_guard lock(waiter->mutex);
       waiter->error = std::current_exception();
     }
     {
@@ -77,9 +78,15 @@ void ZMMainQueue::sync(const Block& block) {
     }
     waiter->cv.notify_all();
   });
-  std::unique_lock lock(waiter->mutex);
-  waiter->cv.wait(lock, [&] { return waiter->done; });
-  if (waiter->error) std::rethrow_exception(waiter->error);
+  std::exception_ptr error;
+  {
+    std::unique_lock lock(waiter->mutex);
+    waiter->cv.wait(lock, [&] { return waiter->done; });
+    // Taken out so that the exception is released on this thread, not when the main thread
+    // destroys the block.
+    error = std::move(waiter->error);
+  }
+  if (error) std::rethrow_exception(error);
 }
 
 bool ZMMainQueue::isMainThread() {

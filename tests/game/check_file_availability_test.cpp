@@ -84,22 +84,26 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, MissingOptionsFailInOrder) {
 
 TEST_F(ZMCheckFileAvailabilityTaskTest, CancelKeepsDeletionsAndProgressButDropsTheResult) {
   const std::string old = aged("old.zgp", 3600);
-  // Every pool thread is held, so the sweep cannot start before the cancel.
-  std::mutex mutex;
-  std::condition_variable cv;
-  std::size_t held = 0;
-  bool release = false;
+  // Every pool thread is held, so the sweep cannot start before the cancel. The gate is shared
+  // because a held thread may still be waking up when the test ends.
+  struct Gate {
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::size_t held = 0;
+    bool release = false;
+  };
+  auto gate = std::make_shared<Gate>();
   for (std::size_t i = 0; i < ZMGlobalQueue::kThreadCount; ++i) {
-    ZMGlobalQueue::post([&] {
-      std::unique_lock lock(mutex);
-      ++held;
-      cv.notify_all();
-      cv.wait(lock, [&] { return release; });
+    ZMGlobalQueue::post([gate] {
+      std::unique_lock lock(gate->mutex);
+      ++gate->held;
+      gate->cv.notify_all();
+      gate->cv.wait(lock, [&] { return gate->release; });
     });
   }
   {
-    std::unique_lock lock(mutex);
-    cv.wait(lock, [&] { return held == ZMGlobalQueue::kThreadCount; });
+    std::unique_lock lock(gate->mutex);
+    gate->cv.wait(lock, [&] { return gate->held == ZMGlobalQueue::kThreadCount; });
   }
   auto first = std::make_shared<SweepRecorder>();
   t.runtime->checkFileAvailability({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
@@ -107,10 +111,10 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, CancelKeepsDeletionsAndProgressButDropsT
                                    first);
   t.runtime->cancelGamePackageRequest();
   {
-    std::lock_guard lock(mutex);
-    release = true;
+    std::lock_guard lock(gate->mutex);
+    gate->release = true;
   }
-  cv.notify_all();
+  gate->cv.notify_all();
   ASSERT_TRUE(RunUntil([&] { return first->size() == 2; }));
   DrainMainQueue();
   EXPECT_EQ(first->events(), (std::vector<std::string>{"onCheckStart", "onCheckProgress:" + old}));

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <future>
 #include <thread>
 
 #include "merin/MerinGameHandle.h"
@@ -99,17 +101,6 @@ TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
   EXPECT_EQ(exit->last(), "onGameExitFailure:no game running|-1");
 }
 
-TEST_F(ZMGameRuntimeLaunch, PlayIsNotCountedOnceTheHostListenerIsGone) {
-  ASSERT_TRUE(t.installGame("g1", "1.0"));
-  auto listener = std::make_shared<RunRecorder>();
-  t.runtime->runGame(viewController, "g1", version("1.0"), listener);
-  listener.reset();
-  auto engine = std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance());
-  ASSERT_TRUE(RunUntil([&] { return engine->isRunning(); }));
-  DrainMainQueue();
-  EXPECT_FALSE(record("g1")->played) << "the install's record, never played";
-}
-
 TEST_F(ZMGameRuntimeLaunch, QuitRequestGoesToTheHostOrEndsTheGame) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
   auto engine = std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance());
@@ -136,14 +127,14 @@ TEST_F(ZMGameRuntimeLaunch, EnginePermissionCallsReachTheUsersStore) {
   // The store waits for the main queue, so the game's calls come from another thread here.
   std::optional<int64_t> camera;
   ZMValue all;
-  bool finished = false;
+  std::atomic<bool> finished = false;
   std::thread game([&] {
     engine->grantPermissions({"camera", "location"}, {"location"});
     camera = engine->queryPermission("camera");
     all = engine->queryAllPermissions();
     finished = true;
   });
-  while (!finished) RunUntil([&] { return finished; }, std::chrono::milliseconds(50));
+  while (!finished) RunUntil([&] { return finished.load(); }, std::chrono::milliseconds(50));
   game.join();
   EXPECT_EQ(camera, 1);
   EXPECT_EQ(all, (ZMValue{{"location", 2}, {"camera", 1}}));
@@ -172,6 +163,7 @@ class FakeEngine : public ZMGameHandle {
   std::optional<ZMError> runFailure, exitFailure;
   bool vanishBeforeView = false;
   std::optional<std::string> ranAppId;
+  std::shared_future<void> gate;  // when valid, the engine reports nothing before it is ready
 
   void setOnGameQueryExitListener(std::weak_ptr<ZMOnGameQueryExitListener>) override {}
   void setOnGamePermissionListener(std::shared_ptr<ZMCorePermissionListener>) override {}
@@ -180,6 +172,7 @@ class FakeEngine : public ZMGameHandle {
     ranAppId = appId;
     join();
     thread_ = std::thread([this, listener] {
+      if (gate.valid()) gate.wait();
       auto l = listener.lock();
       if (!l) return;
       if (vanishBeforeView) ZMGameHandle::setInstance(nullptr);
@@ -242,6 +235,21 @@ TEST_F(ZMGameRuntimeLaunch, EngineFailuresAreRelayedFromTheEnginesThread) {
   exit = std::make_shared<ExitRecorder>();
   t.runtime->exitGame("g1", exit);
   EXPECT_EQ(exit->events(), std::vector<std::string>{"onGameExitFailure:no game running|-1"});
+}
+
+TEST_F(ZMGameRuntimeLaunch, PlayIsNotCountedOnceTheHostListenerIsGone) {
+  ASSERT_TRUE(t.installGame("g1", "1.0"));
+  auto fake = std::make_shared<FakeEngine>();
+  ZMGameHandle::setInstance(fake);
+  std::promise<void> ready;
+  fake->gate = ready.get_future().share();
+  auto listener = std::make_shared<RunRecorder>();
+  t.runtime->runGame(viewController, "g1", version("1.0"), listener);
+  listener.reset();
+  ready.set_value();
+  fake->join();
+  DrainMainQueue();
+  EXPECT_FALSE(record("g1")->played) << "the install's record, never played";
 }
 
 }  // namespace
