@@ -1,69 +1,178 @@
-// tavo: a command-line host for libtavo, built on the public headers only.
+// tavo: a command-line host for libtavo, built on its public headers. One subcommand per host
+// operation of the runtime, plus `demo`, which walks the whole game cycle on its own.
+
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "Demo.h"
+#include "Reporter.h"
+#include "Session.h"
 #include "merin/MerinGameHandle.h"
 #include "tavo/tavo.h"
 
 namespace {
 
-// Puts every storage root and system directory under `root`, so that state persists from one
-// invocation to the next; an empty root keeps the XDG defaults.
-ZMValue useRoot(const std::string& root) {
-  if (root.empty()) return ZMValue::object();
-  ZMSystemDirectories::setDocumentsDirectory(root + "/Documents");
-  ZMSystemDirectories::setCachesDirectory(root + "/Caches");
-  ZMSystemDirectories::setTemporaryDirectory(root + "/tmp");
-  return {{ZM_KEY_STORAGE_PATH_PLUGIN, root + "/Caches/plugin"}};
+// "42" is a number of minutes; anything else goes to the runtime as text, which judges it.
+ZMValue KeepTime(const std::string& text) {
+  char* end = nullptr;
+  const long long minutes = std::strtoll(text.c_str(), &end, 10);
+  if (!text.empty() && end && *end == '\0') return minutes;
+  return text;
 }
 
-struct InitListener : ZMRuntimeInitListener {
-  std::shared_ptr<ZMZimoGameRuntime> runtime;
-  std::string failure;
-  void onInitializeSuccess(std::shared_ptr<ZMZimoGameRuntime> r) override { runtime = r; }
-  void onInitializeFailure(const ZMException& e) override {
-    failure = e.name() + ": " + e.reason().value_or("");
-  }
-};
-
-int info(const std::string& user, const std::string& root) {
-  const ZMValue options = useRoot(root);
-  auto listener = std::make_shared<InitListener>();
-  ZMZimoGame::initRuntime(user, options, listener);
-  if (!listener->failure.empty() || !listener->runtime) {
-    std::cerr << "tavo: the runtime could not start: " << listener->failure << "\n";
-    return 1;
-  }
-  auto runtime = listener->runtime;
-  std::cout << "libtavo " << runtime->getVersionInfo().value_or("(unknown)") << "\n";
-  std::cout << "user           " << user << "\n"
-            << "record store   " << ZMSystemDirectories::documentsDirectory()
-            << "/zimo_client_sdk.db\n"
-            << "caches         " << ZMSystemDirectories::cachesDirectory() << "\n"
-            << "installed apps " << ZMSystemDirectories::cachesDirectory() << "/app\n"
-            << "user data      " << ZMSystemDirectories::cachesDirectory() << "/user\n"
-            << "engine core    " << ZMSystemDirectories::cachesDirectory() << "/core\n"
-            << "package cache  " << ZMSystemDirectories::temporaryDirectory() << "\n"
-            << "engine         " << (ZMGameHandle::getInstance() ? "loaded" : "none") << "\n";
-  runtime->done();
-  return 0;
+// --auth camera=1 becomes {"auth_camera": 1}.
+std::optional<std::string> AddAuth(ZMValue& info, const std::string& assignment) {
+  const auto equals = assignment.find('=');
+  if (equals == std::string::npos || equals == 0) return "expected NAME=VALUE, got " + assignment;
+  char* end = nullptr;
+  const std::string value = assignment.substr(equals + 1);
+  const long long number = std::strtoll(value.c_str(), &end, 10);
+  if (value.empty() || *end != '\0') return "the value of " + assignment + " is not a number";
+  info["auth_" + assignment.substr(0, equals)] = number;
+  return std::nullopt;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"tavo: try libtavo's game runtime from a terminal"};
+  CLI::App app{"tavo: try libtavo's game runtime from a terminal.\n"
+               "Exit status: 0 on the operation's success callback, 1 on its failure callback\n"
+               "(the error's domain and code on stderr), 2 when the runtime cannot start,\n"
+               "3 when no last callback comes within --timeout."};
   app.require_subcommand(1);
-  app.fallthrough();  // --user and --root may follow the subcommand
-  std::string user = "tavo-user";
-  std::string root;
-  app.add_option("--user", user, "User id of the runtime");
-  app.add_option("--root", root, "Put every storage root under this directory");
-  auto* infoCommand = app.add_subcommand("info", "Print the runtime's version and storage layout");
+  app.fallthrough();  // the global options may follow the subcommand
+
+  Session::Settings settings;
+  bool trace = false;
+  int timeoutSeconds = 600;
+  app.add_option("--user", settings.user, "User id of the runtime")->capture_default_str();
+  app.add_option("--root", settings.root,
+                 "Put every storage root under this directory (default: the XDG directories)");
+  app.add_flag("--trace", trace,
+               "Print every listener callback as one JSON object per line on stdout, and "
+               "nothing else");
+  app.add_flag("--verbose", settings.verbose, "Print the library's log lines on stderr");
+  app.add_option("--timeout", timeoutSeconds, "Seconds to wait for an operation's last callback")
+      ->capture_default_str();
+
+  std::string appId, version, url, package;
+  std::optional<std::string> hash, extend, subpackageRoot, reserve, data;
+  double holdSeconds = 0;
+  bool loadingTimes = false, keep = false;
+  std::vector<std::string> appIds, extensions{"zgp"}, auths;
+  std::string keepMinutes;
+
+  auto* check = app.add_subcommand("check", "Check whether a game version is installed");
+  check->add_option("--app", appId, "App id")->required();
+  check->add_option("--version", version, "Version")->required();
+
+  auto* download = app.add_subcommand("download", "Download a game package (MD5-checked)");
+  download->add_option("--app", appId, "App id")->required();
+  download->add_option("--version", version, "Version")->required();
+  download->add_option("--url", url, "Package URL")->required();
+  download->add_option("--hash", hash, "Lower-case MD5 of the package");
+
+  auto* install = app.add_subcommand("install", "Install (unzip) a downloaded game package");
+  install->add_option("--app", appId, "App id")->required();
+  install->add_option("--version", version, "Version")->required();
+  install->add_option("--package", package, "Path of the package zip")->required();
+  install->add_option("--subpackage-root", subpackageRoot,
+                      "Install as this subpackage of the installed version");
+  install->add_option("--extend", extend, "Host data kept with the game's record");
+
+  auto* run = app.add_subcommand("run", "Run an installed game, then exit it");
+  run->add_option("--app", appId, "App id")->required();
+  run->add_option("--version", version, "Version")->required();
+  run->add_option("--extend", extend, "Host data kept with the game's record");
+  run->add_option("--hold", holdSeconds, "Seconds the game keeps running before it exits");
+  run->add_flag("--loading-times", loadingTimes, "Log the launch's timings");
+
+  auto* list = app.add_subcommand("list", "List the user's games");
+
+  auto* setData = app.add_subcommand("set-data", "Store host data in a game's record");
+  setData->add_option("--app", appId, "App id")->required();
+  setData->add_option("--extend", extend, "The record's extend text");
+  setData->add_option("--reserve", reserve, "The record's reserve text");
+  setData->add_option("--auth", auths, "A permission as NAME=VALUE, e.g. camera=1 (repeatable)");
+  setData->add_option("--data", data, "Further fields as a JSON object");
+
+  auto* remove = app.add_subcommand("remove", "Remove games of the user");
+  remove->add_option("--app", appIds, "App id (repeatable)")->required();
+
+  auto* removeAll = app.add_subcommand("remove-all", "Remove every game of the user");
+
+  auto* sweep = app.add_subcommand("sweep", "Delete expired files from the package cache");
+  sweep->add_option("--ext", extensions, "Extension of the files to sweep (repeatable)")
+      ->capture_default_str();
+  sweep->add_option("--keep-minutes", keepMinutes, "Keep files younger than this")->required();
+
+  auto* config = app.add_subcommand("config", "Print an installed game's configuration as JSON");
+  config->add_option("--app", appId, "App id")->required();
+  std::optional<std::string> configVersion;
+  config->add_option("--version", configVersion, "Version (default: the installed one)");
+
+  auto* info = app.add_subcommand("info", "Print the runtime's version and storage layout");
+
+  auto* demo = app.add_subcommand(
+      "demo", "Walk the whole game cycle against a local server and a temporary root");
+  demo->add_flag("--keep", keep, "Keep the temporary root and package");
+
   CLI11_PARSE(app, argc, argv);
+  settings.timeout = std::chrono::seconds(timeoutSeconds);
+
   MerinGameHandle::install();  // the reference headless engine runs the games
-  if (infoCommand->parsed()) return info(user, root);
-  return 0;
+  Reporter reporter(trace, isatty(STDOUT_FILENO) == 1);
+
+  if (demo->parsed()) {
+    if (trace) {
+      reporter.failure("demo", "--trace does not apply to the demo");
+      return kExitFailure;
+    }
+    return RunDemo(reporter, settings, keep);
+  }
+
+  ZMValue dataInfo = ZMValue::object();
+  if (setData->parsed()) {
+    if (extend) dataInfo["extend"] = *extend;
+    if (reserve) dataInfo["reserve"] = *reserve;
+    for (const auto& auth : auths) {
+      if (auto problem = AddAuth(dataInfo, auth)) {
+        reporter.failure("set-data", *problem);
+        return kExitFailure;
+      }
+    }
+    if (data) {
+      ZMValue extra = ZMValue::parse(*data, nullptr, false);
+      if (!extra.is_object()) {
+        reporter.failure("set-data", "--data is not a JSON object");
+        return kExitFailure;
+      }
+      dataInfo.update(extra);
+    }
+  }
+
+  Session session(reporter, settings);
+  if (!session.start()) return kExitNoRuntime;
+  if (check->parsed()) return session.check(appId, version);
+  if (download->parsed()) return session.download(appId, version, url, hash);
+  if (install->parsed()) return session.install(appId, version, package, subpackageRoot, extend);
+  if (run->parsed()) {
+    return session.run(appId, version, extend,
+                       std::chrono::milliseconds(static_cast<int64_t>(holdSeconds * 1000)),
+                       loadingTimes);
+  }
+  if (list->parsed()) return session.list();
+  if (setData->parsed()) return session.setData(appId, dataInfo);
+  if (remove->parsed()) return session.remove(appIds);
+  if (removeAll->parsed()) return session.removeAll();
+  if (sweep->parsed()) return session.sweep(extensions, KeepTime(keepMinutes));
+  if (config->parsed()) return session.config(appId, configVersion);
+  if (info->parsed()) return session.info();
+  return kExitSuccess;
 }

@@ -1,0 +1,194 @@
+#include "Demo.h"
+
+#include <httplib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "SamplePackage.h"
+
+namespace {
+
+constexpr const char* kAppId = "tap-tap";
+constexpr const char* kVersion = "1.0.0";
+
+std::string ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+std::string Md5Of(const std::string& path) {
+  char* digest = FileMD5HashCreateWithPath(path.c_str(), 0);
+  std::string text = digest ? digest : "";
+  std::free(digest);
+  return text;
+}
+
+// Serves one file at /games/<name> on 127.0.0.1 from a thread of its own.
+class PackageServer {
+ public:
+  explicit PackageServer(std::string body) : body_(std::move(body)) {
+    server_.Get("/games/tap-tap-1.0.0.zip", [this](const httplib::Request&, httplib::Response& res) {
+      res.set_content(body_, "application/zip");
+    });
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    if (port_ > 0) {
+      thread_ = std::thread([this] {
+        server_.listen_after_bind();
+        finished_ = true;
+      });
+    }
+  }
+  ~PackageServer() {
+    if (!thread_.joinable()) return;
+    // stop() acts only on a listening server; the thread gets there at once.
+    while (!server_.is_running() && !finished_) std::this_thread::yield();
+    server_.stop();
+    thread_.join();
+  }
+  bool ok() const { return port_ > 0; }
+  std::string url() const {
+    return "http://127.0.0.1:" + std::to_string(port_) + "/games/tap-tap-1.0.0.zip";
+  }
+
+ private:
+  std::string body_;
+  httplib::Server server_;
+  int port_ = -1;
+  std::atomic<bool> finished_{false};
+  std::thread thread_;
+};
+
+struct StepResult {
+  std::string name;
+  bool ok;
+  double seconds;
+};
+
+}  // namespace
+
+int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
+  // temp_directory_path honours TMPDIR.
+  std::string base = std::filesystem::temp_directory_path().string() + "/tavo-demo-XXXXXX";
+  std::vector<char> writable(base.begin(), base.end());
+  writable.push_back('\0');
+  if (!mkdtemp(writable.data())) {
+    reporter.failure("demo", "cannot create a temporary directory under " +
+                                 std::filesystem::temp_directory_path().string());
+    return kExitFailure;
+  }
+  const std::string work = writable.data();
+  settings.root = work + "/root";
+
+  std::cout << "libtavo demo: the whole game cycle for user \"" << settings.user
+            << "\" under " << settings.root << "\n\n";
+
+  const std::string packagePath = work + "/tap-tap-1.0.0.zip";
+  if (!WriteSamplePackage(packagePath)) {
+    reporter.failure("demo", "cannot write the sample package " + packagePath);
+    std::filesystem::remove_all(work);
+    return kExitFailure;
+  }
+  const std::string md5 = Md5Of(packagePath);
+  PackageServer server(ReadAll(packagePath));
+  if (!server.ok()) {
+    reporter.failure("demo", "cannot listen on 127.0.0.1");
+    std::filesystem::remove_all(work);
+    return kExitFailure;
+  }
+  std::cout << "Made a sample game package (" << std::filesystem::file_size(packagePath)
+            << " bytes, MD5 " << md5 << ")\nand serves it at " << server.url() << "\n\n";
+
+  std::vector<StepResult> results;
+  int failures = 0;
+  {
+    Session session(reporter, settings);
+    if (!session.start()) {
+      std::filesystem::remove_all(work);
+      return kExitNoRuntime;
+    }
+    // Runs one step; `expected` is the status the step should end with.
+    auto step = [&](const std::string& title, const std::string& explanation, int expected,
+                    const std::function<int()>& body) {
+      std::cout << results.size() + 1 << ". " << title << "\n   " << explanation << "\n";
+      const auto began = std::chrono::steady_clock::now();
+      const int status = body();
+      const double seconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+      const bool ok = status == expected;
+      if (!ok) ++failures;
+      results.push_back({title, ok, seconds});
+      std::cout << (ok ? "   ok" : "   UNEXPECTED") << "\n\n";
+    };
+
+    step("Check before installing",
+         "The game is not installed yet, so the version check must fail.", kExitFailure,
+         [&] {
+           session.setReportFailures(false);
+           const int status = session.check(kAppId, kVersion);
+           session.setReportFailures(true);
+           if (auto error = session.lastError()) {
+             std::cout << "  not installed: " << error->domain << " (code " << error->code << ")\n";
+           }
+           return status;
+         });
+    std::string downloaded;
+    step("Download", "The package comes over HTTP with progress, and its MD5 is verified.",
+         kExitSuccess, [&] {
+           return session.download(kAppId, kVersion, server.url(), md5, &downloaded);
+         });
+    step("Install", "The engine unzips the package into the app directory; the download is deleted.",
+         kExitSuccess, [&] {
+           return session.install(kAppId, kVersion, downloaded, std::nullopt,
+                                  std::string(R"({"source":"demo"})"));
+         });
+    step("Check after installing", "Now the same check succeeds.", kExitSuccess,
+         [&] { return session.check(kAppId, kVersion); });
+    step("Read the configuration", "game.config.json as the runtime reads it, defaults filled in.",
+         kExitSuccess, [&] { return session.config(kAppId, std::nullopt); });
+    step("Run and exit", "The reference engine runs the game headless; the play is counted, and the record's\n"
+         "   extend is replaced by the run's (none here).",
+         kExitSuccess, [&] {
+           return session.run(kAppId, kVersion, std::nullopt, std::chrono::milliseconds(0), true);
+         });
+    step("Store host data", "The host keeps its own text with the game's record.", kExitSuccess,
+         [&] { return session.setData(kAppId, {{"extend", R"({"stars":3})"}}); });
+    step("List", "The user's games with the data the host keeps for each.", kExitSuccess,
+         [&] { return session.list(); });
+    step("Sweep the package cache",
+         "Packages older than a day are deleted; the download was consumed by the install.",
+         kExitSuccess, [&] { return session.sweep({"zgp"}, 1440); });
+    step("Remove", "The record goes first, then the game's files.", kExitSuccess,
+         [&] { return session.remove({kAppId}); });
+    step("List again", "Nothing is left for this user.", kExitSuccess,
+         [&] { return session.list(); });
+  }
+
+  std::cout << "Summary\n";
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    char line[160];
+    std::snprintf(line, sizeof line, "  %2zu. %-28s %-10s %7.3f s\n", i + 1,
+                  results[i].name.c_str(), results[i].ok ? "ok" : "UNEXPECTED",
+                  results[i].seconds);
+    std::cout << line;
+  }
+  std::cout << (failures == 0 ? "Every step did what it should.\n"
+                              : std::to_string(failures) + " step(s) went wrong.\n");
+  if (keep) {
+    std::cout << "Kept " << work << " (the storage root is " << settings.root << ")\n";
+  } else {
+    std::filesystem::remove_all(work);
+  }
+  return failures == 0 ? kExitSuccess : kExitFailure;
+}
