@@ -1,6 +1,8 @@
 #include "runtime/ZMGameRuntime.h"
 
+#include <atomic>
 #include <mutex>
+#include <thread>
 
 #include "platform/ZMFormat.h"
 #include "platform/ZMPath.h"
@@ -8,6 +10,7 @@
 #include "runtime/ZMGameRuntime2.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "storage/ZMPermissionUtil.h"
+#include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMSystemDirectories.h"
 #include "util/ZMFileUtils.h"
@@ -184,11 +187,28 @@ ZMValue ZMGameRuntime::info() const {
   return info_;
 }
 
+void ZMGameRuntime::endHandle(ZMGameHandle& handle) {
+  if (!ZMMainQueue::isMainThread()) {
+    handle.done();
+    return;
+  }
+  // The engine's done() waits for its callbacks, and a callback may be waiting for the main
+  // queue (the record store runs there): keep draining it until done() returns.
+  std::atomic<bool> ended{false};
+  std::thread ender([&] {
+    handle.done();
+    ended = true;
+  });
+  while (!ZMMainQueue::runUntil([&] { return ended.load(); }, std::chrono::hours(1))) {
+  }
+  ender.join();
+}
+
 void ZMGameRuntime::done() {
   cancelGamePackageRequest();
   auto handle = gameHandle();
   if (gameRuntime2_) gameRuntime2_->destroyGame(handle);
-  if (handle) handle->done();
+  if (handle) endHandle(*handle);
   std::lock_guard lock(gSlotMutex);
   if (gInstance.get() == this) gInstance.reset();
 }

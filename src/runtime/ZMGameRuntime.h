@@ -128,6 +128,9 @@ class ZMGameRuntime : public ZMZimoGameRuntime,
   }
 
  private:
+  // Ends the engine handle without deadlocking a main thread that its callbacks wait for.
+  static void endHandle(ZMGameHandle& handle);
+
   ZMGameRuntime() = default;
   std::string userAppName(const std::string& appId) const;  // "%@_%@" of user id and app id
   // Resolves a getter's directory, logging (not throwing) when it cannot be made usable.

@@ -188,7 +188,7 @@ class FakeEngine : public ZMGameHandle {
     });
   }
   std::optional<std::string> getAppId() override { return ranAppId; }
-  void done() override {}
+  void done() override { join(); }  // like the reference engine: waits for its callbacks
   void unzipFile(const std::string&, const std::string&,
                  std::shared_ptr<ZMUnzipGamePackageListener> l) override {
     l->onUnzipFailed("fake");
@@ -250,6 +250,22 @@ TEST_F(ZMGameRuntimeLaunch, PlayIsNotCountedOnceTheHostListenerIsGone) {
   fake->join();
   DrainMainQueue();
   EXPECT_FALSE(record("g1")->played) << "the install's record, never played";
+}
+
+TEST_F(ZMGameRuntimeLaunch, DoneOnTheMainThreadWhileTheEngineWaitsForIt) {
+  ASSERT_TRUE(t.installGame("g1", "1.0"));
+  auto fake = std::make_shared<FakeEngine>();
+  ZMGameHandle::setInstance(fake);
+  std::promise<void> ready;
+  fake->gate = ready.get_future().share();
+  auto listener = std::make_shared<RunRecorder>();
+  t.runtime->runGame(viewController, "g1", version("1.0"), listener);
+  // onRunSuccess counts the play in the record store, which waits for the main queue, while
+  // done() on the main thread waits for the engine's callbacks to end.
+  ready.set_value();
+  t.runtime->done();
+  EXPECT_EQ(listener->events(), (std::vector<std::string>{"onGameHandleCreate", "onRunSuccess"}));
+  EXPECT_EQ(record("g1")->played, 1);
 }
 
 }  // namespace
