@@ -1,9 +1,12 @@
 #include "game/ZMCheckFileAvailabilityTask.h"
 
-#include <cmath>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
 
-#include "platform/ZMFileManager.h"
 #include "platform/ZMGlobalQueue.h"
 #include "platform/ZMPath.h"
 #include "runtime/ZMGameRuntime.h"
@@ -71,33 +74,52 @@ void ZMCheckFileAvailabilityTask::_checkCacheTempFileTask(const std::vector<std:
     return;
   }
   const auto names = ZMCoreFileUtil::getCacheTempFileList(cachePath);
-  for (const auto& name : names.value_or(std::vector<std::string>())) {
-    const std::string path = ZMPathJoin(cachePath, name);
-    if (!_compareExtensionName(extensions, path) || _compareKeepTime(path, keepTime)) continue;
-    ZMFileUtils::deleteFile(path);  // progress is reported whether or not it went
+  if (!names || names->empty()) {
+    _complete(std::nullopt);
+    return;
+  }
+  // Entries are looked at and unlinked through the directory's descriptor: one lstat for the
+  // age and kind, one unlink, no walk of the cache path per call. Without a descriptor the full
+  // paths do the same.
+  const int directory = ::open(cachePath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int at = directory >= 0 ? directory : AT_FDCWD;
+  for (const auto& name : *names) {
+    if (!_compareExtensionName(extensions, name)) continue;
+    std::string path = ZMPathJoin(cachePath, name);
+    const char* target = directory >= 0 ? name.c_str() : path.c_str();
+    struct stat st {};
+    if (::fstatat(at, target, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;  // unreadable: kept
+    const double modified =
+        static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
+    if (_compareKeepTime(modified, keepTime)) continue;
+    // Progress is reported whether or not it went; a failure is logged by deleteFile, which
+    // also takes directories with their contents.
+    if (S_ISDIR(st.st_mode) || (::unlinkat(at, target, 0) != 0 && errno != ENOENT)) {
+      ZMFileUtils::deleteFile(path);
+    }
     if (!listener_.expired()) {
-      ZMMainQueue::post([self = shared_from_this(), path] {
+      ZMMainQueue::post([self = shared_from_this(), path = std::move(path)] {
         if (auto listener = self->listener_.lock()) listener->onCheckProgress(path);
       });
     }
   }
+  if (directory >= 0) ::close(directory);
   _complete(std::nullopt);
 }
 
 bool ZMCheckFileAvailabilityTask::_compareExtensionName(const std::vector<std::string>& extensions,
-                                                        const std::string& path) {
-  const std::string extension = ZMPathExtension(path);
-  if (extension.empty()) return false;
+                                                        std::string_view name) {
+  const auto dot = name.rfind('.');
+  if (dot == std::string_view::npos || dot == 0 || dot + 1 == name.size()) return false;
+  const std::string_view extension = name.substr(dot + 1);
   for (const auto& candidate : extensions) {
     if (candidate == extension) return true;
   }
   return false;
 }
 
-bool ZMCheckFileAvailabilityTask::_compareKeepTime(const std::string& path, int64_t keepTime) {
-  const auto modified = ZMFileManager::modificationDate(path);
-  if (!modified) return true;
-  const double age = ZMNow() - *modified;
+bool ZMCheckFileAvailabilityTask::_compareKeepTime(double modified, int64_t keepTime) {
+  const double age = ZMNow() - modified;
   return static_cast<double>(keepTime) * 60.0 > age;
 }
 

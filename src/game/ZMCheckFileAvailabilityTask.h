@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tavo/ZMGameListeners.h"
@@ -23,10 +24,12 @@ class ZMCheckFileAvailabilityTask
   void execute(const ZMValue& options);
   void cancel() { isCancel_ = true; }
 
+  // True when the entry name's extension (after its last dot, not a leading one) is listed.
   static bool _compareExtensionName(const std::vector<std::string>& extensions,
-                                    const std::string& path);
-  // True when the entry is kept: younger than keepTime minutes, or its attributes unreadable.
-  static bool _compareKeepTime(const std::string& path, int64_t keepTime);
+                                    std::string_view name);
+  // True when an entry modified at `modified` (seconds since 1970) is kept: younger than
+  // keepTime minutes. An entry whose attributes cannot be read is kept too.
+  static bool _compareKeepTime(double modified, int64_t keepTime);
 
  private:
   void _checkCacheTempFileTask(const std::vector<std::string>& extensions, int64_t keepTime,

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -67,6 +68,39 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, DeletesListedExtensionsOnceTheirAgeReach
                                     "onCheckStart", "onCheckProgress:" + t.cache() + "/ten.zgp",
                                     "onCheckSuccess"}));
   EXPECT_TRUE(Exists(nine));
+}
+
+TEST_F(ZMCheckFileAvailabilityTaskTest, SymbolicLinksAreAgedAndDeletedThemselvesNeverFollowed) {
+  // Targets outside the cache, old enough to go if a link were followed.
+  const std::string outside = t.root() + "/outside";
+  WriteFile(outside + "/kept.bin", "keep");
+  SetAgeSeconds(outside + "/kept.bin", 7200);
+  SetAgeSeconds(outside, 7200);
+  const std::string oldFile = t.root() + "/old-target.zgp";
+  WriteFile(oldFile, "keep");
+  SetAgeSeconds(oldFile, 7200);
+
+  auto link = [&](const std::string& target, const std::string& name, double age) {
+    const std::string path = t.cache() + "/" + name;
+    EXPECT_EQ(::symlink(target.c_str(), path.c_str()), 0) << path;
+    SetAgeSeconds(path, age);
+    return path;
+  };
+  const std::string toDir = link(outside, "to-dir.zgp", 7200);
+  const std::string dangling = link(t.root() + "/nothing", "dangling.zgp", 7200);
+  const std::string young = link(oldFile, "young-link.zgp", 10);
+
+  auto listener = sweep({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
+                         {ZM_KEY_CHECK_FILE_KEEP_TIME, 60}});
+  auto events = listener->events();
+  std::sort(events.begin() + 1, events.end() - 1);
+  EXPECT_EQ(events, (std::vector<std::string>{"onCheckStart", "onCheckProgress:" + dangling,
+                                              "onCheckProgress:" + toDir, "onCheckSuccess"}));
+  EXPECT_FALSE(Exists(toDir));
+  EXPECT_FALSE(Exists(dangling)) << "a reported deletion has happened";
+  EXPECT_TRUE(Exists(young)) << "the link's own age counts, not its target's";
+  EXPECT_EQ(ReadFile(outside + "/kept.bin"), "keep");
+  EXPECT_EQ(ReadFile(oldFile), "keep");
 }
 
 TEST_F(ZMCheckFileAvailabilityTaskTest, MissingOptionsFailInOrder) {
