@@ -1,9 +1,11 @@
 #include "platform/ZMURLSession.h"
 
 #include <gtest/gtest.h>
+
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <array>
 #include <csignal>
 #include <cstdlib>
@@ -237,6 +239,8 @@ TEST_F(ZMURLSessionTest, ProcessExitsCleanlyWithTransferInFlight) {
         kept = ZMURLSession::sessionWithConfiguration({});
         kept->downloadTask(ZMURLRequest(server.url("/stall")))->resume();
         if (!RunUntil([&] { return server.requestCount() == 1; })) std::_Exit(3);
+        // exit() skips the fixture's destructor: remove this process's directories first.
+        std::filesystem::remove_all(dirs.root().path());
         std::exit(0);
       },
       ::testing::ExitedWithCode(0), "");
