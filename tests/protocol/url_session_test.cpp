@@ -5,10 +5,10 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <array>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
