@@ -8,8 +8,25 @@
 
 #include "tavo/tavo.h"
 
-// Records every callback a host listener receives, as "name" or "name:arg", with the thread it
-// arrived on. Safe to read while callbacks arrive on other threads.
+inline std::string Describe(const std::string& text) { return text; }
+inline std::string Describe(int64_t n) { return std::to_string(n); }
+inline std::string Describe(const ZMValue& value) { return value.dump(); }
+inline std::string Describe(const ZMError& e) { return e.domain + "|" + std::to_string(e.code); }
+inline std::string Describe(const ZMException& e) {
+  return e.name() + "|" + e.reason().value_or("(null)");
+}
+inline std::string Describe(const std::optional<std::string>& text) {
+  return text ? *text : "(null)";
+}
+inline std::string Describe(const std::optional<std::vector<std::string>>& list) {
+  if (!list) return "(null)";
+  std::string text;
+  for (const auto& item : *list) text += (&item == &list->front() ? "" : ",") + item;
+  return "[" + text + "]";
+}
+
+// Records every callback a host listener receives, as "name" or "name:arg|arg", with the thread
+// it arrived on. Safe to read while callbacks arrive on other threads.
 class EventLog {
  public:
   void add(std::string event) {
@@ -17,138 +34,110 @@ class EventLog {
     events_.push_back(std::move(event));
     threads_.push_back(std::this_thread::get_id());
   }
-  std::vector<std::string> events() const {
-    std::lock_guard lock(mutex_);
-    return events_;
+  template <typename... Args>
+  void note(std::string event, const Args&... args) {
+    [[maybe_unused]] const char* separator = ":";
+    ((event += separator + Describe(args), separator = "|"), ...);
+    add(std::move(event));
   }
-  std::vector<std::thread::id> threads() const {
-    std::lock_guard lock(mutex_);
-    return threads_;
-  }
-  std::size_t size() const {
-    std::lock_guard lock(mutex_);
-    return events_.size();
-  }
-  bool has(const std::string& event) const {
-    std::lock_guard lock(mutex_);
-    for (const auto& e : events_) {
-      if (e == event) return true;
-    }
-    return false;
-  }
+  std::vector<std::string> events() const { return locked(events_); }
+  std::vector<std::thread::id> threads() const { return locked(threads_); }
+  std::size_t size() const { return events().size(); }
   std::string last() const {
-    std::lock_guard lock(mutex_);
-    return events_.empty() ? std::string() : events_.back();
+    const auto all = events();
+    return all.empty() ? std::string() : all.back();
   }
 
  private:
+  template <typename T>
+  T locked(const T& value) const {
+    std::lock_guard lock(mutex_);
+    return value;
+  }
   mutable std::mutex mutex_;
   std::vector<std::string> events_;
   std::vector<std::thread::id> threads_;
 };
-
-inline std::string Describe(const ZMError& error) {
-  return error.domain + "|" + std::to_string(error.code);
-}
-inline std::string Describe(const std::optional<std::string>& text) {
-  return text ? *text : "(null)";
-}
 
 struct InitRecorder : ZMRuntimeInitListener, EventLog {
   std::shared_ptr<ZMZimoGameRuntime> runtime;
   std::optional<ZMException> failure;
   void onInitializeSuccess(std::shared_ptr<ZMZimoGameRuntime> r) override {
     runtime = r;
-    add("onInitializeSuccess");
+    note("onInitializeSuccess");
   }
   void onInitializeFailure(const ZMException& e) override {
     failure = e;
-    add("onInitializeFailure:" + e.name() + "|" + e.reason().value_or("(null)"));
+    note("onInitializeFailure", e);
   }
 };
 
 struct CheckRecorder : ZMPackageCheckVersionListener, EventLog {
-  void onCheckVersionStart(const ZMValue&) override { add("onCheckVersionStart"); }
-  void onCheckVersionSuccess() override { add("onCheckVersionSuccess"); }
-  void onCheckVersionFailure(const ZMError& e) override {
-    add("onCheckVersionFailure:" + Describe(e));
-  }
+  void onCheckVersionStart(const ZMValue&) override { note("onCheckVersionStart"); }
+  void onCheckVersionSuccess() override { note("onCheckVersionSuccess"); }
+  void onCheckVersionFailure(const ZMError& e) override { note("onCheckVersionFailure", e); }
 };
 
 struct InstallRecorder : ZMPackageInstallListener, EventLog {
-  void onInstallStart() override { add("onInstallStart"); }
-  void onInstallSuccess() override { add("onInstallSuccess"); }
-  void onInstallFailure(const ZMError& e) override { add("onInstallFailure:" + Describe(e)); }
+  void onInstallStart() override { note("onInstallStart"); }
+  void onInstallSuccess() override { note("onInstallSuccess"); }
+  void onInstallFailure(const ZMError& e) override { note("onInstallFailure", e); }
 };
 
 struct DownloadRecorder : ZMPackageDownloadListener, EventLog {
-  void onDownloadStart() override { add("onDownloadStart"); }
-  void onDownloadProgress(int64_t, int64_t) override { add("onDownloadProgress"); }
-  void onDownloadRetry(int64_t n) override { add("onDownloadRetry:" + std::to_string(n)); }
-  void onDownloadSuccess(const std::string& p) override { add("onDownloadSuccess:" + p); }
-  void onDownloadFailure(const ZMError& e) override { add("onDownloadFailure:" + Describe(e)); }
+  void onDownloadStart() override { note("onDownloadStart"); }
+  void onDownloadProgress(int64_t, int64_t) override { note("onDownloadProgress"); }
+  void onDownloadRetry(int64_t n) override { note("onDownloadRetry", n); }
+  void onDownloadSuccess(const std::string& p) override { note("onDownloadSuccess", p); }
+  void onDownloadFailure(const ZMError& e) override { note("onDownloadFailure", e); }
 };
 
 struct RunRecorder : ZMGameRunListener, EventLog {
   std::shared_ptr<ZMGameHandle> handle;
   void onGameHandleCreate(std::shared_ptr<ZMGameHandle> h) override {
     handle = h;
-    add("onGameHandleCreate");
+    note("onGameHandleCreate");
   }
-  void onRunSuccess() override { add("onRunSuccess"); }
-  void onRunFailure(const ZMError& e) override { add("onRunFailure:" + Describe(e)); }
+  void onRunSuccess() override { note("onRunSuccess"); }
+  void onRunFailure(const ZMError& e) override { note("onRunFailure", e); }
 };
 
 struct ExitRecorder : ZMGameExitListener, EventLog {
-  void onGameExitSuccess() override { add("onGameExitSuccess"); }
-  void onGameExitFailure(const ZMError& e) override { add("onGameExitFailure:" + Describe(e)); }
+  void onGameExitSuccess() override { note("onGameExitSuccess"); }
+  void onGameExitFailure(const ZMError& e) override { note("onGameExitFailure", e); }
 };
 
 struct QueryExitRecorder : ZMGameQueryExitListener, EventLog {
-  void onQueryExit(const std::string& appId, const ZMValue& result) override {
-    add("onQueryExit:" + appId + "|" + result.dump());
-  }
+  void onQueryExit(const std::string& a, const ZMValue& r) override { note("onQueryExit", a, r); }
 };
 
 struct RemoveRecorder : ZMGameRemoveListener, EventLog {
-  void onRemoveStart(const std::optional<std::string>& a,
-                     const std::optional<std::string>& x) override {
-    add("onRemoveStart:" + Describe(a) + "|" + Describe(x));
-  }
-  void onRemoveFinish(const std::optional<std::string>& a,
-                      const std::optional<std::string>& x) override {
-    add("onRemoveFinish:" + Describe(a) + "|" + Describe(x));
-  }
+  using Text = std::optional<std::string>;
+  void onRemoveStart(const Text& a, const Text& x) override { note("onRemoveStart", a, x); }
+  void onRemoveFinish(const Text& a, const Text& x) override { note("onRemoveFinish", a, x); }
   void onRemoveSuccess(const std::optional<std::vector<std::string>>& removed) override {
-    std::string text = removed ? "[" : "(null)";
-    if (removed) {
-      for (std::size_t i = 0; i < removed->size(); ++i) text += (i ? "," : "") + (*removed)[i];
-      text += "]";
-    }
-    add("onRemoveSuccess:" + text);
+    note("onRemoveSuccess", removed);
   }
-  void onRemoveFailure(const ZMError& e) override { add("onRemoveFailure:" + Describe(e)); }
+  void onRemoveFailure(const ZMError& e) override { note("onRemoveFailure", e); }
 };
 
 struct SweepRecorder : ZMCheckFileAvailabilityListener, EventLog {
-  void onCheckStart() override { add("onCheckStart"); }
-  void onCheckProgress(const std::string& path) override { add("onCheckProgress:" + path); }
-  void onCheckSuccess() override { add("onCheckSuccess"); }
-  void onCheckFailure(const ZMError& e) override { add("onCheckFailure:" + Describe(e)); }
+  void onCheckStart() override { note("onCheckStart"); }
+  void onCheckProgress(const std::string& path) override { note("onCheckProgress", path); }
+  void onCheckSuccess() override { note("onCheckSuccess"); }
+  void onCheckFailure(const ZMError& e) override { note("onCheckFailure", e); }
 };
 
 struct ListRecorder : ZMGameListListener, EventLog {
   ZMValue items;
   void onListGameSuccess(const ZMValue& i) override {
     items = i;
-    add("onListGameSuccess");
+    note("onListGameSuccess");
   }
-  void onListGameFailure(const ZMError& e) override { add("onListGameFailure:" + Describe(e)); }
+  void onListGameFailure(const ZMError& e) override { note("onListGameFailure", e); }
 };
 
 struct DataRecorder : ZMGameDataListener, EventLog {
-  void onGameDataSetSuccess() override { add("onGameDataSetSuccess"); }
-  void onGameDataSetFailure(const ZMError& e) override {
-    add("onGameDataSetFailure:" + Describe(e));
-  }
+  void onGameDataSetSuccess() override { note("onGameDataSetSuccess"); }
+  void onGameDataSetFailure(const ZMError& e) override { note("onGameDataSetFailure", e); }
 };
