@@ -4,8 +4,8 @@
 #include <map>
 #include <stdexcept>
 
-#include "EngineEvents.h"
 #include "merin/MerinGameHandle.h"
+#include "support/TestListeners.h"
 #include "support/TestSupport.h"
 #include "tavo/ZMOptionKeys.h"
 
@@ -13,41 +13,30 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string Describe(const ZMError& error) {
-  return error.domain + " (" + std::to_string(error.code) + ")";
-}
-
-class RunListener : public ZMCoreRunListener, public ZMCoreExitListener {
- public:
-  void onGameViewCreated(std::shared_ptr<void> view) override {
-    this->view = std::static_pointer_cast<MerinGameView>(view);
-    events.add("view");
+struct RunListener : ZMCoreRunListener, ZMCoreExitListener, EventLog {
+  std::shared_ptr<MerinGameView> view;  // written before the "view" event, read after it
+  std::function<void()> duringSuccess;
+  void onGameViewCreated(std::shared_ptr<void> v) override {
+    view = std::static_pointer_cast<MerinGameView>(v);
+    note("view");
   }
   void onRunSuccess() override {
     if (duringSuccess) duringSuccess();
-    events.add("run success");
+    note("run success");
   }
-  void onRunFailure(const ZMError& error) override { events.add("run failure: " + Describe(error)); }
-  void onCoreExitSuccess() override { events.add("exit success"); }
-  void onCoreExitFailure(const ZMError& error) override {
-    events.add("exit failure: " + Describe(error));
-  }
-
-  EngineEvents events;
-  std::shared_ptr<MerinGameView> view;  // written before the "view" event, read after it
-  std::function<void()> duringSuccess;
+  void onRunFailure(const ZMError& error) override { note("run failure", error); }
+  void onCoreExitSuccess() override { note("exit success"); }
+  void onCoreExitFailure(const ZMError& error) override { note("exit failure", error); }
 };
 
-class QuitListener : public ZMOnGameQueryExitListener {
- public:
-  void onCoreQueryExit(const ZMValue& result) override { events.add(result.dump()); }
-  EngineEvents events;
+struct QuitListener : ZMOnGameQueryExitListener, EventLog {
+  void onCoreQueryExit(const ZMValue& result) override { add(result.dump()); }
 };
 
 // A permission store in memory that records each call.
 class FakePermissions : public ZMCorePermissionListener {
  public:
-  explicit FakePermissions(std::shared_ptr<EngineEvents> calls) : calls_(std::move(calls)) {}
+  explicit FakePermissions(std::shared_ptr<EventLog> calls) : calls_(std::move(calls)) {}
   void updatePermission(const std::string& appId, const std::vector<std::string>& granted,
                         const std::vector<std::string>& denied) override {
     calls_->add("update " + appId);
@@ -68,7 +57,7 @@ class FakePermissions : public ZMCorePermissionListener {
   }
 
  private:
-  std::shared_ptr<EngineEvents> calls_;
+  std::shared_ptr<EventLog> calls_;
   std::map<std::string, int64_t> values_;  // touched on the engine thread only
 };
 
@@ -93,14 +82,14 @@ class MerinHeadlessRun : public ::testing::Test {
   void run(const std::string& appId, const ZMValue& options,
            const std::shared_ptr<RunListener>& listener, size_t expectedEvents) {
     handle_->runGame({}, appId, options, listener);
-    ASSERT_TRUE(listener->events.waitFor(expectedEvents));
+    ASSERT_TRUE(listener->waitFor(expectedEvents));
   }
 
   std::vector<std::string> exitGame(const std::string& appId) {
     auto listener = std::make_shared<RunListener>();
     handle_->exitGame(appId, listener);
-    EXPECT_TRUE(listener->events.waitFor(1));
-    return listener->events.events();
+    EXPECT_TRUE(listener->waitFor(1));
+    return listener->events();
   }
 
   TempDir dir_;
@@ -122,13 +111,12 @@ TEST_F(MerinHeadlessRun, RunCreatesAViewSizedByTheConfiguredOrientation) {
     const std::string appId = "app" + std::to_string(n++);
     auto listener = std::make_shared<RunListener>();
     run(appId, packageOptions(appId, c.config), listener, 2);
-    EXPECT_EQ(listener->events.events(), (std::vector<std::string>{"view", "run success"}));
-    EXPECT_EQ(listener->events.threads().count(std::this_thread::get_id()), 0u);
+    EXPECT_EQ(listener->events(), (std::vector<std::string>{"view", "run success"}));
+    EXPECT_EQ(listener->distinctThreads().count(std::this_thread::get_id()), 0u);
     ASSERT_TRUE(listener->view);
-    EXPECT_EQ(listener->view->appId, appId);
-    EXPECT_EQ(listener->view->orientation, c.orientation);
-    EXPECT_EQ(listener->view->width, c.width);
-    EXPECT_EQ(listener->view->height, c.height);
+    const MerinGameView& v = *listener->view;
+    EXPECT_EQ(std::tie(v.appId, v.orientation, v.width, v.height),
+              std::tie(appId, c.orientation, c.width, c.height));
     EXPECT_EQ(handle_->getView(), listener->view);
     EXPECT_TRUE(handle_->isRunning());
     EXPECT_EQ(handle_->getAppId(), appId);
@@ -140,18 +128,18 @@ TEST_F(MerinHeadlessRun, RunFailsWithoutAnInstalledPackage) {
     ZMValue options;
     std::string expected;
   } cases[] = {
-      {packageOptions("none", std::nullopt), "run failure: game.config.json not found (-1)"},
-      {packageOptions("bad", "{\"deviceOrientation\": "), "run failure: game.config.json is invalid (-1)"},
-      {packageOptions("array", "[1, 2]"), "run failure: game.config.json is invalid (-1)"},
+      {packageOptions("none", std::nullopt), "run failure:game.config.json not found|-1"},
+      {packageOptions("bad", "{\"deviceOrientation\": "), "run failure:game.config.json is invalid|-1"},
+      {packageOptions("array", "[1, 2]"), "run failure:game.config.json is invalid|-1"},
       {ZMValue{{ZM_KEY_RUN_OPT_VERSION, "1"}},
-       "run failure: missing run option: _rt_file_app_package_path (-1)"},
+       "run failure:missing run option: _rt_file_app_package_path|-1"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.expected);
     auto listener = std::make_shared<RunListener>();
     run("app", c.options, listener, 1);
     handle_->done();  // joined: anything after the failure would be there now
-    EXPECT_EQ(listener->events.events(), std::vector<std::string>{c.expected});
+    EXPECT_EQ(listener->events(), std::vector<std::string>{c.expected});
     EXPECT_FALSE(listener->view);
     EXPECT_FALSE(handle_->isRunning());
     EXPECT_EQ(handle_->getAppId(), std::nullopt);
@@ -159,17 +147,17 @@ TEST_F(MerinHeadlessRun, RunFailsWithoutAnInstalledPackage) {
 }
 
 TEST_F(MerinHeadlessRun, ExitEndsOnlyTheRunningGame) {
-  EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit failure: no game running (-1)"});
+  EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit failure:no game running|-1"});
 
   auto listener = std::make_shared<RunListener>();
   run("app", packageOptions("app", "{}"), listener, 2);
-  EXPECT_EQ(exitGame("other"), std::vector<std::string>{"exit failure: no game running (-1)"});
+  EXPECT_EQ(exitGame("other"), std::vector<std::string>{"exit failure:no game running|-1"});
   EXPECT_TRUE(handle_->isRunning());
   EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit success"});
   EXPECT_FALSE(handle_->isRunning());
   EXPECT_EQ(handle_->getView(), nullptr);
   EXPECT_EQ(handle_->getAppId(), "app") << "the last game's id stays";
-  EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit failure: no game running (-1)"});
+  EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit failure:no game running|-1"});
 }
 
 TEST_F(MerinHeadlessRun, RequestQuitReachesTheQueryExitListenerWhileAGameRuns) {
@@ -180,17 +168,17 @@ TEST_F(MerinHeadlessRun, RequestQuitReachesTheQueryExitListenerWhileAGameRuns) {
   auto listener = std::make_shared<RunListener>();
   run("app", packageOptions("app", "{}"), listener, 2);
   handle_->requestQuit(ZMValue{{"reason", "back button"}});
-  ASSERT_TRUE(quit->events.waitFor(1));
+  ASSERT_TRUE(quit->waitFor(1));
   EXPECT_EQ(exitGame("app"), std::vector<std::string>{"exit success"});
   handle_->requestQuit(ZMValue{{"reason", "after exit"}});
   handle_->done();
 
-  EXPECT_EQ(quit->events.events(), std::vector<std::string>{R"({"reason":"back button"})"});
-  EXPECT_EQ(quit->events.threads(), listener->events.threads()) << "on the engine thread";
+  EXPECT_EQ(quit->events(), std::vector<std::string>{R"({"reason":"back button"})"});
+  EXPECT_EQ(quit->distinctThreads(), listener->distinctThreads()) << "on the engine thread";
 }
 
 TEST_F(MerinHeadlessRun, PermissionCallsReachTheListenerWithTheRunningAppId) {
-  auto calls = std::make_shared<EngineEvents>();
+  auto calls = std::make_shared<EventLog>();
   handle_->setOnGamePermissionListener(std::make_shared<FakePermissions>(calls));  // held strongly
 
   EXPECT_FALSE(handle_->grantPermissions({"camera"}, {}));
@@ -215,18 +203,18 @@ TEST_F(MerinHeadlessRun, PermissionCallsReachTheListenerWithTheRunningAppId) {
             (std::vector<std::string>{"single app location", "update app", "single app camera",
                                       "single app location", "single app userInfo",
                                       "single app bogus", "all app"}));
-  EXPECT_EQ(calls->threads(), listener->events.threads()) << "on the engine thread";
+  EXPECT_EQ(calls->distinctThreads(), listener->distinctThreads()) << "on the engine thread";
 }
 
 TEST_F(MerinHeadlessRun, DoneJoinsForgetsTheGameAndLeavesTheHandleUsable) {
   EXPECT_EQ(ZMGameHandle::getInstance(), handle_) << "install() fills the slot";
   EXPECT_STRNE(__watermark_sign, "");
-  auto calls = std::make_shared<EngineEvents>();
+  auto calls = std::make_shared<EventLog>();
   handle_->setOnGamePermissionListener(std::make_shared<FakePermissions>(calls));
   auto first = std::make_shared<RunListener>();
   handle_->runGame({}, "app", packageOptions("app", "{}"), first);
   handle_->done();
-  EXPECT_EQ(first->events.events(), (std::vector<std::string>{"view", "run success"}))
+  EXPECT_EQ(first->events(), (std::vector<std::string>{"view", "run success"}))
       << "queued work ran before done() returned";
   EXPECT_EQ(handle_->getAppId(), std::nullopt);
   EXPECT_FALSE(handle_->isRunning());

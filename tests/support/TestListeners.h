@@ -1,7 +1,10 @@
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,9 +33,12 @@ inline std::string Describe(const std::optional<std::vector<std::string>>& list)
 class EventLog {
  public:
   void add(std::string event) {
-    std::lock_guard lock(mutex_);
-    events_.push_back(std::move(event));
-    threads_.push_back(std::this_thread::get_id());
+    {
+      std::lock_guard lock(mutex_);
+      events_.push_back(std::move(event));
+      threads_.push_back(std::this_thread::get_id());
+    }
+    changed_.notify_all();
   }
   template <typename... Args>
   void note(std::string event, const Args&... args) {
@@ -42,10 +48,19 @@ class EventLog {
   }
   std::vector<std::string> events() const { return locked(events_); }
   std::vector<std::thread::id> threads() const { return locked(threads_); }
+  std::set<std::thread::id> distinctThreads() const {
+    const auto all = threads();
+    return {all.begin(), all.end()};
+  }
   std::size_t size() const { return events().size(); }
   std::string last() const {
     const auto all = events();
     return all.empty() ? std::string() : all.back();
+  }
+  // For callbacks that arrive on threads of their own, without the main queue.
+  bool waitFor(std::size_t count, std::chrono::seconds timeout = std::chrono::seconds(20)) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return events_.size() >= count; });
   }
 
  private:
@@ -55,6 +70,7 @@ class EventLog {
     return value;
   }
   mutable std::mutex mutex_;
+  std::condition_variable changed_;
   std::vector<std::string> events_;
   std::vector<std::thread::id> threads_;
 };
