@@ -2,9 +2,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-
-#include <condition_variable>
-#include <mutex>
+#include <future>
+#include <latch>
 
 #include "game/ZMCheckFileAvailabilityTask.h"
 #include "platform/ZMGlobalQueue.h"
@@ -104,51 +103,37 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, SymbolicLinksAreAgedAndDeletedThemselves
 }
 
 TEST_F(ZMCheckFileAvailabilityTaskTest, MissingOptionsFailInOrder) {
-  EXPECT_EQ(sweep(ZMValue::object())->last(),
-            "onCheckFailure:missing options: ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY|0");
-  EXPECT_EQ(sweep({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, ZMValue::array()},
-                   {ZM_KEY_CHECK_FILE_KEEP_TIME, 5}})
-                ->last(),
-            "onCheckFailure:missing options: ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY|0");
-  EXPECT_EQ(sweep({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
-                   {ZM_KEY_CHECK_FILE_KEEP_TIME, 0}})
-                ->last(),
-            "onCheckFailure:missing options: ZM_KEY_CHECK_FILE_KEEP_TIME|0");
+  const char* extensions = ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY;
+  const char* keep = ZM_KEY_CHECK_FILE_KEEP_TIME;
+  for (const auto& [options, missing] : std::vector<std::pair<ZMValue, std::string>>{
+           {ZMValue::object(), "ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY"},
+           {{{extensions, ZMValue::array()}, {keep, 5}}, "ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY"},
+           {{{extensions, {"zgp"}}, {keep, 0}}, "ZM_KEY_CHECK_FILE_KEEP_TIME"},
+       }) {
+    EXPECT_EQ(sweep(options)->last(), "onCheckFailure:missing options: " + missing + "|0");
+  }
 }
 
 TEST_F(ZMCheckFileAvailabilityTaskTest, CancelKeepsDeletionsAndProgressButDropsTheResult) {
   const std::string old = aged("old.zgp", 3600);
-  // Every pool thread is held, so the sweep cannot start before the cancel. The gate is shared
-  // because a held thread may still be waking up when the test ends.
-  struct Gate {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::size_t held = 0;
-    bool release = false;
-  };
-  auto gate = std::make_shared<Gate>();
+  // Every pool thread is held, so the sweep cannot start before the cancel. The held blocks
+  // share what they wait on, as one may still be waking up when the test ends.
+  auto held = std::make_shared<std::latch>(ZMGlobalQueue::kThreadCount);
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
   for (std::size_t i = 0; i < ZMGlobalQueue::kThreadCount; ++i) {
-    ZMGlobalQueue::post([gate] {
-      std::unique_lock lock(gate->mutex);
-      ++gate->held;
-      gate->cv.notify_all();
-      gate->cv.wait(lock, [&] { return gate->release; });
+    ZMGlobalQueue::post([held, released] {
+      held->count_down();
+      released.wait();
     });
   }
-  {
-    std::unique_lock lock(gate->mutex);
-    gate->cv.wait(lock, [&] { return gate->held == ZMGlobalQueue::kThreadCount; });
-  }
+  held->wait();
   auto first = std::make_shared<SweepRecorder>();
   t.runtime->checkFileAvailability({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
                                     {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}},
                                    first);
   t.runtime->cancelGamePackageRequest();
-  {
-    std::lock_guard lock(gate->mutex);
-    gate->release = true;
-  }
-  gate->cv.notify_all();
+  release.set_value();
   ASSERT_TRUE(RunUntil([&] { return first->size() == 2; }));
   DrainMainQueue();
   EXPECT_EQ(first->events(), (std::vector<std::string>{"onCheckStart", "onCheckProgress:" + old}));

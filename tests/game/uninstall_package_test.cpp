@@ -52,11 +52,8 @@ class ZMGameUninstallPackageTask : public ::testing::Test {
 };
 
 TEST_F(ZMGameUninstallPackageTask, SharedAppFilesGoOnlyWithTheLastUser) {
-  ASSERT_TRUE(t.install("g1", "1.0", [&] {
-    const std::string p = t.root() + "/p1.zip";
-    MakeGamePackage(p, "{}");
-    return p;
-  }(), "ext-1"));
+  MakeGamePackage(t.root() + "/p1.zip", "{}");
+  ASSERT_TRUE(t.install("g1", "1.0", t.root() + "/p1.zip", "ext-1"));
   makeUserDirs("u1", "g1");
   t.switchUser("u2");
   ASSERT_TRUE(t.installGame("g1", "1.0"));
