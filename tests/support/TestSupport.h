@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tavo/ZMException.h"
+
 // A fresh directory under $TMPDIR, removed with its contents (permissions restored first).
 class TempDir {
  public:
@@ -66,3 +68,14 @@ bool Exists(const std::string& path);
 std::vector<std::string> ListDir(const std::string& path);
 // Sets the modification time to `secondsAgo` before now.
 void SetAgeSeconds(const std::string& path, double secondsAgo);
+
+// What `body` threw, as "name: reason", or "nothing".
+template <typename Body>
+std::string Raised(Body body) {
+  try {
+    body();
+  } catch (const ZMException& e) {
+    return e.name() + ": " + e.reason().value_or("(null)");
+  }
+  return "nothing";
+}

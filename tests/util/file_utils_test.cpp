@@ -15,17 +15,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// What `body` threw, as "name: reason", or "nothing".
-template <typename Body>
-std::string Raised(Body body) {
-  try {
-    body();
-  } catch (const ZMException& e) {
-    return e.name() + ": " + e.reason().value_or("(null)");
-  }
-  return "nothing";
-}
-
 // Permission checks never fail for root, which is how the suite usually runs. For one scope this
 // drops the real and effective ids to nobody and keeps root as the saved id, which brings them
 // back. Files are prepared before, while still privileged.
