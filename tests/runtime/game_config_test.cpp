@@ -20,10 +20,6 @@ TEST(ZMGameConfig, DefaultsForEveryAbsentKeyAndPluginsInFileOrder) {
   // The object's own order, not sorted: zeta before alpha.
   EXPECT_EQ(config->plugins(), (ZMValue{{{"provider", "z"}, {"version", "2"}},
                                         {{"provider", "a"}, {"version", "1"}}}));
-
-  ZMGameConfig empty;
-  EXPECT_EQ(empty.deviceOrientation(), "landscape");
-  EXPECT_EQ(empty.plugins(), ZMValue::array());
 }
 
 TEST(ZMGameConfig, StoredValuesAndTruthOfShowStatusBar) {

@@ -145,13 +145,8 @@ TEST_F(ZMGameRuntimeLaunch, TempDirectoryThatIsAFileThrowsOutOfRunGame) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
   WriteFile(t.cache() + "/u1_g1/tmp", "not a directory");
   auto listener = std::make_shared<RunRecorder>();
-  try {
-    t.runtime->runGame(viewController, "g1", version("1.0"), listener);
-    FAIL() << "no exception";
-  } catch (const ZMException& e) {
-    EXPECT_EQ(e.name(), "NSInvalidArgumentException");
-    EXPECT_EQ(e.reason(), t.cache() + "/u1_g1/tmp is a file");
-  }
+  EXPECT_EQ(Raised([&] { t.runtime->runGame(viewController, "g1", version("1.0"), listener); }),
+            "NSInvalidArgumentException: " + t.cache() + "/u1_g1/tmp is a file");
   EXPECT_EQ(listener->size(), 0u);
   EXPECT_EQ(t.runtime->appId(), "g1");
 }
