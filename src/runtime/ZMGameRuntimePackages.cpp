@@ -131,8 +131,9 @@ void ZMGameRuntime::listGame(std::weak_ptr<ZMGameListListener> listener) {
   ZMMainQueue::sync([&] {
     for (const auto& row : rows.value_or(std::vector<std::shared_ptr<ZMAppRow>>())) {
       ZMValue item = ZMValue::object();
+      // Both keys are always there; a record without extend data reads as null.
       item[ZM_KEY_GAME_ITEM_APP_ID] = row->app_id ? ZMValue(*row->app_id) : ZMValue();
-      if (row->extend) item[ZM_KEY_GAME_ITEM_EXTEND] = *row->extend;
+      item[ZM_KEY_GAME_ITEM_EXTEND] = row->extend ? ZMValue(*row->extend) : ZMValue();
       items.push_back(std::move(item));
     }
   });
@@ -141,6 +142,11 @@ void ZMGameRuntime::listGame(std::weak_ptr<ZMGameListListener> listener) {
 
 void ZMGameRuntime::setGameData(const std::string& appId, const ZMValue& info,
                                 std::weak_ptr<ZMGameDataListener> listener) {
+  // A record under such an id would be listed, and would make every removeGameAll refuse.
+  if (auto error = appIdError(appId)) {
+    if (auto host = listener.lock()) host->onGameDataSetFailure(*error);
+    return;
+  }
   ZMRow row;
   row.app_id = appId;
   row.user_id = userId_;
@@ -212,8 +218,7 @@ void ZMGameRuntime::removeGameAll(std::weak_ptr<ZMGameRemoveListener> listener) 
 std::shared_ptr<ZMZimoGameConfig> ZMGameRuntime::getGameConfig(const ZMValue& options) {
   const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
   auto version = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_VERSION);
-  if (!appId || appId->empty()) return nullptr;
-  if (!ZMIsSafePathComponent(*appId)) {
+  if (!appId || !ZMIsSafePathComponent(*appId)) {
     ZMLogFormat("getGameConfig: invalid app id: %@", {appId});
     return nullptr;
   }
