@@ -5,46 +5,41 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "support/TestHttpServer.h"
+#include "support/TestListeners.h"
 #include "support/TestSupport.h"
-#include "tavo/ZMMainQueue.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-// Records the callbacks into a log that outlives the recorder ("progress" runs collapsed).
-struct FileRecorder : ZMOnFileDownloadListener {
-  std::shared_ptr<std::vector<std::string>> log = std::make_shared<std::vector<std::string>>();
+struct FileRecorder : ZMOnFileDownloadListener, EventLog {
   std::vector<std::pair<int64_t, int64_t>> progress;
   std::optional<ZMError> error;
-  bool offMainThread = false;
   std::function<void()> onFirstProgress;
 
-  void note(const std::string& event) {
-    offMainThread |= !ZMMainQueue::isMainThread();
-    if (log->empty() || log->back() != event || event != "progress") log->push_back(event);
-  }
-  void onDownloadStart(const std::string& tag) override { log->push_back("start:" + tag); }
+  void onDownloadStart(const std::string& tag) override { note("start", tag); }
   void onDownloadProgress(int64_t done, int64_t total) override {
-    note("progress");
     progress.emplace_back(done, total);
+    note("progress");
     if (onFirstProgress) std::exchange(onFirstProgress, nullptr)();
   }
-  void onDownloadSuccess(const std::string& path) override { note("success:" + path); }
+  void onDownloadSuccess(const std::string& path) override { note("success", path); }
   void onDownloadFailure(int32_t code, const std::string& msg, const ZMError& e) override {
-    note("failure:" + std::to_string(code) + "|" + msg);
     error = e;
+    note("failure", int64_t{code}, msg);
   }
   void onDownloadCancel() override { note("cancel"); }
-  void onDownloadRetry(int32_t n) override { note("retry:" + std::to_string(n)); }
+  void onDownloadRetry(int32_t n) override { note("retry", int64_t{n}); }
 
   // Terminal callbacks so far.
   long ends() const {
-    return std::count_if(log->begin(), log->end(), [](const std::string& e) {
+    const auto all = events();
+    return std::count_if(all.begin(), all.end(), [](const std::string& e) {
       return e.starts_with("success:") || e.starts_with("failure:") || e == "cancel";
     });
   }
@@ -61,11 +56,11 @@ class ZMSingleThreadFileDownloaderTest : public ::testing::Test {
     auto downloader = std::make_shared<ZMSingleThreadFileDownloader>(savePath, url, "tag-1",
                                                                      recorder);
     downloader->start();
-    EXPECT_EQ(*recorder->log, std::vector<std::string>{"start:tag-1"});  // synchronous
+    EXPECT_EQ(recorder->events(), std::vector<std::string>{"start:tag-1"});  // synchronous
     EXPECT_TRUE(RunUntil([&] { return recorder->ends() > 0; })) << url;
     DrainMainQueue();
     EXPECT_EQ(recorder->ends(), 1) << url;
-    EXPECT_FALSE(recorder->offMainThread);
+    EXPECT_EQ(recorder->distinctThreads(), std::set{std::this_thread::get_id()});
     EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{}) << url;
     return recorder;
   }
@@ -84,7 +79,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, StatusOkMovesFileIntoPlace) {
   server.start();
 
   auto recorder = download(server.url("/pkg"));
-  EXPECT_EQ(*recorder->log,
+  EXPECT_EQ(recorder->runs(),
             (std::vector<std::string>{"start:tag-1", "progress", "success:" + savePath}));
   const int64_t size = static_cast<int64_t>(body.size());
   EXPECT_EQ(recorder->progress.back(), std::make_pair(size, size));
@@ -94,7 +89,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, StatusOkMovesFileIntoPlace) {
   // Without a length, every progress report says -1 for the total.
   std::remove(savePath.c_str());
   auto chunked = download(server.url("/chunked"));
-  EXPECT_EQ(chunked->log->back(), "success:" + savePath);
+  EXPECT_EQ(chunked->last(), "success:" + savePath);
   for (const auto& [done, total] : chunked->progress) EXPECT_EQ(total, -1) << done;
   EXPECT_EQ(chunked->progress.back().first, 300000);
 }
@@ -112,7 +107,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, AnyOtherStatusFails) {
   for (int status : {404, 204, 206, 500}) {
     const std::string code = std::to_string(status);
     auto recorder = download(server.url("/" + code));
-    EXPECT_EQ(recorder->log->back(), "failure:" + code + "|" + code);
+    EXPECT_EQ(recorder->last(), "failure:" + code + "|" + code);
     EXPECT_EQ(*recorder->error, ZMError(kZMNetServicesErrorDomain, status, ZMValue::object()));
     EXPECT_FALSE(Exists(savePath)) << code;
   }
@@ -125,7 +120,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, ExistingFileIsNeverOverwritten) {
 
   WriteFile(savePath, "old");
   auto recorder = download(server.url("/pkg"));
-  EXPECT_EQ(recorder->log->back(), "failure:-1|move file fail");
+  EXPECT_EQ(recorder->last(), "failure:-1|move file fail");
   EXPECT_EQ(recorder->error->domain, kZMCocoaErrorDomain);
   EXPECT_EQ(recorder->error->code, kZMFileWriteFileExistsError);
   EXPECT_EQ(ReadFile(savePath), "old");
@@ -143,7 +138,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, CancelReportsCancelAndNoFailure) {
   downloader->start();
   ASSERT_TRUE(RunUntil([&] { return recorder->ends() > 0; }));
   DrainMainQueue();
-  EXPECT_EQ(*recorder->log, (std::vector<std::string>{"start:tag-1", "progress", "cancel"}));
+  EXPECT_EQ(recorder->runs(), (std::vector<std::string>{"start:tag-1", "progress", "cancel"}));
   EXPECT_FALSE(Exists(savePath));
   EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
 
@@ -154,7 +149,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, CancelReportsCancelAndNoFailure) {
   unstarted->cancel();
   ASSERT_TRUE(RunUntil([&] { return idle->ends() > 0; }));
   DrainMainQueue();
-  EXPECT_EQ(*idle->log, std::vector<std::string>{"cancel"});
+  EXPECT_EQ(idle->events(), std::vector<std::string>{"cancel"});
   EXPECT_EQ(server.requestCount(), 1u);
 }
 
@@ -186,7 +181,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, TransferErrorsAreDownloadFail) {
            {"not a url", 0, kZMURLErrorBadURL},
        }) {
     auto recorder = download(c.url);
-    EXPECT_EQ(recorder->log->back(), "failure:" + std::to_string(c.code) + "|download fail");
+    EXPECT_EQ(recorder->last(), "failure:" + std::to_string(c.code) + "|download fail");
     EXPECT_EQ(recorder->error->domain, kZMURLErrorDomain) << c.url;
     EXPECT_EQ(recorder->error->code, c.transport) << c.url;
     EXPECT_FALSE(Exists(savePath)) << c.url;
@@ -200,13 +195,13 @@ TEST_F(ZMSingleThreadFileDownloaderTest, ReleasedListenerHearsNothing) {
   server.start();
 
   auto recorder = std::make_shared<FileRecorder>();
-  auto log = recorder->log;
+  const std::weak_ptr<FileRecorder> released = recorder;
   auto downloader = std::make_shared<ZMSingleThreadFileDownloader>(savePath, server.url("/pkg"),
                                                                    "tag-1", recorder);
   downloader->start();
   recorder.reset();
+  EXPECT_TRUE(released.expired()) << "the downloader holds its listener weakly";
   ASSERT_TRUE(RunUntil([&] { return Exists(savePath); }));
   DrainMainQueue();
-  EXPECT_EQ(*log, std::vector<std::string>{"start:tag-1"});
   EXPECT_TRUE(ReadFile(savePath) == body);  // the download itself went on
 }

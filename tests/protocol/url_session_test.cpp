@@ -9,49 +9,43 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "support/TestHttpServer.h"
+#include "support/TestListeners.h"
 #include "support/TestSupport.h"
-#include "tavo/ZMMainQueue.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-// Records a session's delegate callbacks ("progress" runs collapsed to one entry).
-struct Recorder : ZMURLSessionDelegate {
-  std::vector<std::string> events;
+struct Recorder : ZMURLSessionDelegate, EventLog {
   std::vector<std::array<int64_t, 3>> progress;  // written, total, expected
   std::optional<ZMError> error;
-  bool completed = false, offMainThread = false;
   std::string location, contentAtFinish;
 
-  void note(const std::string& event) {
-    offMainThread |= !ZMMainQueue::isMainThread();
-    if (events.empty() || events.back() != event || event != "progress") events.push_back(event);
-  }
   void didWriteData(ZMURLSession&, ZMURLSessionTask&, int64_t written, int64_t total,
                     int64_t expected) override {
-    note("progress");
     progress.push_back({written, total, expected});
+    note("progress");
   }
   void didFinishDownloadingToLocation(ZMURLSession&, ZMURLSessionTask&,
                                       const std::string& path) override {
-    note("finish");
     location = path;
     contentAtFinish = ReadFile(path);
+    note("finish");
   }
   void didCompleteWithError(ZMURLSession&, ZMURLSessionTask&,
                             const std::optional<ZMError>& e) override {
-    note(e ? "complete:" + std::to_string(e->code) : "complete");
     error = e;
-    completed = true;
+    e ? note("complete", e->code) : note("complete");
   }
 };
 
-// Runs one download on a fresh session and waits for its completion.
+// Runs one download on a fresh session and waits for its completion; every callback comes on
+// the main thread.
 std::shared_ptr<Recorder> Download(const std::string& url, double timeout = 60,
                                    std::shared_ptr<ZMURLSessionTask>* keep = nullptr) {
   auto recorder = std::make_shared<Recorder>();
@@ -60,7 +54,8 @@ std::shared_ptr<Recorder> Download(const std::string& url, double timeout = 60,
   auto session = ZMURLSession::sessionWithConfiguration(configuration, recorder);
   auto task = session->downloadTask(ZMURLRequest(url));
   task->resume();
-  EXPECT_TRUE(RunUntil([&] { return recorder->completed; })) << url;
+  EXPECT_TRUE(RunUntil([&] { return recorder->last().starts_with("complete"); })) << url;
+  EXPECT_EQ(recorder->distinctThreads(), std::set{std::this_thread::get_id()}) << url;
   if (keep) *keep = task;
   return recorder;
 }
@@ -104,8 +99,7 @@ TEST_F(ZMURLSessionTest, DownloadGoesThroughTemporaryFile) {
 
   std::shared_ptr<ZMURLSessionTask> task;
   auto recorder = Download(server.url("/moved"), 60, &task);
-  EXPECT_FALSE(recorder->offMainThread);
-  EXPECT_EQ(recorder->events, (std::vector<std::string>{"progress", "finish", "complete"}));
+  EXPECT_EQ(recorder->runs(), (std::vector<std::string>{"progress", "finish", "complete"}));
   int64_t sum = 0;
   for (const auto& [written, total, expected] : recorder->progress) {
     sum += written;
@@ -195,12 +189,12 @@ TEST_F(ZMURLSessionTest, IdleTimeoutCountsSilenceNotDuration) {
   server.start();
 
   auto slow = Download(server.url("/slow"), 1);
-  EXPECT_EQ(slow->events.back(), "complete");
+  EXPECT_EQ(slow->last(), "complete");
   EXPECT_EQ(slow->contentAtFinish, std::string(5000, 'x'));
 
   const auto begun = std::chrono::steady_clock::now();
   auto stalled = Download(server.url("/stall"), 1);
-  EXPECT_EQ(stalled->events, (std::vector<std::string>{"progress", "complete:-1001"}));
+  EXPECT_EQ(stalled->runs(), (std::vector<std::string>{"progress", "complete:-1001"}));
   EXPECT_GE(std::chrono::steady_clock::now() - begun, 900ms);
   EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
 }
@@ -221,8 +215,9 @@ TEST_F(ZMURLSessionTest, FileWriteFailureIsReported) {
   auto recorder = Download(server.url("/file"));
   ::setrlimit(RLIMIT_FSIZE, &saved);
   std::signal(SIGXFSZ, previous);
-  EXPECT_EQ(recorder->events.back(), "complete:" + std::to_string(kZMURLErrorCannotWriteToFile));
-  EXPECT_EQ(std::count(recorder->events.begin(), recorder->events.end(), "finish"), 0);
+  EXPECT_EQ(recorder->last(), "complete:" + std::to_string(kZMURLErrorCannotWriteToFile));
+  const auto events = recorder->events();
+  EXPECT_EQ(std::count(events.begin(), events.end(), "finish"), 0);
   EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
 }
 

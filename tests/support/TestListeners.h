@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -56,6 +57,12 @@ class EventLog {
   std::string last() const {
     const auto all = events();
     return all.empty() ? std::string() : all.back();
+  }
+  // The events with each run of repeats (progress reports) shown once.
+  std::vector<std::string> runs() const {
+    auto all = events();
+    all.erase(std::unique(all.begin(), all.end()), all.end());
+    return all;
   }
   // For callbacks that arrive on threads of their own, without the main queue.
   bool waitFor(std::size_t count, std::chrono::seconds timeout = std::chrono::seconds(20)) {
