@@ -2,13 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "support/TestHttpServer.h"
+#include "support/TestListeners.h"
 #include "support/TestSupport.h"
 #include "tavo/ZMOptionKeys.h"
 
@@ -19,23 +19,15 @@ constexpr const char* kV1Hash = "b7fea727ecee9a81752f74fb6d980021";
 constexpr const char* kV2 = "package-v2";
 constexpr const char* kV2Hash = "97317d434eb0a3749a284f3c36eabc95";
 
-struct HostRecorder : ZMPackageDownloadListener {
-  std::vector<std::string> events;
+// Keeps the whole error: its user info matters too.
+struct HostRecorder : DownloadRecorder {
   std::optional<ZMError> error;
-  void onDownloadStart() override { events.push_back("start"); }
-  void onDownloadProgress(int64_t, int64_t) override {
-    if (events.empty() || events.back() != "progress") events.push_back("progress");
-  }
-  void onDownloadRetry(int64_t n) override { events.push_back("retry:" + std::to_string(n)); }
-  void onDownloadSuccess(const std::string& path) override { events.push_back("success:" + path); }
   void onDownloadFailure(const ZMError& e) override {
-    events.push_back("failure");
     error = e;
+    DownloadRecorder::onDownloadFailure(e);
   }
   bool ended() const {
-    return std::any_of(events.begin(), events.end(), [](const std::string& e) {
-      return e.starts_with("success:") || e == "failure";
-    });
+    return last().starts_with("onDownloadSuccess:") || last().starts_with("onDownloadFailure:");
   }
 };
 
@@ -66,6 +58,9 @@ class ZMGameDownloadPackageTaskTest : public ::testing::Test {
     DrainMainQueue();
     return task;
   }
+  std::vector<std::string> succeeded() const {
+    return {"onDownloadProgress", "onDownloadSuccess:" + savePath};
+  }
 
   ScopedSystemDirectories dirs;
   std::string savePath = dirs.root() / "app.1.1.0.zgp";
@@ -85,7 +80,7 @@ TEST_F(ZMGameDownloadPackageTaskTest, StaleFileIsRemovedAtCreation) {
   // And the download that follows lands where the stale file was.
   task->execute(Options(kV1Hash));
   ASSERT_TRUE(RunUntil([&] { return recorder->ended(); }));
-  EXPECT_EQ(recorder->events, (std::vector<std::string>{"progress", "success:" + savePath}));
+  EXPECT_EQ(recorder->runs(), succeeded());
   EXPECT_EQ(ReadFile(savePath), kV1);
 }
 
@@ -94,7 +89,7 @@ TEST_F(ZMGameDownloadPackageTaskTest, MissingOrEmptyHashSkipsTheCheck) {
     recorder = std::make_shared<HostRecorder>();
     std::remove(savePath.c_str());
     run("/v1", hash);
-    EXPECT_EQ(recorder->events.back(), "success:" + savePath);
+    EXPECT_EQ(recorder->last(), "onDownloadSuccess:" + savePath);
     EXPECT_EQ(ReadFile(savePath), kV1);
   }
   EXPECT_EQ(server.requestCount(), 2u);  // one download each
@@ -103,7 +98,9 @@ TEST_F(ZMGameDownloadPackageTaskTest, MissingOrEmptyHashSkipsTheCheck) {
 TEST_F(ZMGameDownloadPackageTaskTest, DigestIsComparedExactly) {
   // The same digest in upper case is a mismatch: two downloads, then the hash failure.
   auto task = run("/v1", "B7FEA727ECEE9A81752F74FB6D980021");
-  EXPECT_EQ(recorder->events, (std::vector<std::string>{"progress", "failure"}));
+  EXPECT_EQ(recorder->runs(), (std::vector<std::string>{
+                                 "onDownloadProgress",
+                                 "onDownloadFailure:package hash check failure|0"}));
   EXPECT_EQ(*recorder->error, ZMError("package hash check failure", 0));
   EXPECT_FALSE(recorder->error->userInfo);
   EXPECT_EQ(server.requestCount(), 2u);
@@ -113,14 +110,14 @@ TEST_F(ZMGameDownloadPackageTaskTest, DigestIsComparedExactly) {
 
 TEST_F(ZMGameDownloadPackageTaskTest, MismatchThenMatchSucceedsWithoutTellingTheHost) {
   run("/pkg", kV2Hash);  // v1 first (mismatch), then v2
-  EXPECT_EQ(recorder->events, (std::vector<std::string>{"progress", "success:" + savePath}));
+  EXPECT_EQ(recorder->runs(), succeeded());
   EXPECT_EQ(ReadFile(savePath), kV2);
   EXPECT_EQ(server.requestCount(), 2u);
 }
 
 TEST_F(ZMGameDownloadPackageTaskTest, TransferFailureIsForwardedOnce) {
   run("/missing", kV1Hash);
-  EXPECT_EQ(recorder->events, std::vector<std::string>{"failure"});
+  EXPECT_EQ(recorder->size(), 1u) << "the failure alone";
   EXPECT_EQ(*recorder->error, ZMError(kZMNetServicesErrorDomain, 404, ZMValue::object()));
   EXPECT_EQ(server.requestCount(), 1u);  // a transfer failure is not repeated
 }
@@ -142,11 +139,11 @@ TEST_F(ZMGameDownloadPackageTaskTest, WithoutListenerAnAbsentHashFailsTheCompari
 TEST_F(ZMGameDownloadPackageTaskTest, CancelIsSilent) {
   auto task = std::make_shared<ZMGameDownloadPackageTask>(recorder, savePath, server.url("/stall"));
   task->execute(Options(kV1Hash));
-  ASSERT_TRUE(RunUntil([&] { return !recorder->events.empty(); }));  // progress: under way
+  ASSERT_TRUE(RunUntil([&] { return recorder->size() > 0; }));  // progress: under way
   task->cancel();
   EXPECT_EQ(task->downloader(), nullptr);
   DrainMainQueue();
-  EXPECT_EQ(recorder->events, std::vector<std::string>{"progress"});
+  EXPECT_EQ(recorder->runs(), std::vector<std::string>{"onDownloadProgress"});
   EXPECT_FALSE(Exists(savePath));
   ASSERT_TRUE(RunUntil([&] { return ListDir(dirs.temporary()).empty(); }));
 }
