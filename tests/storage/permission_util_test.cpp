@@ -12,14 +12,8 @@ namespace {
 
 const std::string kUnknownName = "Permission: getSinglePermission per param is error data";
 
-// The exception's name and reason, or "none".
 std::string Raised(ZMPermissionUtil& perms, const std::string& app, const std::string& name) {
-  try {
-    perms.getSinglePermission(app, name);
-  } catch (const ZMException& e) {
-    return e.name() + ": " + e.reason().value_or("(null)");
-  }
-  return "none";
+  return ::Raised([&] { perms.getSinglePermission(app, name); });
 }
 
 }  // namespace
