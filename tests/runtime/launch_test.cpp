@@ -27,6 +27,17 @@ class ZMGameRuntimeLaunch : public ::testing::Test {
   std::shared_ptr<ZMAppRow> record(const std::string& appId) {
     return ZMDatabaseHelper::getInstance().getAppRowByUserId("u1", appId);
   }
+  std::string exitGame(const std::string& appId) {
+    auto exit = std::make_shared<ExitRecorder>();
+    t.runtime->exitGame(appId, exit);
+    EXPECT_TRUE(RunUntil([&] { return exit->size() == 1; }));
+    DrainMainQueue();
+    EXPECT_EQ(exit->size(), 1u);
+    return exit->last();
+  }
+  static std::shared_ptr<MerinGameHandle> engine() {
+    return std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance());
+  }
 };
 
 TEST_F(ZMGameRuntimeLaunch, ValidationFailuresComeSynchronouslyWithTheirTexts) {
@@ -75,9 +86,8 @@ TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
   const double firstPlay = *record("g1")->play_at_time;
 
   // The engine saw every run option the runtime adds.
-  auto engine = std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance());
-  ASSERT_TRUE(engine && engine->getView());
-  EXPECT_EQ(engine->getView()->orientation, "portrait");
+  ASSERT_TRUE(engine() && engine()->getView());
+  EXPECT_EQ(engine()->getView()->orientation, "portrait");
 
   // A second run without timing and without extend: no timed lines, extend cleared, played 2.
   auto quiet = LogCapture();
@@ -89,40 +99,32 @@ TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
   EXPECT_FALSE(record("g1")->extend);
   EXPECT_GT(*record("g1")->play_at_time, firstPlay);
 
-  auto exit = std::make_shared<ExitRecorder>();
-  t.runtime->exitGame("g1", exit);
-  ASSERT_TRUE(RunUntil([&] { return exit->size() == 1; }));
-  EXPECT_EQ(exit->events(), std::vector<std::string>{"onGameExitSuccess"});
+  EXPECT_EQ(exitGame("g1"), "onGameExitSuccess");
   EXPECT_EQ(t.runtime->viewController(), nullptr);
-
-  exit = std::make_shared<ExitRecorder>();
-  t.runtime->exitGame("g1", exit);
-  ASSERT_TRUE(RunUntil([&] { return exit->size() == 1; }));
-  EXPECT_EQ(exit->last(), "onGameExitFailure:no game running|-1");
+  EXPECT_EQ(exitGame("g1"), "onGameExitFailure:no game running|-1");
 }
 
 TEST_F(ZMGameRuntimeLaunch, QuitRequestGoesToTheHostOrEndsTheGame) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
-  auto engine = std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance());
   auto listener = run("g1", version("1.0"), 2);
 
   auto query = std::make_shared<QueryExitRecorder>();
   t.runtime->setGameQueryExitListener(query);
-  engine->requestQuit({{"reason", "back"}});
+  engine()->requestQuit({{"reason", "back"}});
   ASSERT_TRUE(RunUntil([&] { return query->size() == 1; }));
   EXPECT_EQ(query->last(), R"(onQueryExit:g1|{"reason":"back"})");
-  EXPECT_TRUE(engine->isRunning()) << "the host decides";
+  EXPECT_TRUE(engine()->isRunning()) << "the host decides";
 
   // Nobody to ask: the runtime ends the game itself, silently.
   query.reset();
-  engine->requestQuit(ZMValue());
-  ASSERT_TRUE(RunUntil([&] { return !engine->isRunning(); }));
+  engine()->requestQuit(ZMValue());
+  ASSERT_TRUE(RunUntil([&] { return !engine()->isRunning(); }));
   EXPECT_EQ(listener->size(), 2u);
 }
 
 TEST_F(ZMGameRuntimeLaunch, EnginePermissionCallsReachTheUsersStore) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
-  auto engine = std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance());
+  auto engine = this->engine();
   run("g1", version("1.0"), 2);
   // The store waits for the main queue, so the game's calls come from another thread here.
   std::optional<int64_t> camera;
@@ -209,10 +211,7 @@ TEST_F(ZMGameRuntimeLaunch, EngineFailuresAreRelayedFromTheEnginesThread) {
   EXPECT_FALSE(record("g1")->played);
 
   fake->exitFailure = ZMError("cannot leave", 3);
-  auto exit = std::make_shared<ExitRecorder>();
-  t.runtime->exitGame("g1", exit);
-  ASSERT_TRUE(RunUntil([&] { return exit->size() == 1; }));
-  EXPECT_EQ(exit->last(), "onGameExitFailure:cannot leave|3");
+  EXPECT_EQ(exitGame("g1"), "onGameExitFailure:cannot leave|3");
 
   // A handle that leaves the slot mid-launch: the host still hears the launch through.
   fake->runFailure.reset();
@@ -227,7 +226,7 @@ TEST_F(ZMGameRuntimeLaunch, EngineFailuresAreRelayedFromTheEnginesThread) {
   t.runtime->runGame(viewController, "g1", version("1.0"), none);
   DrainMainQueue();
   EXPECT_EQ(none->size(), 0u);
-  exit = std::make_shared<ExitRecorder>();
+  auto exit = std::make_shared<ExitRecorder>();
   t.runtime->exitGame("g1", exit);
   EXPECT_EQ(exit->events(), std::vector<std::string>{"onGameExitFailure:no game running|-1"});
 }
