@@ -51,33 +51,6 @@ class ZMGameUninstallPackageTask : public ::testing::Test {
   }
 };
 
-TEST_F(ZMGameUninstallPackageTask, SharedAppFilesGoOnlyWithTheLastUser) {
-  MakeGamePackage(t.root() + "/p1.zip", "{}");
-  ASSERT_TRUE(t.install("g1", "1.0", t.root() + "/p1.zip", "ext-1"));
-  makeUserDirs("u1", "g1");
-  t.switchUser("u2");
-  ASSERT_TRUE(t.installGame("g1", "1.0"));
-  makeUserDirs("u2", "g1");
-
-  // u2 removes g1 plus an app it never installed, which is skipped silently.
-  auto listener = remove({"never", "g1"});
-  EXPECT_EQ(listener->events(), (std::vector<std::string>{"onRemoveStart:g1|(null)",
-                                                          "onRemoveFinish:g1|(null)",
-                                                          "onRemoveSuccess:[g1]"}));
-  EXPECT_FALSE(Exists(t.cache() + "/u2_g1"));
-  EXPECT_FALSE(Exists(t.user() + "/u2_g1"));
-  EXPECT_TRUE(Exists(t.app() + "/g1/1.0")) << "u1 still has the game";
-  EXPECT_TRUE(Exists(t.user() + "/u1_g1/data/d.bin"));
-
-  t.switchUser("u1");
-  listener = remove({"g1"});
-  EXPECT_EQ(listener->events(), (std::vector<std::string>{"onRemoveStart:g1|ext-1",
-                                                          "onRemoveFinish:g1|ext-1",
-                                                          "onRemoveSuccess:[g1]"}));
-  EXPECT_FALSE(Exists(t.app() + "/g1"));
-  EXPECT_EQ(ZMDatabaseHelper::getInstance().getPeopleCount("g1"), 0);
-}
-
 TEST_F(ZMGameUninstallPackageTask, DeletionFailureStopsTheRunAfterItsRecordIsGone) {
   for (const char* appId : {"a1", "a2", "a3"}) {
     ASSERT_TRUE(t.installGame(appId, "1"));
@@ -119,22 +92,18 @@ TEST_F(ZMGameUninstallPackageTask, CancelSilencesPerAppNotificationsOnly) {
   EXPECT_FALSE(Exists(t.app() + "/g1"));
 }
 
-TEST_F(ZMGameUninstallPackageTask, EmptyListAndUnsafeIdsTouchNothing) {
-  WriteFile(t.root() + "/sentinel", "keep");
+// Unsafe ids, and two users sharing app files, are covered with the other record operations.
+TEST_F(ZMGameUninstallPackageTask, NothingToRemoveIsSilent) {
   auto listener = std::make_shared<RemoveRecorder>();
   t.runtime->removeGameList({}, listener);
   t.runtime->removeGameAll(listener);  // a user without records: same as an empty list
   DrainMainQueue();
   EXPECT_EQ(listener->size(), 0u);
-  for (const std::string& bad :
-       std::vector<std::string>{"", ".", "..", "../sentinel", std::string("a\0b", 3)}) {
-    listener = std::make_shared<RemoveRecorder>();
-    t.runtime->removeGameList({"ok", bad}, listener);
-    ASSERT_EQ(listener->size(), 2u);
-    EXPECT_EQ(listener->events()[0].rfind("onRemoveFailure:invalid app id: ", 0), 0u);
-    EXPECT_EQ(listener->events()[1], "onRemoveSuccess:(null)");
-  }
-  EXPECT_EQ(ReadFile(t.root() + "/sentinel"), "keep");
+
+  ASSERT_TRUE(t.installGame("g1", "1"));
+  EXPECT_EQ(remove({"never", "g1"})->events(),
+            (std::vector<std::string>{"onRemoveStart:g1|(null)", "onRemoveFinish:g1|(null)",
+                                      "onRemoveSuccess:[g1]"}));
 }
 
 }  // namespace
