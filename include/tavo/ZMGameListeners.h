@@ -94,8 +94,9 @@ class TAVO_EXPORT ZMCheckFileAvailabilityListener {
   virtual void onCheckFailure(const ZMError& error) = 0;
 };
 
-// listGame (an array of {"rt_game_item_app_id", "rt_game_item_extend"} objects) and the plug-in
-// manager's listPlugin (an array of {"provider", "version", "path"} objects).
+// listGame (an array of objects: "rt_game_item_app_id", and "rt_game_item_extend" only when the
+// record has extend data) and the plug-in manager's listPlugin (an array of {"provider",
+// "version", "path"} objects).
 class TAVO_EXPORT ZMGameListListener {
  public:
   virtual ~ZMGameListListener() = default;

@@ -131,9 +131,9 @@ void ZMGameRuntime::listGame(std::weak_ptr<ZMGameListListener> listener) {
   ZMMainQueue::sync([&] {
     for (const auto& row : rows.value_or(std::vector<std::shared_ptr<ZMAppRow>>())) {
       ZMValue item = ZMValue::object();
-      // Both keys are always there; a record without extend data reads as null.
+      // A record without extend data gives an item with the app id alone.
       item[ZM_KEY_GAME_ITEM_APP_ID] = row->app_id ? ZMValue(*row->app_id) : ZMValue();
-      item[ZM_KEY_GAME_ITEM_EXTEND] = row->extend ? ZMValue(*row->extend) : ZMValue();
+      if (row->extend) item[ZM_KEY_GAME_ITEM_EXTEND] = *row->extend;
       items.push_back(std::move(item));
     }
   });

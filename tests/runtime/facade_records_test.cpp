@@ -16,8 +16,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// A listed game; without extend data the item holds the app id alone.
 ZMValue item(const std::string& appId, const ZMValue& extend) {
-  return {{ZM_KEY_GAME_ITEM_APP_ID, appId}, {ZM_KEY_GAME_ITEM_EXTEND, extend}};
+  ZMValue item = {{ZM_KEY_GAME_ITEM_APP_ID, appId}};
+  if (!extend.is_null()) item[ZM_KEY_GAME_ITEM_EXTEND] = extend;
+  return item;
 }
 
 // Every entry under `root` by relative path: "dir", "link -> target" or the file's content.
