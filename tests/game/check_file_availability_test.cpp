@@ -36,7 +36,8 @@ class ZMCheckFileAvailabilityTaskTest : public ::testing::Test {
 TEST_F(ZMCheckFileAvailabilityTaskTest, DeletesListedExtensionsOnceTheirAgeReachesTheKeepTime) {
   aged("young.zgp", 59);
   const std::string old = aged("old.zgp", 60);
-  for (const char* name : {"upper.ZGP", "notes.txt", "noextension"}) aged(name, 600);
+  const std::string hidden = aged(".hidden.zgp", 600);
+  for (const char* name : {"upper.ZGP", "notes.txt", "noextension", ".zgp"}) aged(name, 600);
   WriteFile(t.cache() + "/dir.zgp/inner.bin", "x");
   SetAgeSeconds(t.cache() + "/dir.zgp", 600);
   WriteFile(t.cache() + "/keep/deep.zgp", "x");
@@ -46,12 +47,13 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, DeletesListedExtensionsOnceTheirAgeReach
                          {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}});
   auto events = listener->events();
   std::sort(events.begin() + 1, events.end() - 1);
-  EXPECT_EQ(events, (std::vector<std::string>{"onCheckStart",
+  EXPECT_EQ(events, (std::vector<std::string>{"onCheckStart", "onCheckProgress:" + hidden,
                                               "onCheckProgress:" + t.cache() + "/dir.zgp",
                                               "onCheckProgress:" + old, "onCheckSuccess"}));
-  // Extensions compare case-sensitively, and subdirectories are not searched.
-  EXPECT_EQ(ListDir(t.cache()), (std::vector<std::string>{"keep", "noextension", "notes.txt",
-                                                          "upper.ZGP", "young.zgp"}));
+  // Extensions compare case-sensitively, a name that is only an extension has none, and
+  // subdirectories are not searched.
+  EXPECT_EQ(ListDir(t.cache()), (std::vector<std::string>{".zgp", "keep", "noextension",
+                                                          "notes.txt", "upper.ZGP", "young.zgp"}));
   EXPECT_TRUE(Exists(t.cache() + "/keep/deep.zgp"));
 
   // A keep time given as text works like the number.
