@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "runtime/ZMGameConfig.h"
-#include "runtime/ZMGameDetail.h"
 #include "support/TestRuntime.h"
 #include "support/TestSupport.h"
 
@@ -43,20 +42,6 @@ TEST(ZMGameConfig, StoredValuesAndTruthOfShowStatusBar) {
   EXPECT_FALSE(ZMGameConfig::createGameCofingWithPath(dir / "bad.json"));
 }
 
-TEST(ZMGameDetail, ReadsIdAndVersionOrNothing) {
-  TempDir dir;
-  WriteFile(dir / "detail.json",
-            R"({"rt_game_package_app_id":"g1","rt_game_package_version":"1.0"})");
-  ZMGameDetail detail(dir / "detail.json");
-  EXPECT_EQ(detail.gameId(), "g1");
-  EXPECT_EQ(detail.gameVersion(), "1.0");
-  ZMGameDetail missing(dir / "none.json");
-  EXPECT_FALSE(missing.detailObj());
-  EXPECT_FALSE(missing.gameVersion());
-  WriteFile(dir / "broken.json", "[1,");
-  EXPECT_FALSE(ZMGameDetail(dir / "broken.json").gameId());
-}
-
 TEST(ZMGameRuntimeGetGameConfig, FindsTheInstalledConfiguration) {
   TestRuntime t;
   auto& r = *t.runtime;
@@ -74,8 +59,12 @@ TEST(ZMGameRuntimeGetGameConfig, FindsTheInstalledConfiguration) {
   EXPECT_EQ(other->deviceOrientation(), "landscape");
   EXPECT_TRUE(Exists(t.app() + "/g1/9"));
 
-  // The detail names the version; a broken "game.config.json" there gives no configuration.
+  // The detail names the version; a broken "game.config.json" there gives no configuration,
+  // and neither does a broken detail.
   WriteFile(t.app() + "/g1/1.0/game.config.json", "{");
+  EXPECT_EQ(r.getGameConfig({{ZM_KEY_GAME_PACKAGE_APP_ID, "g1"}}), nullptr);
+  WriteFile(t.app() + "/g1/1.0/game.config.json", "{}");
+  WriteFile(t.app() + "/g1/detail.json", "[1,");
   EXPECT_EQ(r.getGameConfig({{ZM_KEY_GAME_PACKAGE_APP_ID, "g1"}}), nullptr);
 
   EXPECT_EQ(r.getGameConfig({{ZM_KEY_GAME_PACKAGE_APP_ID, "g1"}, {ZM_KEY_GAME_PACKAGE_VERSION, "../x"}}),
