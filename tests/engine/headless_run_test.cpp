@@ -129,7 +129,8 @@ TEST_F(MerinHeadlessRun, RunFailsWithoutAnInstalledPackage) {
     std::string expected;
   } cases[] = {
       {packageOptions("none", std::nullopt), "run failure:game.config.json not found|-1"},
-      {packageOptions("bad", "{\"deviceOrientation\": "), "run failure:game.config.json is invalid|-1"},
+      {packageOptions("bad", "{\"deviceOrientation\": "),
+       "run failure:game.config.json is invalid|-1"},
       {packageOptions("array", "[1, 2]"), "run failure:game.config.json is invalid|-1"},
       {ZMValue{{ZM_KEY_RUN_OPT_VERSION, "1"}},
        "run failure:missing run option: _rt_file_app_package_path|-1"},
