@@ -83,13 +83,13 @@ std::string ZMFormat(std::string_view format, std::initializer_list<ZMFormatArg>
         break;
       case 'f': {
         arg = take();
-        const std::string spec = "%" + precision + "f";
+        const std::string conversion = "%" + precision + "f";
         const double value = arg ? arg->real() : 0.0;
         // %f of a large value runs to hundreds of digits; size the text instead of cutting it.
-        const int length = std::snprintf(nullptr, 0, spec.c_str(), value);
+        const int length = std::snprintf(nullptr, 0, conversion.c_str(), value);
         if (length > 0) {
           std::string text(static_cast<std::size_t>(length), '\0');
-          std::snprintf(text.data(), text.size() + 1, spec.c_str(), value);
+          std::snprintf(text.data(), text.size() + 1, conversion.c_str(), value);
           out += text;
         }
         break;

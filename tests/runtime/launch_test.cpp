@@ -226,14 +226,22 @@ TEST_F(ZMGameRuntimeLaunch, EngineFailuresAreRelayedFromTheEnginesThread) {
   EXPECT_EQ(exit->events(), std::vector<std::string>{"onGameExitFailure:no game running|-1"});
 }
 
-TEST_F(ZMGameRuntimeLaunch, PlayIsNotCountedOnceTheHostListenerIsGone) {
-  ASSERT_TRUE(t.installGame("g1", "1.0"));
+// Launches g1 1.0 on a fake engine that reports nothing until `ready` is set.
+std::shared_ptr<FakeEngine> GatedLaunch(TestRuntime& t, std::shared_ptr<void> viewController,
+                                        std::promise<void>& ready,
+                                        const std::shared_ptr<RunRecorder>& listener) {
+  EXPECT_TRUE(t.installGame("g1", "1.0"));
   auto fake = std::make_shared<FakeEngine>();
   ZMGameHandle::setInstance(fake);
-  std::promise<void> ready;
   fake->gate = ready.get_future().share();
+  t.runtime->runGame(std::move(viewController), "g1", {{ZM_KEY_RUN_OPT_VERSION, "1.0"}}, listener);
+  return fake;
+}
+
+TEST_F(ZMGameRuntimeLaunch, PlayIsNotCountedOnceTheHostListenerIsGone) {
+  std::promise<void> ready;
   auto listener = std::make_shared<RunRecorder>();
-  t.runtime->runGame(viewController, "g1", version("1.0"), listener);
+  auto fake = GatedLaunch(t, viewController, ready, listener);
   listener.reset();
   ready.set_value();
   fake->join();
@@ -242,13 +250,9 @@ TEST_F(ZMGameRuntimeLaunch, PlayIsNotCountedOnceTheHostListenerIsGone) {
 }
 
 TEST_F(ZMGameRuntimeLaunch, DoneOnTheMainThreadWhileTheEngineWaitsForIt) {
-  ASSERT_TRUE(t.installGame("g1", "1.0"));
-  auto fake = std::make_shared<FakeEngine>();
-  ZMGameHandle::setInstance(fake);
   std::promise<void> ready;
-  fake->gate = ready.get_future().share();
   auto listener = std::make_shared<RunRecorder>();
-  t.runtime->runGame(viewController, "g1", version("1.0"), listener);
+  GatedLaunch(t, viewController, ready, listener);
   // onRunSuccess counts the play in the record store, which waits for the main queue, while
   // done() on the main thread waits for the engine's callbacks to end.
   ready.set_value();
