@@ -4,6 +4,7 @@
 #include "tavo/ZMError.h"
 #include "tavo/ZMException.h"
 #include "tavo/ZMFileMD5.h"
+#include "tavo/ZMFileUtils.h"
 #include "tavo/ZMGameHandle.h"
 #include "tavo/ZMGameListeners.h"
 #include "tavo/ZMLog.h"

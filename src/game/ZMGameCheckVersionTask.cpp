@@ -3,7 +3,7 @@
 #include "platform/ZMGlobalQueue.h"
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
-#include "util/ZMFileUtils.h"
+#include "tavo/ZMFileUtils.h"
 
 namespace {
 // A missing or non-text value never equals anything.

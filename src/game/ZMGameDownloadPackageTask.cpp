@@ -4,7 +4,7 @@
 
 #include "platform/ZMValueAccess.h"
 #include "tavo/ZMOptionKeys.h"
-#include "util/ZMFileUtils.h"
+#include "tavo/ZMFileUtils.h"
 
 ZMGameDownloadPackageTask::ZMGameDownloadPackageTask(
     std::weak_ptr<ZMPackageDownloadListener> listener, std::string savePath, std::string url)

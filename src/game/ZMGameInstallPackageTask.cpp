@@ -8,7 +8,7 @@
 #include "tavo/ZMGameHandle.h"
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
-#include "util/ZMFileUtils.h"
+#include "tavo/ZMFileUtils.h"
 
 ZMGameInstallPackageTask::ZMGameInstallPackageTask(
     std::weak_ptr<ZMPackageInstallListener> listener, std::string userId, int64_t reqId,

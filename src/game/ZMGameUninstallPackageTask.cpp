@@ -4,7 +4,7 @@
 #include "platform/ZMGlobalQueue.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "tavo/ZMMainQueue.h"
-#include "util/ZMFileUtils.h"
+#include "tavo/ZMFileUtils.h"
 
 ZMGameUninstallPackageTask::ZMGameUninstallPackageTask(std::weak_ptr<ZMGameRemoveListener> listener)
     : listener_(std::move(listener)) {}

@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "platform/ZMValueAccess.h"
-#include "util/ZMFileUtils.h"
+#include "tavo/ZMFileUtils.h"
 
 std::shared_ptr<ZMGameConfig> ZMGameConfig::createGameCofingWithPath(const std::string& path) {
   if (path.empty() || !ZMFileUtils::isExist(path)) return nullptr;

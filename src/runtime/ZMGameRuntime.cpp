@@ -13,7 +13,7 @@
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMSystemDirectories.h"
-#include "util/ZMFileUtils.h"
+#include "tavo/ZMFileUtils.h"
 
 namespace {
 

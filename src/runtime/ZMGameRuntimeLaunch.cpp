@@ -11,7 +11,7 @@
 #include "storage/ZMDatabaseHelper.h"
 #include "storage/ZMPermissionUtil.h"
 #include "tavo/ZMOptionKeys.h"
-#include "util/ZMFileUtils.h"
+#include "tavo/ZMFileUtils.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "storage/ZMDatabaseHelper.h"
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
-#include "util/ZMFileUtils.h"
+#include "tavo/ZMFileUtils.h"
 
 namespace {
 

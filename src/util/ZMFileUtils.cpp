@@ -1,4 +1,4 @@
-#include "util/ZMFileUtils.h"
+#include "tavo/ZMFileUtils.h"
 
 #include <algorithm>
 #include <cstdlib>

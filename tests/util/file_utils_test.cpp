@@ -1,4 +1,4 @@
-#include "util/ZMFileUtils.h"
+#include "tavo/ZMFileUtils.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -270,4 +270,33 @@ TEST(ZMFileUtils, GetFileMD5) {
   EXPECT_EQ(ZMFileUtils::getFileMD5(dir / "abc"), "900150983cd24fb0d6963f7d28e17f72");
   EXPECT_EQ(ZMFileUtils::getFileMD5(dir.path()), std::nullopt);  // a directory cannot be read
   EXPECT_TRUE(log.lines().empty());
+}
+
+// Hosts call these today and get fixed answers; doing the work instead would change what they see.
+TEST(ZMFileUtils, PlaceholdersKeepTheirFixedResultsAndTouchNothing) {
+  TempDir dir;
+  WriteFile(dir / "a.txt", "abc");
+  fs::create_directory(dir / "sub");
+  const std::string a = dir / "a.txt";
+  const std::string b = dir / "b.txt";
+
+  EXPECT_EQ(ZMFileUtils::readJSONArrayFromFile(a), ZMValue::array());
+  EXPECT_EQ(ZMFileUtils::writeStringToFile(ZMValue("x")), "");
+  EXPECT_FALSE(ZMFileUtils::isDirectory(dir / "sub"));
+  EXPECT_FALSE(ZMFileUtils::deleteRecursive(dir / "sub"));
+  EXPECT_FALSE(ZMFileUtils::isExcluded(a, {a}));
+  EXPECT_FALSE(ZMFileUtils::renameFile(a, b));
+  EXPECT_FALSE(ZMFileUtils::copyFile(a, b));
+  EXPECT_EQ(ZMFileUtils::getFileName(a, true), "");
+  EXPECT_EQ(ZMFileUtils::ensurePathEndsWithSlash(a), "");
+  EXPECT_EQ(ZMFileUtils::removeLastSlash(a + "/"), "");
+  const unsigned char bytes[] = {0xab, 0};
+  EXPECT_EQ(ZMFileUtils::byteArrayToHex(bytes), "");
+  EXPECT_EQ(ZMFileUtils::getStringMD5("abc"), "");
+  EXPECT_FALSE(ZMFileUtils::isFileMD5Correct(a, "900150983cd24fb0d6963f7d28e17f72"));
+  EXPECT_FALSE(ZMFileUtils::isAllFilesMD5Correct(dir.path(), ZMValue::array()));
+
+  EXPECT_TRUE(fs::is_directory(dir / "sub"));
+  EXPECT_TRUE(fs::exists(a));
+  EXPECT_FALSE(fs::exists(b));
 }

@@ -4,13 +4,14 @@
 #include <string>
 #include <vector>
 
+#include "tavo/ZMExport.h"
 #include "tavo/ZMValue.h"
 
 // ZMFileUtils is the file plumbing every subsystem calls: existence tests, directory guarantees,
 // deletion, UTF-8 text and JSON reading, file MD5. Stateless class operations, safe from any
 // thread. An empty path is a missing path. Some operations are placeholders with fixed results
 // (marked below); hosts may rely on those values, so they stay as they are.
-class ZMFileUtils {
+class TAVO_EXPORT ZMFileUtils {
  public:
   // Null when nothing is at the path; logs "read file error: %@" on a read or UTF-8 error.
   static std::optional<std::string> readStringFromFile(const std::string& path);
