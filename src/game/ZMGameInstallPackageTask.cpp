@@ -3,6 +3,7 @@
 #include "platform/ZMFileManager.h"
 #include "platform/ZMFormat.h"
 #include "platform/ZMJSON.h"
+#include "platform/ZMPath.h"
 #include "platform/ZMValueAccess.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "tavo/ZMGameHandle.h"
@@ -27,19 +28,23 @@ void ZMGameInstallPackageTask::_installGame(const ZMValue& options) {
   if (options.is_object() && options.contains(ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT)) {
     subpackageRoot_ = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT).value_or("");
   }
-  if (!isSubpackage()) {
-    // Without both the app id and the version a whole game cannot describe itself in
-    // "detail.json"; refuse before anything is cleared.
-    for (const char* key : {ZM_KEY_GAME_PACKAGE_APP_ID, ZM_KEY_GAME_PACKAGE_VERSION}) {
-      if (ZMTextOption(options, key).value_or("").empty()) {
-        const char* name = key == ZM_KEY_GAME_PACKAGE_APP_ID ? "ZM_KEY_GAME_PACKAGE_APP_ID"
-                                                             : "ZM_KEY_GAME_PACKAGE_VERSION";
-        _complete(ZMError(ZMFormat("missing install option: %@", {name}), -1, ZMValue::object()));
-        return;
-      }
+  // The app id and version name the directories and describe the game in "detail.json"; without
+  // them, or with ones that could leave the app root, the request is refused before anything is
+  // cleared.
+  for (const auto& [key, name, what] :
+       {std::tuple{ZM_KEY_GAME_PACKAGE_APP_ID, "ZM_KEY_GAME_PACKAGE_APP_ID", "app id"},
+        std::tuple{ZM_KEY_GAME_PACKAGE_VERSION, "ZM_KEY_GAME_PACKAGE_VERSION", "version"}}) {
+    const auto text = ZMTextOption(options, key);
+    if (!text || text->empty()) {
+      _complete(ZMError(ZMFormat("missing install option: %@", {name}), -1, ZMValue::object()));
+      return;
     }
-    ZMFileUtils::deleteFileInFolder(appDir_, {});
+    if (!ZMIsSafePathComponent(*text)) {
+      _complete(ZMError(ZMFormat("invalid %@: %@", {what, text}), -1, ZMValue::object()));
+      return;
+    }
   }
+  if (!isSubpackage()) ZMFileUtils::deleteFileInFolder(appDir_, {});
   packagePath_ = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_PATH).value_or("");
   auto handle = ZMGameHandle::getInstance();
   if (!handle) {

@@ -21,13 +21,13 @@ namespace {
 std::mutex gSlotMutex;
 std::shared_ptr<ZMGameRuntime> gInstance;
 
+// A runtime that was never created has no roots, and every path built on one stays empty, so
+// nothing is made relative to the working directory.
+std::string underRoot(std::string_view base, std::string_view component) {
+  return base.empty() ? std::string() : ZMPathJoin(base, component);
+}
 
 }  // namespace
-
-bool ZMIsSafePathComponent(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." &&
-         name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
-}
 
 std::shared_ptr<ZMGameRuntime> ZMGameRuntime::init() {
   std::shared_ptr<ZMGameRuntime> runtime(new ZMGameRuntime());
@@ -92,6 +92,7 @@ void ZMGameRuntime::create(const std::string& userId, const ZMValue& options,
 std::optional<std::string> ZMGameRuntime::getVersionInfo() { return TAVO_VERSION_TEXT; }
 
 void ZMGameRuntime::validateQuietly(const std::string& path) const {
+  if (path.empty()) return;
   try {
     ZMFileUtils::validateDirectory(path);
   } catch (const ZMException& exception) {
@@ -109,7 +110,7 @@ std::string ZMGameRuntime::getAppPackageCache() {
 }
 
 std::string ZMGameRuntime::getAppDirPath(const std::string& appId) {
-  return ZMPathJoin(storagePathApp_, appId);
+  return underRoot(storagePathApp_, appId);
 }
 
 std::string ZMGameRuntime::getAppDir(const std::string& appId) {
@@ -119,42 +120,42 @@ std::string ZMGameRuntime::getAppDir(const std::string& appId) {
 }
 
 std::string ZMGameRuntime::getAppDetailFile(const std::string& appId) {
-  return ZMPathJoin(getAppDir(appId), "detail.json");
+  return underRoot(getAppDir(appId), "detail.json");
 }
 
 std::string ZMGameRuntime::getAppPackageDownloadPath(const std::string& appId,
                                                      const std::string& version) {
-  return ZMPathJoin(getAppPackageCache(), ZMFormat("%@.%@.zgp", {appId, version}));
+  return underRoot(getAppPackageCache(), ZMFormat("%@.%@.zgp", {appId, version}));
 }
 
 std::string ZMGameRuntime::getAppPackageDir(const std::string& appId, const std::string& version) {
-  std::string path = ZMPathJoin(getAppDirPath(appId), version);
+  std::string path = underRoot(getAppDirPath(appId), version);
   validateQuietly(path);
   return path;
 }
 
 std::string ZMGameRuntime::getUserDirPath(const std::string& appId) {
-  return ZMPathJoin(storagePathUser_, userAppName(appId));
+  return underRoot(storagePathUser_, userAppName(appId));
 }
 
 std::string ZMGameRuntime::getUserCachePath(const std::string& appId) {
-  return ZMPathJoin(storagePathCache_, userAppName(appId));
+  return underRoot(storagePathCache_, userAppName(appId));
 }
 
 std::string ZMGameRuntime::getUserTempDirPath(const std::string& appId) {
-  return ZMPathJoin(getUserCachePath(appId), "tmp");
+  return underRoot(getUserCachePath(appId), "tmp");
 }
 
 std::string ZMGameRuntime::getUserDataDirPath(const std::string& appId) {
-  return ZMPathJoin(getUserDirPath(appId), "data");
+  return underRoot(getUserDirPath(appId), "data");
 }
 
 std::string ZMGameRuntime::getUserLocalStoragePath(const std::string& appId) {
-  return ZMPathJoin(getUserDirPath(appId), "local_storage.db");
+  return underRoot(getUserDirPath(appId), "local_storage.db");
 }
 
 std::string ZMGameRuntime::getRuntimeLocalStoragePath(const std::string& appId) {
-  return ZMPathJoin(getUserDirPath(appId), "rt_local_storage.db");
+  return underRoot(getUserDirPath(appId), "rt_local_storage.db");
 }
 
 void ZMGameRuntime::setGameQueryExitListener(std::weak_ptr<ZMGameQueryExitListener> listener) {

@@ -158,7 +158,3 @@ class ZMGameRuntime : public ZMZimoGameRuntime,
   std::atomic<bool> gameLoadingTimeLog_{false};
   std::atomic<double> loadingStartTime_{0};
 };
-
-// True when `name` can be used as one path component under a storage root: not empty, not "."
-// or "..", and without "/" or NUL. App ids and versions must pass before they reach a path.
-bool ZMIsSafePathComponent(const std::string& name);

@@ -26,9 +26,8 @@ std::optional<ZMError> appIdError(const std::optional<std::string>& appId) {
   return ZMError(ZMFormat("invalid app id: %@", {appId}), -1, ZMValue::object());
 }
 
-std::optional<ZMError> versionDirectoryError(const std::optional<std::string>& version) {
-  if (!version || ZMIsSafePathComponent(*version)) return std::nullopt;
-  return ZMError(ZMFormat("invalid version: %@", {version}), -1, ZMValue::object());
+bool isSafe(const std::optional<std::string>& name) {
+  return name && ZMIsSafePathComponent(*name);
 }
 
 template <typename Task>
@@ -45,16 +44,10 @@ void ZMGameRuntime::checkGameVersion(const ZMValue& options,
                                      std::weak_ptr<ZMPackageCheckVersionListener> listener) {
   cancelAndClear(gameCheckTask_);
   const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
-  auto host = listener.lock();
-  if (auto error = appIdError(appId)) {
-    if (host) {
-      host->onCheckVersionStart(options);
-      host->onCheckVersionFailure(*error);
-    }
-    return;
-  }
-  const std::string detailPath = ZMPathJoin(getAppDirPath(*appId), "detail.json");
-  if (host) host->onCheckVersionStart(options);
+  // An id that names no app directory is never looked up, so it reads as not installed.
+  const std::string detailPath =
+      isSafe(appId) ? ZMPathJoin(getAppDirPath(*appId), "detail.json") : std::string();
+  if (auto host = listener.lock()) host->onCheckVersionStart(options);
   gameCheckTask_ = std::make_shared<ZMGameCheckVersionTask>(std::move(listener), detailPath);
   gameCheckTask_->execute(options);
 }
@@ -65,11 +58,14 @@ void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
   const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
   const auto version = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_VERSION);
   auto host = listener.lock();
-  // The version is part of the package's file name: it must not hold a separator.
-  std::optional<ZMError> error = appIdError(appId);
-  if (!error && version &&
-      (version->find('/') != std::string::npos || version->find('\0') != std::string::npos)) {
-    error = ZMError(ZMFormat("invalid version: %@", {version}), -1, ZMValue::object());
+  // Both make up the package's file name, so neither may hold a separator; an absent one is
+  // named "(null)" and the file stays in the cache.
+  std::optional<ZMError> error;
+  for (const auto& [name, text] : {std::pair{"app id", appId}, std::pair{"version", version}}) {
+    if (!error && text && (text->find('/') != std::string::npos ||
+                           text->find('\0') != std::string::npos)) {
+      error = ZMError(ZMFormat("invalid %@: %@", {name, text}), -1, ZMValue::object());
+    }
   }
   if (error) {
     if (host) {
@@ -78,8 +74,8 @@ void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
     }
     return;
   }
-  const std::string savePath =
-      getAppPackageDownloadPath(*appId, version ? *version : ZMFormat("%@", {nullptr}));
+  const std::string savePath = getAppPackageDownloadPath(ZMFormat("%@", {appId}),
+                                                         ZMFormat("%@", {version}));
   const std::string url = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_URL).value_or("");
   if (host) host->onDownloadStart();
   gameDownloadTask_ = std::make_shared<ZMGameDownloadPackageTask>(std::move(listener), savePath, url);
@@ -90,20 +86,14 @@ void ZMGameRuntime::installGamePackage(const ZMValue& options,
                                        std::weak_ptr<ZMPackageInstallListener> listener) {
   const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
   const auto version = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_VERSION);
-  std::optional<ZMError> error = appIdError(appId);
-  if (!error) error = versionDirectoryError(version);
-  if (error) {
-    cancelAndClear(gameInstallTask_);
-    if (auto host = listener.lock()) {
-      host->onInstallStart();
-      host->onInstallFailure(*error);
-    }
-    return;
+  // These create the app and version directories, even if the install then fails. Ids that
+  // name no directory get no paths; the task refuses them before touching anything.
+  std::string appDir, installDir, detailFile;
+  if (isSafe(appId) && isSafe(version)) {
+    appDir = getAppDir(*appId);
+    installDir = getAppPackageDir(*appId, *version);
+    detailFile = getAppDetailFile(*appId);
   }
-  // These create the app and version directories, even if the install then fails.
-  const std::string appDir = getAppDir(*appId);
-  const std::string installDir = getAppPackageDir(*appId, version.value_or(""));
-  const std::string detailFile = getAppDetailFile(*appId);
   cancelAndClear(gameInstallTask_);
   if (auto host = listener.lock()) host->onInstallStart();
   gameInstallTask_ = std::make_shared<ZMGameInstallPackageTask>(std::move(listener), userId_, 1,
@@ -218,20 +208,14 @@ void ZMGameRuntime::removeGameAll(std::weak_ptr<ZMGameRemoveListener> listener) 
 std::shared_ptr<ZMZimoGameConfig> ZMGameRuntime::getGameConfig(const ZMValue& options) {
   const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
   auto version = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_VERSION);
-  if (!appId || !ZMIsSafePathComponent(*appId)) {
-    ZMLogFormat("getGameConfig: invalid app id: %@", {appId});
-    return nullptr;
-  }
+  if (!isSafe(appId)) return nullptr;
   if (!version || version->empty()) {
     const std::string detailFile = getAppDetailFile(*appId);
     if (!ZMFileUtils::isExist(detailFile)) return nullptr;
     version = ZMGameDetail(detailFile).gameVersion();
     if (!version || version->empty()) return nullptr;
   }
-  if (!ZMIsSafePathComponent(*version)) {
-    ZMLogFormat("getGameConfig: invalid version: %@", {version});
-    return nullptr;
-  }
+  if (!ZMIsSafePathComponent(*version)) return nullptr;
   const std::string path = ZMPathJoin(getAppPackageDir(*appId, *version), "game.config.json");
   if (!ZMFileUtils::isExist(path)) return std::make_shared<ZMGameConfig>();
   return ZMGameConfig::createGameCofingWithPath(path);

@@ -23,6 +23,14 @@ class ZMGameInstallPackageTask : public ::testing::Test {
             {ZM_KEY_GAME_PACKAGE_VERSION, version},
             {ZM_KEY_GAME_PACKAGE_PATH, package}};
   }
+  // What checkGameVersion for g1 ends with.
+  std::string check(const std::string& version) {
+    auto listener = std::make_shared<CheckRecorder>();
+    t.runtime->checkGameVersion(
+        {{ZM_KEY_GAME_PACKAGE_APP_ID, "g1"}, {ZM_KEY_GAME_PACKAGE_VERSION, version}}, listener);
+    EXPECT_TRUE(RunUntil([&] { return listener->size() >= 2; }));
+    return listener->last();
+  }
   std::shared_ptr<ZMAppRow> record(const std::string& appId) {
     return ZMDatabaseHelper::getInstance().getAppRowByUserId("u1", appId);
   }
@@ -33,10 +41,19 @@ TEST_F(ZMGameInstallPackageTask, WholeGameReplacesEarlierVersionAndRecordsTheIns
   MakeGamePackage(v1, R"({"deviceOrientation":"portrait"})", {{"assets/a.png", "AAAA"}});
   MakeGamePackage(v2, R"({"deviceOrientation":"landscape"})", {{"assets/b.png", "BBBB"}});
 
+  const std::string mismatch =
+      "onCheckVersionFailure:Error: version is not the same as local version|-1";
+  EXPECT_EQ(check("1.0"), mismatch);
+
   auto options1 = options("g1", "1.0", v1);
   options1[ZM_KEY_GAME_PACKAGE_EXTEND_DATA] = "extra-1";
+  LogCapture log;
   auto first = install(options1);
   EXPECT_EQ(first->events(), (std::vector<std::string>{"onInstallStart", "onInstallSuccess"}));
+  const auto progress = log.startingWith("unzip progress:");
+  ASSERT_FALSE(progress.empty());
+  EXPECT_EQ(progress.back(), "unzip progress:1.000000");
+  EXPECT_EQ(check("1.0"), "onCheckVersionSuccess");
   EXPECT_EQ(ReadFile(t.app() + "/g1/1.0/assets/a.png"), "AAAA");
   EXPECT_FALSE(Exists(v1)) << "the package file is deleted after a successful install";
   EXPECT_EQ(ReadFile(t.app() + "/g1/detail.json"),
@@ -56,6 +73,10 @@ TEST_F(ZMGameInstallPackageTask, WholeGameReplacesEarlierVersionAndRecordsTheIns
   EXPECT_EQ(ListDir(t.app() + "/g1"), (std::vector<std::string>{"2.0", "detail.json"}));
   EXPECT_EQ(ReadFile(t.app() + "/g1/2.0/assets/b.png"), "BBBB");
   EXPECT_NE(ReadFile(t.app() + "/g1/detail.json").find("\"2.0\""), std::string::npos);
+  EXPECT_EQ(check("1.0"), mismatch);
+  EXPECT_EQ(check("2.0"), "onCheckVersionSuccess");
+  EXPECT_EQ(t.runtime->getGameConfig({{ZM_KEY_GAME_PACKAGE_APP_ID, "g1"}})->deviceOrientation(),
+            "landscape");
   EXPECT_EQ(record("g1")->auth_camera, 1);
   EXPECT_EQ(record("g1")->extend, "extra-1") << "an absent extend leaves the stored one";
   EXPECT_EQ(ZMDatabaseHelper::getInstance().getPeopleCount("g1"), 1);
@@ -113,7 +134,7 @@ TEST_F(ZMGameInstallPackageTask, BadPackagesFailCleanlyAndWriteNothingOutside) {
   EXPECT_EQ(ZMDatabaseHelper::getInstance().getPeopleCount("g1"), 1);
 }
 
-TEST_F(ZMGameInstallPackageTask, MissingOrUnsafeVersionIsRefusedBeforeAnythingIsCleared) {
+TEST_F(ZMGameInstallPackageTask, MissingOrUnsafeIdsAreRefusedBeforeAnythingIsCleared) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
   WriteFile(t.root() + "/sentinel", "keep");
   const std::string package = t.root() + "/p.zip";
@@ -123,6 +144,16 @@ TEST_F(ZMGameInstallPackageTask, MissingOrUnsafeVersionIsRefusedBeforeAnythingIs
   EXPECT_EQ(install(noVersion)->last(),
             "onInstallFailure:missing install option: ZM_KEY_GAME_PACKAGE_VERSION|-1");
   EXPECT_EQ(install(options("g1", "..", package))->last(), "onInstallFailure:invalid version: ..|-1");
+  // A subpackage belongs to one version of one app: without them it would land in the app root.
+  noVersion[ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT] = "levels";
+  EXPECT_EQ(install(noVersion)->last(),
+            "onInstallFailure:missing install option: ZM_KEY_GAME_PACKAGE_VERSION|-1");
+  auto noApp = options("g1", "1.0", package);
+  noApp.erase(ZM_KEY_GAME_PACKAGE_APP_ID);
+  EXPECT_EQ(install(noApp)->last(),
+            "onInstallFailure:missing install option: ZM_KEY_GAME_PACKAGE_APP_ID|-1");
+  EXPECT_EQ(ListDir(t.app()), std::vector<std::string>{"g1"});
+  EXPECT_EQ(ListDir(t.app() + "/g1"), (std::vector<std::string>{"1.0", "detail.json"}));
   EXPECT_TRUE(Exists(t.app() + "/g1/1.0/game.config.json"));
   EXPECT_EQ(ReadFile(t.root() + "/sentinel"), "keep");
   EXPECT_TRUE(Exists(package));
