@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Times libmerin's zip extraction against `unzip -q` and `bsdtar -xf` on one game package of a
-# few thousand files (~250 MB unpacked, mixed sizes, half compressible text, half random bytes).
+# few thousand files (~250 MB unpacked, mixed sizes, half compressible text, half random bytes),
+# and a whole install of the same package through the runtime (`tavo install`: the runtime
+# starts, clears the app directory, the engine unzips, "detail.json" and the record are written).
 #
 #   bench/engine/unzip_bench.sh [build dir] [rounds]
 #
@@ -9,15 +11,17 @@
 # picture. The best round of each tool is reported, with the ratio to libmerin and peak RSS.
 set -euo pipefail
 
-build=${1:-build-engine}
+build=${1:-build}
 rounds=${2:-3}
 work=${MERIN_BENCH_DIR:-/dev/shm/merin-bench}
 driver="$build/bench/engine/merin_unzip_driver"
+tavo="$build/tools/tavo/tavo"
 
 for tool in zip unzip bsdtar /usr/bin/time; do
   command -v "$tool" >/dev/null || { echo "missing tool: $tool" >&2; exit 1; }
 done
 [[ -x $driver ]] || { echo "build $driver first (target merin_unzip_driver)" >&2; exit 1; }
+[[ -x $tavo ]] || { echo "build $tavo first (target tavo)" >&2; exit 1; }
 
 package="$work/package.zip"
 mkdir -p "$work"
@@ -60,13 +64,13 @@ run() {
   mkdir -p "$dest"
   local start end
   start=$(date +%s%N)
-  /usr/bin/time -f "%M" -o "$work/$name.rss" "$@"
+  /usr/bin/time -f "%M" -o "$work/$name.rss" "$@" >/dev/null
   end=$(date +%s%N)
   echo "$(( (end - start) / 1000000 )) $(cat "$work/$name.rss")"
 }
 
 declare -A best rss
-for tool in unzip bsdtar merin; do best[$tool]=999999999; done
+for tool in unzip bsdtar merin install; do best[$tool]=999999999; done
 for ((r = 1; r <= rounds; r++)); do
   read -r t m < <(run unzip "$work/out-unzip" unzip -q "$package" -d "$work/out-unzip")
   ((t < best[unzip])) && best[unzip]=$t rss[unzip]=$m
@@ -74,20 +78,29 @@ for ((r = 1; r <= rounds; r++)); do
   ((t < best[bsdtar])) && best[bsdtar]=$t rss[bsdtar]=$m
   read -r t m < <(run merin "$work/out-merin" "$driver" "$package" "$work/out-merin")
   ((t < best[merin])) && best[merin]=$t rss[merin]=$m
-  echo "round $r: unzip ${best[unzip]} ms, bsdtar ${best[bsdtar]} ms, merin ${best[merin]} ms (best so far)"
+  # The install deletes its package, so it gets a copy; the root starts empty every round.
+  rm -rf "$work/root"
+  cp "$package" "$work/copy.zip"
+  read -r t m < <(run install "$work/root" "$tavo" --root "$work/root" install \
+    --app bench --version 1 --package "$work/copy.zip")
+  ((t < best[install])) && best[install]=$t rss[install]=$m
+  echo "round $r: unzip ${best[unzip]} ms, bsdtar ${best[bsdtar]} ms, merin ${best[merin]} ms," \
+    "install ${best[install]} ms (best so far)"
 done
 
-if diff -r "$work/out-unzip" "$work/out-merin" >/dev/null; then
-  echo "libmerin's tree is identical to unzip's"
-else
-  echo "libmerin's tree DIFFERS from unzip's" >&2
-  exit 1
-fi
+for tree in "$work/out-merin" "$work/root/Caches/app/bench/1"; do
+  if diff -r "$work/out-unzip" "$tree" >/dev/null; then
+    echo "$tree is identical to unzip's tree"
+  else
+    echo "$tree DIFFERS from unzip's tree" >&2
+    exit 1
+  fi
+done
 
 printf '%-8s %10s %14s %12s\n' tool "best ms" "time / merin" "peak RSS KB"
-for tool in unzip bsdtar merin; do
+for tool in unzip bsdtar merin install; do
   printf '%-8s %10d %14s %12d\n' "$tool" "${best[$tool]}" \
     "$(awk -v a="${best[$tool]}" -v b="${best[merin]}" 'BEGIN { printf "%.2fx", a / b }')" \
     "${rss[$tool]}"
 done
-rm -rf "$work"/out-*
+rm -rf "$work"/out-* "$work/root" "$work/copy.zip"
