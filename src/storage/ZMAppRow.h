@@ -20,11 +20,21 @@ struct ZMAppRowFields {
   std::optional<double> play_at_time;  // seconds since 1970
 };
 
+// A query over the "AppRow" table: every record, narrowed to those whose user_id and app_id
+// equal the filters that are set (exact text, no patterns).
+struct ZMAppRowFetchRequest {
+  std::optional<std::string> user_id;
+  std::optional<std::string> app_id;
+};
+
 // ZMAppRow is a live record of the store: it belongs to ZMDatabaseHelper's context, which keeps
 // one object per stored row, and its changes are written by the context's next save. Read and
 // change it only inside the store's operations or on the main thread.
 class ZMAppRow : public ZMAppRowFields {
  public:
+  // A query with no filter.
+  static ZMAppRowFetchRequest fetchRequest() { return {}; }
+
   // The SQLite rowid; 0 until the record's first save.
   int64_t rowId = 0;
 };

@@ -134,7 +134,9 @@ bool ZMDatabaseContext::isDirty(const Registered& entry) const {
 }
 
 std::optional<std::vector<std::shared_ptr<ZMAppRow>>> ZMDatabaseContext::fetch(
-    const std::optional<std::string>& userId, const std::optional<std::string>& appId) {
+    const ZMAppRowFetchRequest& request) {
+  const auto& userId = request.user_id;
+  const auto& appId = request.app_id;
   // Only constant text goes into the statement; the ids are parameters.
   std::string sql = std::string("SELECT rowid, ") + kColumns + " FROM AppRow WHERE 1 = 1";
   if (userId) sql += " AND user_id = ?1";

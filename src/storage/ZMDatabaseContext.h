@@ -33,10 +33,9 @@ class ZMDatabaseContext {
   ZMDatabaseContext(const ZMDatabaseContext&) = delete;
   ZMDatabaseContext& operator=(const ZMDatabaseContext&) = delete;
 
-  // Every record whose user_id (when given) and app_id (when given) equal the arguments exactly,
-  // in store order, pending inserts last; null when the query fails.
-  std::optional<std::vector<std::shared_ptr<ZMAppRow>>> fetch(
-      const std::optional<std::string>& userId, const std::optional<std::string>& appId);
+  // Every record the request matches, in store order, pending inserts last; null when the query
+  // fails.
+  std::optional<std::vector<std::shared_ptr<ZMAppRow>>> fetch(const ZMAppRowFetchRequest& request);
   // A new record with every field null, written by the next successful save.
   std::shared_ptr<ZMAppRow> insertNewRow();
   // Marks a record of this context for deletion by the next save; an unsaved record is dropped.

@@ -122,7 +122,11 @@ std::optional<std::vector<std::shared_ptr<ZMAppRow>>> ZMDatabaseHelper::_getAppR
     const std::optional<std::string>& userId, const std::optional<std::string>& appId) {
   std::optional<std::vector<std::shared_ptr<ZMAppRow>>> rows;
   ZMMainQueue::sync([&] {
-    if (context_) rows = context_->fetch(userId, appId);
+    if (!context_) return;
+    auto request = ZMAppRow::fetchRequest();
+    request.user_id = userId;
+    request.app_id = appId;
+    rows = context_->fetch(request);
   });
   return rows;
 }
