@@ -6,13 +6,9 @@
 
 namespace {
 
-// Eight threads: uninstalls and sweeps block in ZMMainQueue::sync while the host drains the main
-// queue, and several of them may be queued at once.
-constexpr std::size_t kThreads = 8;
-
 asio::thread_pool& pool() {
-  // Destroyed at exit, after which the destructor has joined every thread; a process that exits
-  // with blocks in flight waits for them, as leveldb's DBImpl waits for its compaction.
+  // Destroyed at exit: the destructor stops the pool and joins its threads, so a block already
+  // running finishes before the process ends; blocks not yet started are dropped.
   static asio::thread_pool p(ZMGlobalQueue::kThreadCount);
   return p;
 }
