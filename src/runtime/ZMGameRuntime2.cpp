@@ -3,12 +3,26 @@
 #include "platform/ZMFormat.h"
 #include "tavo/ZMOptionKeys.h"
 
+namespace {
+std::mutex gExtraMutex;
+std::vector<std::shared_ptr<ZMGameEventListener>> gExtraListeners;
+}  // namespace
+
+void ZMGameRuntime2::setExtraListenersForTesting(
+    std::vector<std::shared_ptr<ZMGameEventListener>> listeners) {
+  std::lock_guard lock(gExtraMutex);
+  gExtraListeners = std::move(listeners);
+}
+
 std::shared_ptr<ZMGameRuntime2> ZMGameRuntime2::initWithUserId(
     const std::string& /*userId*/, ZMValue& options,
-    const std::shared_ptr<ZMRuntimeInitListener>& listener,
-    std::vector<std::shared_ptr<ZMGameEventListener>> extraListenersForTesting) {
+    const std::shared_ptr<ZMRuntimeInitListener>& listener) {
   std::shared_ptr<ZMGameRuntime2> bridge(new ZMGameRuntime2());
-  for (auto& extra : extraListenersForTesting) bridge->listeners_.push_back(std::move(extra));
+  {
+    std::lock_guard lock(gExtraMutex);
+    bridge->listeners_.insert(bridge->listeners_.end(), gExtraListeners.begin(),
+                              gExtraListeners.end());
+  }
   if (auto error = bridge->_onGameEvent(ZMGameEventInit, options); error && listener) {
     listener->onInitializeFailure(ZMException(error->domain, std::nullopt, error->userInfo));
   }

@@ -23,8 +23,11 @@ class ZMGameRuntime2 : public ZMCoreRunListener,
   // `listener->onInitializeFailure` as an exception named after the error's domain.
   static std::shared_ptr<ZMGameRuntime2> initWithUserId(
       const std::string& userId, ZMValue& options,
-      const std::shared_ptr<ZMRuntimeInitListener>& listener,
-      std::vector<std::shared_ptr<ZMGameEventListener>> extraListenersForTesting = {});
+      const std::shared_ptr<ZMRuntimeInitListener>& listener);
+  // Receivers that every bridge built from now on appends after its own (empty: none). For
+  // tests, which drive game events through the runtime; thread-safe.
+  static void setExtraListenersForTesting(
+      std::vector<std::shared_ptr<ZMGameEventListener>> listeners);
 
   // Sends event 1 and returns the engine's handle, or null after reporting a failure to
   // `listener`.

@@ -3,7 +3,6 @@
 
 #include <filesystem>
 
-#include "runtime/ZMGameEventListener.h"
 #include "runtime/ZMGameRuntime.h"
 #include "runtime/ZMGameRuntime2.h"
 #include "storage/ZMDatabaseHelper.h"
@@ -20,6 +19,7 @@ class ZMGameRuntimeCreate : public ::testing::Test {
   void SetUp() override { ZMDatabaseHelper::getInstance().resetForTesting(); }
   void TearDown() override {
     if (auto runtime = ZMZimoGame::getRuntime()) runtime->done();
+    ZMGameRuntime2::setExtraListenersForTesting({});
     ZMDatabaseHelper::getInstance().resetForTesting();
   }
   ScopedSystemDirectories dirs;
@@ -110,12 +110,14 @@ TEST_F(ZMGameRuntimeCreate, UnopenableStoreGivesExactlyOneFailure) {
 }
 
 TEST_F(ZMGameRuntimeCreate, SecondInitEndsTheFirstRuntime) {
-  auto first = std::make_shared<InitRecorder>();
-  ZMZimoGame::initRuntime("u1", ZMValue(), first);
-  auto firstRuntime = ZMGameRuntime::getInstance();
+  auto receiver = std::make_shared<EventRecorder>();
+  ZMGameRuntime2::setExtraListenersForTesting({receiver});
+  ZMZimoGame::initRuntime("u1", ZMValue(), std::make_shared<InitRecorder>());
   auto second = std::make_shared<InitRecorder>();
   ZMZimoGame::initRuntime("u2", ZMValue(), second);
-  EXPECT_NE(ZMGameRuntime::getInstance(), firstRuntime);
+  // The first runtime was ended (its bridge sent the destroy event) before the second was built.
+  EXPECT_EQ(receiver->log->events(), (std::vector<std::string>{"event:0", "event:5", "event:0"}));
+  EXPECT_EQ(receiver->received(ZMGameEventInit), ZMValue::object()) << "null options become {}";
   EXPECT_EQ(ZMGameRuntime::getInstance()->userId(), "u2");
   EXPECT_EQ(ZMZimoGame::getRuntime(), second->runtime);
 }
@@ -128,32 +130,24 @@ TEST_F(ZMGameRuntimeCreate, UserIdThatWouldLeaveTheRootsIsRefused) {
   EXPECT_FALSE(Exists(dirs.caches() + "/app"));
 }
 
-// A game-event receiver that objects to event 0, as a plug-in manager whose root is unusable.
-struct ObjectingListener : ZMGameEventListener {
-  std::vector<int32_t> events;
-  std::optional<ZMError> onGameEvent(int32_t event, ZMValue&) override {
-    events.push_back(event);
-    return ZMError("plugin root unusable", 0, ZMValue{{"why", "test"}});
-  }
-};
-
-TEST(ZMGameRuntime2, EventBroadcastStopsAtFirstErrorAndInitErrorBecomesAFailure) {
-  auto first = std::make_shared<ObjectingListener>();
-  auto second = std::make_shared<ObjectingListener>();
+TEST_F(ZMGameRuntimeCreate, InitEventErrorGivesAFailureAndThenTheSuccess) {
+  // The first receiver objects, as a plug-in manager whose root is unusable; the second shares
+  // its log and is never asked.
+  auto objecting = std::make_shared<EventRecorder>();
+  objecting->errors[ZMGameEventInit] = ZMError("plugin root unusable", 0, ZMValue{{"why", "test"}});
+  auto later = std::make_shared<EventRecorder>();
+  later->log = objecting->log;
+  ZMGameRuntime2::setExtraListenersForTesting({objecting, later});
+  const ZMValue options = {{ZM_KEY_STORAGE_PATH_PLUGIN, dirs.root() / "plugin"}};
   auto listener = std::make_shared<InitRecorder>();
-  ZMValue options = ZMValue::object();
-  auto bridge = ZMGameRuntime2::initWithUserId("u1", options, listener, {first, second});
-  EXPECT_EQ(first->events, std::vector<int32_t>{0});
-  EXPECT_TRUE(second->events.empty());
+  ZMZimoGame::initRuntime("u1", options, listener);
+  EXPECT_EQ(listener->events(),
+            (std::vector<std::string>{"onInitializeFailure:plugin root unusable|(null)",
+                                      "onInitializeSuccess"}));
   ASSERT_TRUE(listener->failure);
-  EXPECT_EQ(listener->failure->name(), "plugin root unusable");
-  EXPECT_FALSE(listener->failure->reason());
   EXPECT_EQ(listener->failure->userInfo(), (ZMValue{{"why", "test"}}));
-
-  // Without receivers an event returns nothing; only "plugin_manager" names a manager.
-  auto empty = ZMGameRuntime2::initWithUserId("u1", options, nullptr);
-  EXPECT_FALSE(empty->_onGameEvent(0, options));
-  EXPECT_EQ(empty->getManager("other", ZMValue()), nullptr);
+  EXPECT_EQ(objecting->received(ZMGameEventInit), options);
+  EXPECT_EQ(objecting->log->events(), std::vector<std::string>{"event:0"});
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -10,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "runtime/ZMGameEventListener.h"
 #include "tavo/tavo.h"
 
 inline std::string Describe(const std::string& text) { return text; }
@@ -132,6 +135,35 @@ struct ExitRecorder : ZMGameExitListener, EventLog {
 
 struct QueryExitRecorder : ZMGameQueryExitListener, EventLog {
   void onQueryExit(const std::string& a, const ZMValue& r) override { note("onQueryExit", a, r); }
+};
+
+// A game-event receiver in the plug-in manager's place. Notes "event:<code>" in `log` (a test may
+// share a host listener's log to see the order), keeps each code's last options, lets
+// `editRunOptions` change a launch's options (event 1) and answers with the error set for the code.
+struct EventRecorder : ZMGameEventListener {
+  std::shared_ptr<EventLog> log = std::make_shared<EventLog>();
+  std::map<int32_t, ZMError> errors;
+  std::function<void(ZMValue&)> editRunOptions;
+
+  std::optional<ZMError> onGameEvent(int32_t event, ZMValue& options) override {
+    if (event == ZMGameEventCreate && editRunOptions) editRunOptions(options);
+    {
+      std::lock_guard lock(mutex_);
+      received_[event] = options;
+    }
+    log->note("event", int64_t{event});
+    auto error = errors.find(event);
+    return error == errors.end() ? std::nullopt : std::optional(error->second);
+  }
+  ZMValue received(int32_t event) const {
+    std::lock_guard lock(mutex_);
+    auto found = received_.find(event);
+    return found == received_.end() ? ZMValue("(not sent)") : found->second;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<int32_t, ZMValue> received_;
 };
 
 struct RemoveRecorder : ZMGameRemoveListener, EventLog {
