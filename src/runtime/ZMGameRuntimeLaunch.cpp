@@ -205,10 +205,15 @@ void ZMGameRuntime::onCoreQueryExit(const ZMValue& result) {
     host = gameQueryExitListener_.lock();
   }
   if (host) {
+    // Whatever the host throws is logged here: nothing may escape onto the engine's thread.
     try {
       host->onQueryExit(appId, result);
+    } catch (const ZMError& error) {
+      ZMLogFormat("%@", {error});
     } catch (const std::exception& exception) {
       ZMLogFormat("%@", {exception.what()});
+    } catch (...) {
+      ZMLogFormat("%@", {"unknown exception"});
     }
     return;
   }

@@ -110,6 +110,13 @@ TEST_F(ZMGameRuntimeLaunch, QuitRequestGoesToTheHostOrEndsTheGame) {
   EXPECT_EQ(query->last(), R"(onQueryExit:g1|{"reason":"back"})");
   EXPECT_TRUE(engine()->isRunning()) << "the host decides";
 
+  // What the host throws, the library's own error type too, is logged on the engine's thread.
+  query->raise = ZMError("host refused", 4);
+  LogCapture log;
+  engine()->requestQuit(ZMValue());
+  EXPECT_TRUE(RunUntil([&] { return log.contains(query->raise->description()); }));
+  EXPECT_TRUE(engine()->isRunning());
+
   // Nobody to ask: the runtime ends the game itself, silently.
   query.reset();
   engine()->requestQuit(ZMValue());

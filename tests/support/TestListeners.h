@@ -134,7 +134,11 @@ struct ExitRecorder : ZMGameExitListener, EventLog {
 };
 
 struct QueryExitRecorder : ZMGameQueryExitListener, EventLog {
-  void onQueryExit(const std::string& a, const ZMValue& r) override { note("onQueryExit", a, r); }
+  std::optional<ZMError> raise;  // thrown after the call is noted
+  void onQueryExit(const std::string& a, const ZMValue& r) override {
+    note("onQueryExit", a, r);
+    if (raise) throw *raise;
+  }
 };
 
 // A game-event receiver in the plug-in manager's place. Notes "event:<code>" in `log` (a test may
