@@ -607,7 +607,9 @@ size_t ZMURLSessionEngine::onHeader(char* buffer, size_t size, size_t count, voi
       task.response_ = std::move(response);
     }
   } else if ((line.front() == ' ' || line.front() == '\t') && !transfer.headerFields.empty()) {
-    transfer.headerFields.back().second += " " + std::string(trim(line));  // folded line
+    auto& value = transfer.headerFields.back().second;  // a folded line continues the value
+    value += ' ';
+    value += trim(line);
   } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {
     transfer.headerFields.emplace_back(trim(line.substr(0, colon)), trim(line.substr(colon + 1)));
   }
