@@ -151,6 +151,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, CancelReportsCancelAndNoFailure) {
   DrainMainQueue();
   EXPECT_EQ(idle->events(), std::vector<std::string>{"cancel"});
   EXPECT_EQ(server.requestCount(), 1u);
+
 }
 
 TEST_F(ZMSingleThreadFileDownloaderTest, TransferErrorsAreDownloadFail) {
@@ -163,29 +164,32 @@ TEST_F(ZMSingleThreadFileDownloaderTest, TransferErrorsAreDownloadFail) {
   server.Get("/stall-body", PartialBody(server, 200000, 50000, true));
   server.Get("/short", PartialBody(server, 200000, 50000, false));
   server.start();
-  TestHttpServer resetting;  // hangs up with a reset (RST) instead of a clean close
-  resetting.Get("/reset", PartialBody(resetting, 200000, 50000, false));
-  resetting.start(true);
+  ResettingServer resetting(200000, 50000);  // a reset (RST) mid-body, not a short body
 
   struct Case {
     std::string url;
     int32_t code;       // for the listener: the status, or 0 without a response
     int64_t transport;  // the error passed along
+    std::string cause;  // in the error's debug description
   };
   for (const Case& c : std::vector<Case>{
-           {TestHttpServer::refusedURL("/pkg"), 0, kZMURLErrorCannotConnectToHost},
-           {server.url("/stall-head"), 0, kZMURLErrorTimedOut},
-           {server.url("/stall-body"), 200, kZMURLErrorTimedOut},
-           {server.url("/short"), 200, kZMURLErrorNetworkConnectionLost},
-           {resetting.url("/reset"), 200, kZMURLErrorNetworkConnectionLost},
-           {"not a url", 0, kZMURLErrorBadURL},
+           {TestHttpServer::refusedURL("/pkg"), 0, kZMURLErrorCannotConnectToHost, ""},
+           {server.url("/stall-head"), 0, kZMURLErrorTimedOut, ""},
+           {server.url("/stall-body"), 200, kZMURLErrorTimedOut, ""},
+           {server.url("/short"), 200, kZMURLErrorNetworkConnectionLost, "bytes remaining"},
+           {resetting.url("/pkg"), 200, kZMURLErrorNetworkConnectionLost, "reset by peer"},
+           {"not a url", 0, kZMURLErrorBadURL, ""},
        }) {
     auto recorder = download(c.url);
     EXPECT_EQ(recorder->last(), "failure:" + std::to_string(c.code) + "|download fail");
     EXPECT_EQ(recorder->error->domain, kZMURLErrorDomain) << c.url;
     EXPECT_EQ(recorder->error->code, c.transport) << c.url;
+    EXPECT_NE(recorder->error->userInfo->value("NSDebugDescription", "").find(c.cause),
+              std::string::npos)
+        << recorder->error->userInfo->dump();
     EXPECT_FALSE(Exists(savePath)) << c.url;
   }
+  EXPECT_EQ(resetting.connectionCount(), 1u);
 }
 
 TEST_F(ZMSingleThreadFileDownloaderTest, ReleasedListenerHearsNothing) {

@@ -1,7 +1,10 @@
 #include "support/TestHttpServer.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,6 +13,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -44,15 +48,7 @@ void TestHttpServer::Post(const std::string& pattern, Handler handler) {
   server_->Post(pattern, recording(std::move(handler)));
 }
 
-void TestHttpServer::start(bool resetOnClose) {
-  if (resetOnClose) {
-    // Accepted sockets inherit the listening socket's linger setting.
-    server_->set_socket_options([](socket_t sock) {
-      httplib::default_socket_options(sock);
-      linger reset{1, 0};
-      ::setsockopt(sock, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-    });
-  }
+void TestHttpServer::start() {
   // Idle keep-alive connections hold up stop() for this long.
   server_->set_keep_alive_timeout(1);
   port_ = server_->bind_to_any_port("127.0.0.1");
@@ -109,6 +105,78 @@ std::string TestHttpServer::refusedURL(const std::string& path) {
   }
   ::close(sock);  // bound but never listening: the port is free and refuses connections
   return "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + path;
+}
+
+ResettingServer::ResettingServer(std::size_t declared, std::size_t sent)
+    : reply_("HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
+             std::to_string(declared) + "\r\n\r\n" + PatternBody(sent)) {
+  listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (listener_ < 0 || ::pipe2(wake_, O_CLOEXEC) != 0 ||
+      ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+      ::listen(listener_, 8) != 0 ||
+      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    std::abort();
+  }
+  port_ = ntohs(address.sin_port);
+  thread_ = std::thread([this] { serve(); });
+}
+
+ResettingServer::~ResettingServer() {
+  const char stop = 's';
+  (void)!::write(wake_[1], &stop, 1);
+  thread_.join();
+  ::close(listener_);
+  ::close(wake_[0]);
+  ::close(wake_[1]);
+}
+
+std::string ResettingServer::url(const std::string& path) const {
+  return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+void ResettingServer::serve() {
+  for (;;) {
+    pollfd fds[2] = {{listener_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
+    if (::poll(fds, 2, -1) < 0 && errno != EINTR) std::abort();
+    if (fds[1].revents) return;
+    if (!(fds[0].revents & POLLIN)) continue;
+    const int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (connection < 0) continue;
+    ++connections_;
+    answer(connection);
+    linger reset{1, 0};  // close() sends RST, not FIN
+    ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    ::close(connection);
+  }
+}
+
+void ResettingServer::answer(int connection) {
+  // Waits at most 10 s for the client at each step, and gives up when asked to stop.
+  const auto ready = [&](short events) {
+    pollfd fds[2] = {{connection, events, 0}, {wake_[0], POLLIN, 0}};
+    return ::poll(fds, 2, 10000) > 0 && !fds[1].revents && fds[0].revents;
+  };
+  std::string request;
+  char buffer[4096];
+  while (request.find("\r\n\r\n") == std::string::npos) {
+    if (!ready(POLLIN)) return;
+    const ssize_t n = ::recv(connection, buffer, sizeof buffer, 0);
+    if (n <= 0) return;
+    request.append(buffer, static_cast<std::size_t>(n));
+  }
+  const int on = 1;
+  ::setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  for (std::size_t written = 0; written < reply_.size();) {
+    if (!ready(POLLOUT)) return;
+    const ssize_t n =
+        ::send(connection, reply_.data() + written, reply_.size() - written, MSG_NOSIGNAL);
+    if (n <= 0) return;
+    written += static_cast<std::size_t>(n);
+  }
 }
 
 void WriteSelfSignedCertificate(const std::string& certificatePath, const std::string& keyPath) {

@@ -41,9 +41,8 @@ class TestHttpServer {
   void Get(const std::string& pattern, Handler handler);
   void Post(const std::string& pattern, Handler handler);
 
-  // Binds and starts serving. With `resetOnClose`, every connection the server closes is reset
-  // (RST) instead of being shut down cleanly.
-  void start(bool resetOnClose = false);
+  // Binds and starts serving.
+  void start();
   void stop();
 
   int port() const { return port_; }
@@ -70,6 +69,32 @@ class TestHttpServer {
   std::condition_variable stopped_;
   bool stopping_ = false;
   std::vector<Request> requests_;
+};
+
+// A raw TCP server on 127.0.0.1 that answers every connection, one at a time, with a 200 whose
+// Content-Length is `declared`, sends the first `sent` bytes of PatternBody and then resets the
+// connection (RST): a connection lost mid-body, which a clean close cannot imitate (the client
+// sees a short body then).
+class ResettingServer {
+ public:
+  ResettingServer(std::size_t declared, std::size_t sent);
+  ~ResettingServer();
+  ResettingServer(const ResettingServer&) = delete;
+  ResettingServer& operator=(const ResettingServer&) = delete;
+
+  std::string url(const std::string& path) const;
+  std::size_t connectionCount() const { return connections_.load(); }
+
+ private:
+  void serve();
+  void answer(int connection);
+
+  const std::string reply_;
+  int listener_ = -1;
+  int wake_[2] = {-1, -1};  // written to stop the server
+  int port_ = -1;
+  std::atomic<std::size_t> connections_{0};
+  std::thread thread_;
 };
 
 // Writes a fresh self-signed certificate for 127.0.0.1 and its private key as PEM files: a
