@@ -152,6 +152,18 @@ TEST_F(ZMSingleThreadFileDownloaderTest, CancelReportsCancelAndNoFailure) {
   EXPECT_EQ(idle->events(), std::vector<std::string>{"cancel"});
   EXPECT_EQ(server.requestCount(), 1u);
 
+  // Cancellation is told apart by its text: a -999 whose description was translated is an
+  // ordinary transfer failure.
+  auto translated = std::make_shared<FileRecorder>();
+  auto completed = std::make_shared<ZMSingleThreadFileDownloader>(
+      savePath, server.url("/stall"), "tag-3", translated);
+  auto session = ZMURLSession::sessionWithConfiguration({}, completed);
+  auto task = session->downloadTask(ZMURLRequest(server.url("/stall")));  // never resumed
+  const ZMError error(kZMURLErrorDomain, kZMURLErrorCancelled,
+                      ZMValue{{kZMLocalizedDescriptionKey, "abgebrochen"}});
+  completed->didCompleteWithError(*session, *task, error);
+  EXPECT_EQ(translated->events(), std::vector<std::string>{"failure:0|download fail"});
+  EXPECT_EQ(translated->error, error);
 }
 
 TEST_F(ZMSingleThreadFileDownloaderTest, TransferErrorsAreDownloadFail) {
