@@ -177,7 +177,7 @@ TEST_F(ZMURLSessionTest, TransportFailuresCarryFoundationCodes) {
   EXPECT_EQ(plain.requestCount() + untrusted.requestCount(), 0u);
 }
 
-TEST_F(ZMURLSessionTest, IdleTimeoutCountsSilenceNotDuration) {
+TEST_F(ZMURLSessionTest, StalledTransferEndsOnIdleTimeoutOrCancel) {
   TestHttpServer server;
   server.Get("/slow", [&](const auto&, auto& res) {
     res.set_content_provider(5000, "text/plain", [&](size_t offset, size_t, auto& sink) {
@@ -196,6 +196,20 @@ TEST_F(ZMURLSessionTest, IdleTimeoutCountsSilenceNotDuration) {
   auto stalled = Download(server.url("/stall"), 1);
   EXPECT_EQ(stalled->runs(), (std::vector<std::string>{"progress", "complete:-1001"}));
   EXPECT_GE(std::chrono::steady_clock::now() - begun, 900ms);
+  EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
+
+  // Cancelled under way: -999 "cancelled", and no file.
+  auto cancelled = std::make_shared<Recorder>();
+  auto session = ZMURLSession::sessionWithConfiguration({}, cancelled);
+  auto task = session->downloadTask(ZMURLRequest(server.url("/stall")));
+  task->resume();
+  ASSERT_TRUE(RunUntil([&] { return cancelled->size() > 0; }));  // progress
+  task->cancel();
+  ASSERT_TRUE(RunUntil([&] { return cancelled->last().starts_with("complete"); }));
+  EXPECT_EQ(cancelled->runs(), (std::vector<std::string>{"progress", "complete:-999"}));
+  EXPECT_EQ(cancelled->error->domain, kZMURLErrorDomain);
+  EXPECT_EQ(cancelled->error->localizedDescription(), "cancelled");
+  EXPECT_EQ(task->error(), cancelled->error);
   EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
 }
 
