@@ -377,6 +377,9 @@ bool ZMURLSessionEngine::configure(Transfer& transfer) {
   set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   set(CURLOPT_FOLLOWLOCATION, 1L);
   set(CURLOPT_MAXREDIRS, kMaxRedirects);
+  // The cookie engine, in memory and without a file: a cookie set on a redirect hop is sent on
+  // the hops that follow.
+  set(CURLOPT_COOKIEFILE, "");
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   set(CURLOPT_ERRORBUFFER, transfer.errorBuffer);
   set(CURLOPT_HEADERFUNCTION, &ZMURLSessionEngine::onHeader);

@@ -40,7 +40,8 @@
 // Ownership: a running task is kept alive by the network thread until its completion has been
 // delivered. The session holds its delegate weakly and its tasks weakly; a task holds its session
 // weakly. Destroying a session cancels its transfers silently: nothing more is delivered for them.
-// HTTPS certificates are verified against the system's trust store.
+// HTTPS certificates are verified against the system's trust store. Cookies are kept in memory
+// for the length of one task: a Set-Cookie on a redirect hop is sent on the next hop.
 
 class ZMURLSession;
 class ZMURLSessionEngine;

@@ -90,11 +90,16 @@ class ZMURLSessionTest : public ::testing::Test {
 TEST_F(ZMURLSessionTest, DownloadGoesThroughTemporaryFile) {
   const std::string body = PatternBody(3 << 20);
   TestHttpServer server;
+  // The redirect sets a cookie that the target requires.
   server.Get("/moved", [](const auto&, auto& res) {
+    res.set_header("Set-Cookie", "hop=1; Path=/");
     res.set_redirect("/file");
     res.set_content("redirect body", "text/plain");
   });
-  server.Get("/file", [&](const auto&, auto& res) { res.set_content(body, "application/zip"); });
+  server.Get("/file", [&](const auto& req, auto& res) {
+    if (req.get_header_value("Cookie") != "hop=1") res.status = 403;
+    res.set_content(body, "application/zip");
+  });
   server.start();
 
   std::shared_ptr<ZMURLSessionTask> task;
@@ -115,6 +120,7 @@ TEST_F(ZMURLSessionTest, DownloadGoesThroughTemporaryFile) {
   EXPECT_EQ(task->response()->valueForHTTPHeaderField("content-type"), "application/zip");
   ASSERT_EQ(server.requestCount(), 2u);
   EXPECT_EQ(server.requests()[1].method, "GET");
+  EXPECT_EQ(server.requests()[0].header("Cookie"), "");
 }
 
 TEST_F(ZMURLSessionTest, PostSendsBodyBytesUnchanged) {
