@@ -60,11 +60,6 @@ TEST(ZMSingleThreadFileDownloader, GigabyteDownloadKeepsMemoryFlat) {
   });
   server.start();
 
-  // Peak so far reset to the current size ("5" resets the high-water mark).
-  {
-    std::ofstream reset("/proc/self/clear_refs");
-    reset << "5";
-  }
   const int64_t before = StatusBytes("VmRSS");
   auto outcome = std::make_shared<Outcome>();
   auto downloader = std::make_shared<ZMSingleThreadFileDownloader>(dirs.root() / "big.zgp",
@@ -76,11 +71,9 @@ TEST(ZMSingleThreadFileDownloader, GigabyteDownloadKeepsMemoryFlat) {
   ASSERT_EQ(outcome->result, "success");
   EXPECT_EQ(outcome->lastDone, static_cast<int64_t>(kSize));
   ASSERT_GT(before, 0);
-  const int64_t growth = peak - before;
-  std::printf("resident before %lld KiB, peak %lld KiB, growth %lld KiB\n",
-              static_cast<long long>(before / 1024), static_cast<long long>(peak / 1024),
-              static_cast<long long>(growth / 1024));
-  EXPECT_LT(growth, 32 << 20);
+  std::printf("resident before the download %lld KiB, peak of the process %lld KiB\n",
+              static_cast<long long>(before / 1024), static_cast<long long>(peak / 1024));
+  EXPECT_LT(peak, 32 << 20);  // the whole process, server and test included
 
   // The file is whole: every block as served.
   std::ifstream in(dirs.root() / "big.zgp", std::ios::binary);
