@@ -107,6 +107,15 @@ TEST_F(ZMGameRuntimeCreate, UnopenableStoreGivesExactlyOneFailure) {
   EXPECT_NE(runtime->permissionListener(), nullptr);
   EXPECT_TRUE(runtime->storagePathApp().empty());
   EXPECT_EQ(runtime->gameRuntime2(), nullptr);
+  // Without roots every path is empty: nothing is made relative to the working directory.
+  for (const auto& path : {runtime->getAppDir("g7"), runtime->getAppPackageDir("g7", "1"),
+                           runtime->getAppDetailFile("g7"), runtime->getAppPackageCache(),
+                           runtime->getAppPackageDownloadPath("g7", "1"),
+                           runtime->getUserTempDirPath("g7"), runtime->getUserDataDirPath("g7"),
+                           runtime->getRuntimeLocalStoragePath("g7")}) {
+    EXPECT_EQ(path, "");
+  }
+  EXPECT_FALSE(Exists(fs::current_path() / "g7"));
 }
 
 TEST_F(ZMGameRuntimeCreate, SecondInitEndsTheFirstRuntime) {
