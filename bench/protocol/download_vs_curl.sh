@@ -1,14 +1,18 @@
 #!/usr/bin/env bash
 # Downloads the same file from a local server with `curl -s -o` and with tavo_download_driver
-# (ZMSingleThreadFileDownloader), both into /dev/shm, and prints the best of several runs and the
-# ratio. Usage: bench/protocol/download_vs_curl.sh [BUILD_DIR]   (SIZE_MIB=512 RUNS=5)
+# (ZMSingleThreadFileDownloader), both into /dev/shm (the driver's temporary file too, so its
+# final move is a rename), and prints the best of several runs and the ratio. The served file is
+# in /dev/shm as well. Usage: bench/protocol/download_vs_curl.sh [BUILD_DIR]   (SIZE_MIB=512 RUNS=5)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 build=${1:-build}
 size_mib=${SIZE_MIB:-512}
 runs=${RUNS:-5}
 driver=$build/bench/protocol/tavo_download_driver
-[ -x "$driver" ] || cmake --build "$build" --target tavo_download_driver
+server=$build/bench/protocol/tavo_bench_file_server
+for target in "$driver" "$server"; do
+  [ -x "$target" ] || cmake --build "$build" --target "$(basename "$target")"
+done
 
 work=$(mktemp -d /dev/shm/tavo-bench-XXXXXX)
 server_pid=
@@ -23,22 +27,9 @@ trap cleanup EXIT
 mkdir -p "$work/serve" "$work/curl" "$work/tavo"
 head -c $((size_mib << 20)) /dev/urandom > "$work/serve/file.bin"
 
-# http.server, answering with sendfile so that the server is not what is measured.
-python3 -u - "$work/serve" > "$work/server.log" 2>&1 <<'PY' &
-import http.server, os, socketserver, sys
-root = sys.argv[1]
-class Handler(http.server.SimpleHTTPRequestHandler):
-    def __init__(self, *args, **kwargs):
-        super().__init__(*args, directory=root, **kwargs)
-    def copyfile(self, source, outputfile):
-        outputfile.flush()
-        self.connection.sendfile(source)
-    def log_message(self, *args):
-        pass
-with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as httpd:
-    print("port", httpd.server_address[1], flush=True)
-    httpd.serve_forever()
-PY
+# Served by tavo_bench_file_server (cpp-httplib, streaming from a mapping of the file), which
+# outruns both clients, so that the server is not what is measured.
+"$server" "$work/serve/file.bin" > "$work/server.log" 2>&1 &
 server_pid=$!
 for _ in $(seq 100); do grep -q '^port ' "$work/server.log" 2>/dev/null && break; sleep 0.05; done
 port=$(awk '/^port /{print $2}' "$work/server.log")
