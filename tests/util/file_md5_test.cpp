@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -22,72 +21,44 @@ std::optional<std::string> Digest(const std::string& path, size_t chunk) {
 }
 
 std::size_t OpenDescriptors() {
-  std::size_t count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    ++count;
-  }
-  return count;
+  const auto entries = std::filesystem::directory_iterator("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
-
-// 24581 bytes (three 8 KiB chunks and a tail) of a fixed pattern.
-std::string Pattern() {
-  std::string data(3 * 8192 + 5, '\0');
-  for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 31 + 7) % 251);
-  return data;
-}
-constexpr const char* kPatternMD5 = "60fa3536c80ba6ae39f236d45d41f96d";
 
 }  // namespace
 
-TEST(FileMD5HashCreateWithPath, MatchesReferenceDigests) {
+TEST(FileMD5HashCreateWithPath, DigestDoesNotDependOnTheChunkSize) {
   TempDir dir;
+  std::string pattern(3 * 8192 + 5, '\0');  // three default chunks and a tail
+  for (std::size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<char>((i * 31 + 7) % 251);
   const std::pair<std::string, const char*> vectors[] = {
       {"", "d41d8cd98f00b204e9800998ecf8427e"},
-      {"a", "0cc175b9c0f1b6a831c399e269772661"},
       {"abc", "900150983cd24fb0d6963f7d28e17f72"},
-      {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
-      {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
-      {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789",
-       "d174ab98d277d9f5a5611c2c9f419d9f"},
       {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
        "57edf4a22be3c955ac49da2e2107b67a"},
+      {pattern, "60fa3536c80ba6ae39f236d45d41f96d"},
       {std::string(1 << 20, '\0'), "b6d81b360a5672d80c27430f39153e2c"},
   };
-  int index = 0;
   for (const auto& [content, expected] : vectors) {
-    const std::string path = dir / ("v" + std::to_string(index++));
-    WriteFile(path, content);
-    EXPECT_EQ(Digest(path, 0), expected) << content.size() << " bytes";
+    WriteFile(dir / "v", content);
+    // 0 is the default 8192; the rest straddle it and the largest read that fits one buffer.
+    for (const size_t chunk : {size_t{0}, size_t{63}, size_t{8191}, size_t{8193}, SIZE_MAX}) {
+      EXPECT_EQ(Digest(dir / "v", chunk), expected) << content.size() << " bytes, chunk " << chunk;
+    }
   }
 }
 
-TEST(FileMD5HashCreateWithPath, ChunkSizeNeverChangesTheDigest) {
+TEST(FileMD5HashCreateWithPath, UnreadablePathsGiveNullAndNoDescriptorLeaks) {
   TempDir dir;
-  const std::string path = dir / "pattern.bin";
-  WriteFile(path, Pattern());
-  // 0 is the default 8192; the rest straddle the file's length, the default chunk and the
-  // largest read that fits one stack buffer.
-  for (const size_t chunk : {size_t{0}, size_t{1}, size_t{2}, size_t{63}, size_t{4097},
-                             size_t{8191}, size_t{8192}, size_t{8193}, size_t{24581},
-                             size_t{65537}, size_t{1} << 24, SIZE_MAX}) {
-    EXPECT_EQ(Digest(path, chunk), kPatternMD5) << "chunk " << chunk;
-  }
-}
-
-TEST(FileMD5HashCreateWithPath, FailsWithNullAndReleasesTheFile) {
-  TempDir dir;
-  const std::string file = dir / "file.bin";
-  WriteFile(file, Pattern());
-  const std::string folder = dir / "folder";
-  std::filesystem::create_directory(folder);
-
+  WriteFile(dir / "file.bin", "abc");
+  std::filesystem::create_directory(dir / "folder");
   const std::size_t before = OpenDescriptors();
-  for (int round = 0; round < 50; ++round) {
+  for (int round = 0; round < 20; ++round) {
     EXPECT_EQ(FileMD5HashCreateWithPath(nullptr, 0), nullptr);
     EXPECT_EQ(Digest("", 0), std::nullopt);
     EXPECT_EQ(Digest(dir / "missing.bin", 8192), std::nullopt);
-    EXPECT_EQ(Digest(folder, 8192), std::nullopt);  // opens, but cannot be read
-    EXPECT_EQ(Digest(file, 4097), kPatternMD5);
+    EXPECT_EQ(Digest(dir / "folder", 8192), std::nullopt);  // opens, but cannot be read
+    EXPECT_EQ(Digest(dir / "file.bin", 1), "900150983cd24fb0d6963f7d28e17f72");
   }
   EXPECT_EQ(OpenDescriptors(), before);
 }
