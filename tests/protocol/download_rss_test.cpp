@@ -70,10 +70,7 @@ TEST(ZMSingleThreadFileDownloader, GigabyteDownloadKeepsMemoryFlat) {
   const int64_t peak = StatusBytes("VmHWM");
   ASSERT_EQ(outcome->result, "success");
   EXPECT_EQ(outcome->lastDone, static_cast<int64_t>(kSize));
-  ASSERT_GT(before, 0);
-  std::printf("resident before the download %lld KiB, peak of the process %lld KiB\n",
-              static_cast<long long>(before / 1024), static_cast<long long>(peak / 1024));
-  EXPECT_LT(peak, 32 << 20);  // the whole process, server and test included
+  EXPECT_LT(peak, 32 << 20) << "resident before: " << before;  // server and test included
 
   // The file is whole: every block as served.
   std::ifstream in(dirs.root() / "big.zgp", std::ios::binary);
