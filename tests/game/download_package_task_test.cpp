@@ -51,13 +51,11 @@ class ZMGameDownloadPackageTaskTest : public ::testing::Test {
     server.start();
   }
 
-  std::shared_ptr<ZMGameDownloadPackageTask> run(const std::string& path,
-                                                 std::optional<std::string> hash) {
+  void run(const std::string& path, std::optional<std::string> hash) {
     auto task = std::make_shared<ZMGameDownloadPackageTask>(recorder, savePath, server.url(path));
     task->execute(Options(std::move(hash)));
     EXPECT_TRUE(RunUntil([&] { return recorder->ended(); }));
     DrainMainQueue();
-    return task;
   }
   std::vector<std::string> succeeded() const {
     return {"onDownloadProgress", "onDownloadSuccess:" + savePath};
@@ -72,25 +70,12 @@ class ZMGameDownloadPackageTaskTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(ZMGameDownloadPackageTaskTest, StaleFileIsRemovedAtCreation) {
-  WriteFile(savePath, "stale");
-  auto task = std::make_shared<ZMGameDownloadPackageTask>(recorder, savePath, server.url("/v1"));
-  EXPECT_FALSE(Exists(savePath));
-  EXPECT_EQ(server.requestCount(), 0u);
-
-  // And the download that follows lands where the stale file was.
-  task->execute(Options(kV1Hash));
-  ASSERT_TRUE(RunUntil([&] { return recorder->ended(); }));
-  EXPECT_EQ(recorder->runs(), succeeded());
-  EXPECT_EQ(ReadFile(savePath), kV1);
-}
-
 TEST_F(ZMGameDownloadPackageTaskTest, MissingOrEmptyHashSkipsTheCheck) {
   for (std::optional<std::string> hash : {std::optional<std::string>(), std::optional<std::string>("")}) {
     recorder = std::make_shared<HostRecorder>();
-    std::remove(savePath.c_str());
+    WriteFile(savePath, "stale");  // removed when the task is made, so the download can land
     run("/v1", hash);
-    EXPECT_EQ(recorder->last(), "onDownloadSuccess:" + savePath);
+    EXPECT_EQ(recorder->runs(), succeeded());
     EXPECT_EQ(ReadFile(savePath), kV1);
   }
   EXPECT_EQ(server.requestCount(), 2u);  // one download each
@@ -98,15 +83,13 @@ TEST_F(ZMGameDownloadPackageTaskTest, MissingOrEmptyHashSkipsTheCheck) {
 
 TEST_F(ZMGameDownloadPackageTaskTest, DigestIsComparedExactly) {
   // The same digest in upper case is a mismatch: two downloads, then the hash failure.
-  auto task = run("/v1", "B7FEA727ECEE9A81752F74FB6D980021");
+  run("/v1", "B7FEA727ECEE9A81752F74FB6D980021");
   EXPECT_EQ(recorder->runs(), (std::vector<std::string>{
                                  "onDownloadProgress",
                                  "onDownloadFailure:package hash check failure|0"}));
-  EXPECT_EQ(*recorder->error, ZMError("package hash check failure", 0));
   EXPECT_FALSE(recorder->error->userInfo);
   EXPECT_EQ(server.requestCount(), 2u);
   EXPECT_FALSE(Exists(savePath));
-  EXPECT_TRUE(task->isRetryDownload());
 }
 
 TEST_F(ZMGameDownloadPackageTaskTest, MismatchThenMatchSucceedsWithoutTellingTheHost) {
@@ -121,20 +104,6 @@ TEST_F(ZMGameDownloadPackageTaskTest, TransferFailureIsForwardedOnce) {
   EXPECT_EQ(recorder->size(), 1u) << "the failure alone";
   EXPECT_EQ(*recorder->error, ZMError(kZMNetServicesErrorDomain, 404, ZMValue::object()));
   EXPECT_EQ(server.requestCount(), 1u);  // a transfer failure is not repeated
-}
-
-TEST_F(ZMGameDownloadPackageTaskTest, WithoutListenerAnAbsentHashFailsTheComparison) {
-  auto task = std::make_shared<ZMGameDownloadPackageTask>(std::weak_ptr<ZMPackageDownloadListener>(),
-                                                          savePath, server.url("/v1"));
-  task->execute(Options(std::nullopt));
-  // The second download has ended once its temporary file is gone too.
-  ASSERT_TRUE(RunUntil([&] {
-    return server.requestCount() == 2 && ListDir(dirs.temporary()).empty() && !Exists(savePath);
-  }));
-  DrainMainQueue();
-  EXPECT_EQ(server.requestCount(), 2u);
-  EXPECT_FALSE(Exists(savePath));
-  EXPECT_TRUE(task->isRetryDownload());
 }
 
 TEST_F(ZMGameDownloadPackageTaskTest, CancelIsSilent) {
