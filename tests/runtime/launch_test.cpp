@@ -1,10 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
+#include <chrono>
+#include <filesystem>
 #include <future>
 #include <thread>
 
 #include "merin/MerinGameHandle.h"
+#include "runtime/ZMGameRuntime2.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "support/TestRuntime.h"
 #include "support/TestSupport.h"
@@ -13,10 +18,18 @@ namespace {
 
 class ZMGameRuntimeLaunch : public ::testing::Test {
  protected:
+  void TearDown() override { ZMGameRuntime2::setExtraListenersForTesting({}); }
+
   TestRuntime t;
   std::shared_ptr<int> viewController = std::make_shared<int>(42);
 
   static ZMValue version(const std::string& v) { return {{ZM_KEY_RUN_OPT_VERSION, v}}; }
+  // The callbacks of a launch that fails before runGame returns.
+  std::vector<std::string> failedLaunch(const std::string& v) {
+    auto listener = std::make_shared<RunRecorder>();
+    t.runtime->runGame(viewController, "g1", version(v), listener);
+    return listener->events();
+  }
   std::shared_ptr<RunRecorder> run(const std::string& appId, const ZMValue& options,
                                    std::size_t events) {
     auto listener = std::make_shared<RunRecorder>();
@@ -38,23 +51,55 @@ class ZMGameRuntimeLaunch : public ::testing::Test {
   static std::shared_ptr<MerinGameHandle> engine() {
     return std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance());
   }
+  // The loading-time messages, each logged as "<message> <seconds, six decimals>s".
+  static constexpr const char* kTimed[] = {"[runGame] initRuntimeCore ",
+                                           "[runGame] onGameViewCreated", "[runGame] onSuccess"};
+  static bool loggedOnceTimed(const LogCapture& log, const std::string& message) {
+    const auto lines = log.startingWith(message + " ");
+    if (lines.size() != 1) return false;
+    std::string seconds = lines[0].substr(message.size() + 1);  // ^\d+\.\d{6}s$
+    const auto dot = seconds.find('.');
+    if (seconds.size() < 9 || dot != seconds.size() - 8 || seconds.back() != 's') return false;
+    seconds.erase(dot, 1);
+    seconds.pop_back();
+    return std::all_of(seconds.begin(), seconds.end(), [](char c) { return std::isdigit(c); });
+  }
 };
 
-TEST_F(ZMGameRuntimeLaunch, ValidationFailuresComeSynchronouslyWithTheirTexts) {
+TEST_F(ZMGameRuntimeLaunch, LaunchFailuresComeSynchronouslyWithTheirTexts) {
   LogCapture log;
-  auto listener = std::make_shared<RunRecorder>();
-  t.runtime->runGame(viewController, "g1", version(""), listener);
-  EXPECT_EQ(listener->events(),
+  EXPECT_EQ(failedLaunch(""),
             std::vector<std::string>{"onRunFailure:missing run option: ZM_KEY_RUN_OPT_VERSION|-1"});
   EXPECT_FALSE(Exists(t.app() + "/g1")) << "nothing is touched before the version is known";
   EXPECT_TRUE(log.contains("[runGame] begin ..."));
 
   // A version never installed: its directory is made, empty, and the game is not installed.
-  listener = std::make_shared<RunRecorder>();
-  t.runtime->runGame(viewController, "g1", version("3.0"), listener);
-  EXPECT_EQ(listener->events(), std::vector<std::string>{"onRunFailure:game not installed|-1"});
+  EXPECT_EQ(failedLaunch("3.0"), std::vector<std::string>{"onRunFailure:game not installed|-1"});
   EXPECT_TRUE(Exists(t.app() + "/g1/3.0"));
   EXPECT_TRUE(ListDir(t.app() + "/g1/3.0").empty());
+  // A version path that is a file: the emptiness test's reason.
+  WriteFile(t.app() + "/g1/2.0", "x");
+  EXPECT_EQ(failedLaunch("2.0"), std::vector<std::string>{"onRunFailure:" + t.app() +
+                                                          "/g1/2.0 is not directory|-1"});
+
+  // Installed, but the user's directories cannot be made under a file.
+  ASSERT_TRUE(t.installGame("g1", "1.0"));
+  WriteFile(t.cache() + "/u1_g1", "x");
+  EXPECT_EQ(failedLaunch("1.0"), std::vector<std::string>{"onRunFailure:temp dir not found|-1"});
+  std::filesystem::remove(t.cache() + "/u1_g1");
+  WriteFile(t.user() + "/u1_g1", "x");
+  EXPECT_EQ(failedLaunch("1.0"),
+            std::vector<std::string>{"onRunFailure:user data dir not found|-1"});
+  std::filesystem::remove(t.user() + "/u1_g1");
+
+  // A temp path that is itself a file throws out of runGame, after the launch state is stored.
+  std::filesystem::remove(t.cache() + "/u1_g1/tmp");
+  WriteFile(t.cache() + "/u1_g1/tmp", "x");
+  auto listener = std::make_shared<RunRecorder>();
+  EXPECT_EQ(Raised([&] { t.runtime->runGame(viewController, "g1", version("1.0"), listener); }),
+            "NSInvalidArgumentException: " + t.cache() + "/u1_g1/tmp is a file");
+  EXPECT_EQ(listener->size(), 0u);
+  EXPECT_EQ(t.runtime->appId(), "g1");
 }
 
 TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
@@ -68,19 +113,13 @@ TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
   EXPECT_EQ(listener->handle, ZMGameHandle::getInstance()) << "the host gets the handle";
   // The engine's callbacks are relayed on the engine's thread.
   EXPECT_NE(listener->threads()[0], std::this_thread::get_id());
-  auto timed = [&](const std::string& prefix) {
-    auto lines = log.startingWith(prefix);
-    return lines.size() == 1 && lines[0].size() > prefix.size() + 1 && lines[0].back() == 's';
-  };
-  EXPECT_TRUE(timed("[runGame] initRuntimeCore  "));
-  EXPECT_TRUE(timed("[runGame] onGameViewCreated "));
-  EXPECT_TRUE(timed("[runGame] onSuccess "));
+  for (const std::string message : kTimed) EXPECT_TRUE(loggedOnceTimed(log, message)) << message;
   ASSERT_TRUE(record("g1"));
   EXPECT_EQ(record("g1")->played, 1);
   EXPECT_EQ(record("g1")->extend, "first");
   const double firstPlay = *record("g1")->play_at_time;
 
-  // The engine saw every run option the runtime adds.
+  // The engine found the installed package through the run options.
   ASSERT_TRUE(engine() && engine()->getView());
   EXPECT_EQ(engine()->getView()->orientation, "portrait");
 
@@ -88,7 +127,7 @@ TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
   auto quiet = LogCapture();
   auto second = run("g1", version("1.0"), 2);
   EXPECT_EQ(second->last(), "onRunSuccess");
-  EXPECT_TRUE(quiet.startingWith("[runGame] onSuccess").empty());
+  for (const std::string message : kTimed) EXPECT_TRUE(quiet.startingWith(message).empty());
   EXPECT_TRUE(quiet.contains("[runGame] begin ..."));
   EXPECT_EQ(record("g1")->played, 2);
   EXPECT_FALSE(record("g1")->extend);
@@ -145,66 +184,82 @@ TEST_F(ZMGameRuntimeLaunch, EnginePermissionCallsReachTheUsersStore) {
   EXPECT_EQ(record("g1")->auth_location, 2);
 }
 
-TEST_F(ZMGameRuntimeLaunch, TempDirectoryThatIsAFileThrowsOutOfRunGame) {
-  ASSERT_TRUE(t.installGame("g1", "1.0"));
-  WriteFile(t.cache() + "/u1_g1/tmp", "not a directory");
-  auto listener = std::make_shared<RunRecorder>();
-  EXPECT_EQ(Raised([&] { t.runtime->runGame(viewController, "g1", version("1.0"), listener); }),
-            "NSInvalidArgumentException: " + t.cache() + "/u1_g1/tmp is a file");
-  EXPECT_EQ(listener->size(), 0u);
-  EXPECT_EQ(t.runtime->appId(), "g1") << "the launch state is stored before anything fails";
-}
-
-// An engine that fails in the ways the reference engine does not, calling back from its own
-// thread.
-class FakeEngine : public ZMGameHandle {
+// An engine that reports from a thread of its own as it is told (the reference engine never
+// fails) and records the launches it is asked for. The test owns it; the handle that install()
+// puts in the slot only forwards to it and is owned by the slot alone, as an engine's is.
+class FakeEngine {
  public:
   std::optional<ZMError> runFailure, exitFailure;
-  bool vanishBeforeView = false;
-  std::optional<std::string> ranAppId;
   std::shared_future<void> gate;  // when valid, the engine reports nothing before it is ready
 
-  void setOnGameQueryExitListener(std::weak_ptr<ZMOnGameQueryExitListener>) override {}
-  void setOnGamePermissionListener(std::shared_ptr<ZMCorePermissionListener>) override {}
-  void runGame(std::weak_ptr<void>, const std::string& appId, const ZMValue&,
-               std::weak_ptr<ZMCoreRunListener> listener) override {
-    ranAppId = appId;
-    join();
-    thread_ = std::thread([this, listener] {
-      if (gate.valid()) gate.wait();
-      auto l = listener.lock();
-      if (!l) return;
-      if (vanishBeforeView) ZMGameHandle::setInstance(nullptr);
-      if (runFailure) return l->onRunFailure(*runFailure);
-      l->onGameViewCreated(nullptr);
-      l->onRunSuccess();
-    });
+  static std::shared_ptr<FakeEngine> install() {
+    auto engine = std::make_shared<FakeEngine>();
+    ZMGameHandle::setInstance(std::make_shared<Handle>(engine));
+    return engine;
   }
-  void exitGame(const std::string&, std::weak_ptr<ZMCoreExitListener> listener) override {
-    join();
-    thread_ = std::thread([this, listener] {
-      if (auto l = listener.lock()) exitFailure ? l->onCoreExitFailure(*exitFailure) : l->onCoreExitSuccess();
-    });
-  }
-  std::optional<std::string> getAppId() override { return ranAppId; }
-  void done() override { join(); }  // like the reference engine: waits for its callbacks
-  void unzipFile(const std::string&, const std::string&,
-                 std::shared_ptr<ZMUnzipGamePackageListener> l) override {
-    l->onUnzipFailed("fake");
-  }
+  ~FakeEngine() { join(); }
   void join() {
     if (thread_.joinable()) thread_.join();
   }
-  ~FakeEngine() override { join(); }
+  std::vector<ZMValue> runs() const {  // the run options of every launch, in order
+    std::lock_guard lock(mutex_);
+    return runs_;
+  }
 
  private:
+  struct Handle : ZMGameHandle {
+    explicit Handle(std::shared_ptr<FakeEngine> engine) : e(std::move(engine)) {}
+    std::shared_ptr<FakeEngine> e;
+    void setOnGameQueryExitListener(std::weak_ptr<ZMOnGameQueryExitListener>) override {}
+    void setOnGamePermissionListener(std::shared_ptr<ZMCorePermissionListener>) override {}
+    void runGame(std::weak_ptr<void>, const std::string& appId, const ZMValue& options,
+                 std::weak_ptr<ZMCoreRunListener> listener) override {
+      e->record(appId, options);
+      e->report([e = e.get(), listener] {
+        auto l = listener.lock();
+        if (l && e->runFailure) return l->onRunFailure(*e->runFailure);
+        if (l) l->onGameViewCreated(nullptr), l->onRunSuccess();
+      });
+    }
+    void exitGame(const std::string&, std::weak_ptr<ZMCoreExitListener> listener) override {
+      e->report([e = e.get(), listener] {
+        auto l = listener.lock();
+        if (l) e->exitFailure ? l->onCoreExitFailure(*e->exitFailure) : l->onCoreExitSuccess();
+      });
+    }
+    std::optional<std::string> getAppId() override {
+      std::lock_guard lock(e->mutex_);
+      return e->appId_;
+    }
+    void done() override { e->join(); }  // like the reference engine: waits for its callbacks
+    void unzipFile(const std::string&, const std::string&,
+                   std::shared_ptr<ZMUnzipGamePackageListener> l) override {
+      l->onUnzipFailed("fake");
+    }
+  };
+
+  void record(const std::string& appId, const ZMValue& options) {
+    std::lock_guard lock(mutex_);
+    appId_ = appId;
+    runs_.push_back(options);
+  }
+  void report(std::function<void()> callbacks) {
+    join();
+    thread_ = std::thread([this, callbacks] {
+      if (gate.valid()) gate.wait();
+      callbacks();
+    });
+  }
+
+  mutable std::mutex mutex_;
+  std::optional<std::string> appId_;
+  std::vector<ZMValue> runs_;
   std::thread thread_;
 };
 
 TEST_F(ZMGameRuntimeLaunch, EngineFailuresAreRelayedFromTheEnginesThread) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
-  auto fake = std::make_shared<FakeEngine>();
-  ZMGameHandle::setInstance(fake);
+  auto fake = FakeEngine::install();
   fake->runFailure = ZMError("engine exploded", 7);
   auto listener = run("g1", version("1.0"), 1);
   fake->join();
@@ -215,22 +270,102 @@ TEST_F(ZMGameRuntimeLaunch, EngineFailuresAreRelayedFromTheEnginesThread) {
   fake->exitFailure = ZMError("cannot leave", 3);
   EXPECT_EQ(exitGame("g1"), "onGameExitFailure:cannot leave|3");
 
-  // A handle that leaves the slot mid-launch: the host still hears the launch through.
+  // The handle is released mid-launch (the slot held its only reference): the engine still
+  // reports, and the host hears the launch through without a handle.
   fake->runFailure.reset();
-  fake->vanishBeforeView = true;
-  listener = run("g1", version("1.0"), 2);
+  std::promise<void> ready;
+  fake->gate = ready.get_future().share();
+  listener = std::make_shared<RunRecorder>();
+  t.runtime->runGame(viewController, "g1", version("1.0"), listener);
+  std::weak_ptr<ZMGameHandle> handle = ZMGameHandle::getInstance();
+  ZMGameHandle::setInstance(nullptr);
+  ASSERT_TRUE(handle.expired());
+  ready.set_value();
+  ASSERT_TRUE(RunUntil([&] { return listener->size() == 2; }));
   fake->join();
   EXPECT_EQ(listener->events(), (std::vector<std::string>{"onGameHandleCreate", "onRunSuccess"}));
+  EXPECT_EQ(listener->handle, nullptr);
   EXPECT_EQ(record("g1")->played, 1);
+  EXPECT_EQ(exitGame("g1"), "onGameExitFailure:no game running|-1");
 
   // With no engine at all the launch ends silently after the bridge found no handle.
   auto none = std::make_shared<RunRecorder>();
   t.runtime->runGame(viewController, "g1", version("1.0"), none);
   DrainMainQueue();
   EXPECT_EQ(none->size(), 0u);
-  auto exit = std::make_shared<ExitRecorder>();
-  t.runtime->exitGame("g1", exit);
-  EXPECT_EQ(exit->events(), std::vector<std::string>{"onGameExitFailure:no game running|-1"});
+}
+
+TEST_F(ZMGameRuntimeLaunch, GameEventsFrameALaunchAndTheEngineGetsEveryRunOption) {
+  ASSERT_TRUE(t.installGame("g1", "1.0"));
+  auto receiver = std::make_shared<EventRecorder>();
+  ZMGameRuntime2::setExtraListenersForTesting({receiver});
+  t.switchUser("u1");
+  auto fake = FakeEngine::install();
+  // The receiver notes its events among the host's callbacks.
+  auto launch = [&](const ZMValue& options) {
+    auto host = std::make_shared<RunRecorder>();
+    receiver->log = host;
+    t.runtime->runGame(viewController, "g1", options, host);
+    return host;
+  };
+
+  // A receiver's error at event 1 fails the launch, as does a receiver that drops the version;
+  // the engine is not asked.
+  receiver->errors[ZMGameEventCreate] = ZMError("plugin missing", 0);
+  EXPECT_EQ(launch(version("1.0"))->events(),
+            (std::vector<std::string>{"event:1", "onRunFailure:plugin missing|0"}));
+  receiver->errors.clear();
+  receiver->editRunOptions = [](ZMValue& options) { options.erase("rt_run_opt_version"); };
+  EXPECT_EQ(launch(version("1.0"))->events(),
+            (std::vector<std::string>{"event:1",
+                                      "onRunFailure:missing option: ZM_KEY_RUN_OPT_VERSION|0"}));
+  EXPECT_TRUE(fake->runs().empty());
+
+  // A launch: event 2 follows the host's success and names the handle's game.
+  receiver->editRunOptions = [](ZMValue& options) {
+    options["_rt_file_plugin_package_path"] = "/plugins";
+  };
+  ZMValue options = version("1.0");
+  options["rt_run_opt_app_launch_options"] = {{"scene", 1001}};
+  options["rt_run_debug_show_debug_view"] = true;
+  options["rt_run_debug_skipped_frame_warning_limit"] = 30;
+  options["rt_run_debug_show_game_loading_time_log"] = 1;
+  auto host = launch(options);
+  ASSERT_TRUE(RunUntil([&] { return host->size() == 4; }));
+  fake->join();
+  EXPECT_EQ(host->events(), (std::vector<std::string>{"event:1", "onGameHandleCreate",
+                                                      "onRunSuccess", "event:2"}));
+  EXPECT_EQ(receiver->received(ZMGameEventRunSuccess), (ZMValue{{"rt_game_package_app_id", "g1"}}));
+
+  // The engine got the host's options, the runtime's keys with the layout's paths, the debug
+  // flag as a boolean, what event 1 added, and the start time in seconds since 1970.
+  ASSERT_EQ(fake->runs().size(), 1u);
+  ZMValue seen = fake->runs()[0];
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  EXPECT_NEAR(seen["_rt_game_loading_start_time"].get<double>(),
+              std::chrono::duration<double>(now).count(), 60);
+  seen.erase("_rt_game_loading_start_time");
+  const std::string user = t.user() + "/u1_g1";
+  ZMValue expected = options;
+  expected["rt_run_debug_show_game_loading_time_log"] = true;
+  expected["_rt_file_user_data_path"] = user + "/data";
+  expected["_rt_file_app_package_path"] = t.app() + "/g1/1.0";
+  expected["_rt_file_user_temp_path"] = t.cache() + "/u1_g1/tmp";
+  expected["_rt_file_app_detail_path"] = t.app() + "/g1/detail.json";
+  expected["_rt_local_storage_path"] = user + "/local_storage.db";
+  expected["rt_runtime_local_storage_path"] = user + "/rt_local_storage.db";
+  expected["rt_user_id"] = "u1";
+  expected["_rt_file_plugin_package_path"] = "/plugins";
+  auto unordered = [](const ZMValue& value) { return nlohmann::json::parse(value.dump()); };
+  EXPECT_EQ(unordered(seen), unordered(expected));
+
+  // Ending the runtime sends event 5; a receiver's error there is only logged.
+  receiver->errors[ZMGameEventDestroy] = ZMError("plugins busy", 0);
+  LogCapture log;
+  t.runtime->done();
+  EXPECT_EQ(host->last(), "event:5");
+  EXPECT_TRUE(receiver->received(ZMGameEventDestroy).is_null());
+  EXPECT_TRUE(log.contains("destroy game error: " + ZMError("plugins busy", 0).description()));
 }
 
 // Launches g1 1.0 on a fake engine that reports nothing until `ready` is set.
@@ -238,8 +373,7 @@ std::shared_ptr<FakeEngine> GatedLaunch(TestRuntime& t, std::shared_ptr<void> vi
                                         std::promise<void>& ready,
                                         const std::shared_ptr<RunRecorder>& listener) {
   EXPECT_TRUE(t.installGame("g1", "1.0"));
-  auto fake = std::make_shared<FakeEngine>();
-  ZMGameHandle::setInstance(fake);
+  auto fake = FakeEngine::install();
   fake->gate = ready.get_future().share();
   t.runtime->runGame(std::move(viewController), "g1", {{ZM_KEY_RUN_OPT_VERSION, "1.0"}}, listener);
   return fake;
