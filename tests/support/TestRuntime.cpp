@@ -52,3 +52,14 @@ bool TestRuntime::installGame(const std::string& appId, const std::string& versi
   MakeGamePackage(package, config, {{"main.js", "console.log('" + appId + "');"}});
   return install(appId, version, package);
 }
+
+std::string TestRuntime::checkVersion(const std::string& appId,
+                                      const std::optional<std::string>& version) {
+  auto listener = std::make_shared<CheckRecorder>();
+  ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, appId}};
+  if (version) options[ZM_KEY_GAME_PACKAGE_VERSION] = *version;
+  runtime->checkGameVersion(options, listener);
+  EXPECT_TRUE(RunUntil([&] { return listener->size() >= 2; }));
+  EXPECT_EQ(listener->events().front(), "onCheckVersionStart");
+  return listener->last();
+}

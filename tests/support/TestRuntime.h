@@ -33,4 +33,9 @@ class TestRuntime {
   // Makes a package with a "game.config.json" under the root and installs it.
   bool installGame(const std::string& appId, const std::string& version,
                    const std::string& config = R"({"deviceOrientation":"portrait"})");
+  // What checkGameVersion (asked without a version when null) ends with, after its start.
+  std::string checkVersion(const std::string& appId, const std::optional<std::string>& version);
 };
+
+inline const std::string kVersionMismatch =
+    "onCheckVersionFailure:Error: version is not the same as local version|-1";
