@@ -12,22 +12,35 @@
 
 namespace {
 
+using Events = std::vector<std::string>;
+
 class ZMCheckFileAvailabilityTaskTest : public ::testing::Test {
  protected:
   TestRuntime t;
-  std::shared_ptr<SweepRecorder> sweep(const ZMValue& options) {
+  Events sweep(const ZMValue& extensions, const ZMValue& keepTime) {
     auto listener = std::make_shared<SweepRecorder>();
-    t.runtime->checkFileAvailability(options, listener);
+    t.runtime->checkFileAvailability({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, extensions},
+                                      {ZM_KEY_CHECK_FILE_KEEP_TIME, keepTime}},
+                                     listener);
     EXPECT_EQ(listener->events().front(), "onCheckStart") << "synchronous on the caller's thread";
     EXPECT_TRUE(RunUntil([&] {
       auto last = listener->last();
-      return last == "onCheckSuccess" || last.rfind("onCheckFailure", 0) == 0;
+      return last == "onCheckSuccess" || last.starts_with("onCheckFailure");
     }));
-    return listener;
+    // Deletions run in directory order; sorted here.
+    auto events = listener->events();
+    std::sort(events.begin() + 1, events.end() - 1);
+    return events;
   }
   std::string aged(const std::string& name, double seconds) {
     const std::string path = t.cache() + "/" + name;
     WriteFile(path, "x");
+    SetAgeSeconds(path, seconds);
+    return path;
+  }
+  std::string link(const std::string& target, const std::string& name, double seconds) {
+    const std::string path = t.cache() + "/" + name;
+    EXPECT_EQ(::symlink(target.c_str(), path.c_str()), 0) << path;
     SetAgeSeconds(path, seconds);
     return path;
   }
@@ -40,75 +53,36 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, DeletesListedExtensionsOnceTheirAgeReach
   for (const char* name : {"upper.ZGP", "notes.txt", "noextension", ".zgp"}) aged(name, 600);
   WriteFile(t.cache() + "/dir.zgp/inner.bin", "x");
   SetAgeSeconds(t.cache() + "/dir.zgp", 600);
-  WriteFile(t.cache() + "/keep/deep.zgp", "x");
-  SetAgeSeconds(t.cache() + "/keep/deep.zgp", 600);
-
-  auto listener = sweep({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp", "tmp"}},
-                         {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}});
-  auto events = listener->events();
-  std::sort(events.begin() + 1, events.end() - 1);
-  EXPECT_EQ(events, (std::vector<std::string>{"onCheckStart", "onCheckProgress:" + hidden,
-                                              "onCheckProgress:" + t.cache() + "/dir.zgp",
-                                              "onCheckProgress:" + old, "onCheckSuccess"}));
-  // Extensions compare case-sensitively, a name that is only an extension has none, and
-  // subdirectories are not searched.
-  EXPECT_EQ(ListDir(t.cache()), (std::vector<std::string>{".zgp", "keep", "noextension",
-                                                          "notes.txt", "upper.ZGP", "young.zgp"}));
-  EXPECT_TRUE(Exists(t.cache() + "/keep/deep.zgp"));
-
-  // A keep time given as text works like the number.
-  aged("ten.zgp", 10 * 60 + 1);
-  const std::string nine = aged("nine.zgp", 9 * 60);
-  listener = sweep({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
-                    {ZM_KEY_CHECK_FILE_KEEP_TIME, "10"}});
-  EXPECT_EQ(listener->events(), (std::vector<std::string>{
-                                    "onCheckStart", "onCheckProgress:" + t.cache() + "/ten.zgp",
-                                    "onCheckSuccess"}));
-  EXPECT_TRUE(Exists(nine));
-}
-
-TEST_F(ZMCheckFileAvailabilityTaskTest, SymbolicLinksAreAgedAndDeletedThemselvesNeverFollowed) {
-  // Targets outside the cache, old enough to go if a link were followed.
+  aged("keep/deep.zgp", 600);
+  // Links are aged and deleted themselves, never followed: an old directory outside stays, and
+  // a young link to it is kept.
   const std::string outside = t.root() + "/outside";
   WriteFile(outside + "/kept.bin", "keep");
-  SetAgeSeconds(outside + "/kept.bin", 7200);
   SetAgeSeconds(outside, 7200);
-  const std::string oldFile = t.root() + "/old-target.zgp";
-  WriteFile(oldFile, "keep");
-  SetAgeSeconds(oldFile, 7200);
+  const std::string toDir = link(outside, "to-dir.zgp", 600);
+  const std::string dangling = link(t.root() + "/nothing", "dangling.zgp", 600);
+  link(outside, "young-link.zgp", 10);
 
-  auto link = [&](const std::string& target, const std::string& name, double age) {
-    const std::string path = t.cache() + "/" + name;
-    EXPECT_EQ(::symlink(target.c_str(), path.c_str()), 0) << path;
-    SetAgeSeconds(path, age);
-    return path;
-  };
-  const std::string toDir = link(outside, "to-dir.zgp", 7200);
-  const std::string dangling = link(t.root() + "/nothing", "dangling.zgp", 7200);
-  const std::string young = link(oldFile, "young-link.zgp", 10);
-
-  auto listener = sweep({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
-                         {ZM_KEY_CHECK_FILE_KEEP_TIME, 60}});
-  auto events = listener->events();
-  std::sort(events.begin() + 1, events.end() - 1);
-  EXPECT_EQ(events, (std::vector<std::string>{"onCheckStart", "onCheckProgress:" + dangling,
-                                              "onCheckProgress:" + toDir, "onCheckSuccess"}));
-  EXPECT_FALSE(Exists(toDir));
-  EXPECT_FALSE(Exists(dangling)) << "a reported deletion has happened";
-  EXPECT_TRUE(Exists(young)) << "the link's own age counts, not its target's";
+  EXPECT_EQ(sweep({"zgp", "tmp"}, 1),
+            (Events{"onCheckStart", "onCheckProgress:" + hidden, "onCheckProgress:" + dangling,
+                    "onCheckProgress:" + t.cache() + "/dir.zgp", "onCheckProgress:" + old,
+                    "onCheckProgress:" + toDir, "onCheckSuccess"}));
+  // Extensions compare case-sensitively, a name that is only an extension has none, and
+  // subdirectories are not searched.
+  EXPECT_EQ(ListDir(t.cache()), (Events{".zgp", "keep", "noextension", "notes.txt", "upper.ZGP",
+                                        "young-link.zgp", "young.zgp"}));
+  EXPECT_TRUE(Exists(t.cache() + "/keep/deep.zgp"));
   EXPECT_EQ(ReadFile(outside + "/kept.bin"), "keep");
-  EXPECT_EQ(ReadFile(oldFile), "keep");
 }
 
 TEST_F(ZMCheckFileAvailabilityTaskTest, MissingOptionsFailInOrder) {
-  const char* extensions = ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY;
-  const char* keep = ZM_KEY_CHECK_FILE_KEEP_TIME;
-  for (const auto& [options, missing] : std::vector<std::pair<ZMValue, std::string>>{
-           {ZMValue::object(), "ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY"},
-           {{{extensions, ZMValue::array()}, {keep, 5}}, "ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY"},
-           {{{extensions, {"zgp"}}, {keep, 0}}, "ZM_KEY_CHECK_FILE_KEEP_TIME"},
-       }) {
-    EXPECT_EQ(sweep(options)->last(), "onCheckFailure:missing options: " + missing + "|0");
+  for (const auto& [extensions, keep, missing] :
+       std::vector<std::tuple<ZMValue, ZMValue, std::string>>{
+           {nullptr, nullptr, "EXTENSION_NAME_ARRAY"},
+           {ZMValue::array(), 5, "EXTENSION_NAME_ARRAY"},
+           {{"zgp"}, 0, "KEEP_TIME"}}) {
+    EXPECT_EQ(sweep(extensions, keep).back(),
+              "onCheckFailure:missing options: ZM_KEY_CHECK_FILE_" + missing + "|0");
   }
 }
 
@@ -127,21 +101,23 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, CancelKeepsDeletionsAndProgressButDropsT
   }
   held->wait();
   auto first = std::make_shared<SweepRecorder>();
-  t.runtime->checkFileAvailability({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
-                                    {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}},
-                                   first);
+  // A keep time given as text works like the number.
+  t.runtime->checkFileAvailability(
+      {{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}}, {ZM_KEY_CHECK_FILE_KEEP_TIME, "1"}},
+      first);
   t.runtime->cancelGamePackageRequest();
   release.set_value();
   ASSERT_TRUE(RunUntil([&] { return first->size() == 2; }));
   DrainMainQueue();
-  EXPECT_EQ(first->events(), (std::vector<std::string>{"onCheckStart", "onCheckProgress:" + old}));
+  EXPECT_EQ(first->events(), (Events{"onCheckStart", "onCheckProgress:" + old}));
   EXPECT_FALSE(Exists(old));
 }
 
 TEST(ZMCheckFileAvailabilityTaskNoRuntime, FailsWithTheRuntimesReason) {
   auto listener = std::make_shared<SweepRecorder>();
   auto task = std::make_shared<ZMCheckFileAvailabilityTask>(listener);
-  task->execute({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}}, {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}});
+  task->execute(
+      {{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}}, {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}});
   ASSERT_TRUE(RunUntil([&] { return listener->size() == 2; }));
   EXPECT_EQ(listener->last(), "onCheckFailure:uninitialized ZimoGameRuntime|0");
 }

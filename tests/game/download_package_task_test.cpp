@@ -15,28 +15,11 @@
 
 namespace {
 
+using Events = std::vector<std::string>;
 constexpr const char* kV1 = "package-v1";
 constexpr const char* kV1Hash = "b7fea727ecee9a81752f74fb6d980021";
 constexpr const char* kV2 = "package-v2";
 constexpr const char* kV2Hash = "97317d434eb0a3749a284f3c36eabc95";
-
-// Keeps the whole error: its user info matters too.
-struct HostRecorder : DownloadRecorder {
-  std::optional<ZMError> error;
-  void onDownloadFailure(const ZMError& e) override {
-    error = e;
-    DownloadRecorder::onDownloadFailure(e);
-  }
-  bool ended() const {
-    return last().starts_with("onDownloadSuccess:") || last().starts_with("onDownloadFailure:");
-  }
-};
-
-ZMValue Options(std::optional<std::string> hash) {
-  ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, "app.1"}, {ZM_KEY_GAME_PACKAGE_VERSION, "1.0"}};
-  if (hash) options[ZM_KEY_GAME_PACKAGE_HASH] = *hash;
-  return options;
-}
 
 class ZMGameDownloadPackageTaskTest : public ::testing::Test {
  protected:
@@ -51,76 +34,70 @@ class ZMGameDownloadPackageTaskTest : public ::testing::Test {
     server.start();
   }
 
-  void run(const std::string& path, std::optional<std::string> hash) {
-    auto task = std::make_shared<ZMGameDownloadPackageTask>(recorder, savePath, server.url(path));
-    task->execute(Options(std::move(hash)));
-    EXPECT_TRUE(RunUntil([&] { return recorder->ended(); }));
-    DrainMainQueue();
+  // Starts a download of `route` heard by a fresh `recorder`.
+  std::shared_ptr<ZMGameDownloadPackageTask> start(const std::string& route,
+                                                   std::optional<std::string> hash) {
+    recorder = std::make_shared<DownloadRecorder>();
+    auto task = std::make_shared<ZMGameDownloadPackageTask>(recorder, savePath, server.url(route));
+    ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, "app.1"}, {ZM_KEY_GAME_PACKAGE_VERSION, "1.0"}};
+    if (hash) options[ZM_KEY_GAME_PACKAGE_HASH] = *hash;
+    task->execute(options);
+    return task;
   }
-  std::vector<std::string> succeeded() const {
-    return {"onDownloadProgress", "onDownloadSuccess:" + savePath};
+  // A download to its end: what its listener heard; the requests it made go in `requests`.
+  Events run(const std::string& route, std::optional<std::string> hash) {
+    const auto before = server.requestCount();
+    auto task = start(route, std::move(hash));
+    EXPECT_TRUE(RunUntil([&] {
+      return recorder->last().starts_with("onDownloadSuccess:") ||
+             recorder->last().starts_with("onDownloadFailure:");
+    }));
+    DrainMainQueue();
+    requests = server.requestCount() - before;
+    return recorder->runs();
   }
 
   ScopedSystemDirectories dirs;
   std::string savePath = dirs.root() / "app.1.1.0.zgp";
-  std::shared_ptr<HostRecorder> recorder = std::make_shared<HostRecorder>();
+  const Events succeeded = {"onDownloadProgress", "onDownloadSuccess:" + savePath};
+  std::shared_ptr<DownloadRecorder> recorder;
+  std::size_t requests = 0;
   std::atomic<int> served{0};
   TestHttpServer server;
 };
 
 }  // namespace
 
-TEST_F(ZMGameDownloadPackageTaskTest, MissingOrEmptyHashSkipsTheCheck) {
-  for (std::optional<std::string> hash : {std::optional<std::string>(), std::optional<std::string>("")}) {
-    recorder = std::make_shared<HostRecorder>();
+TEST_F(ZMGameDownloadPackageTaskTest, TheHashIsComparedExactlyAndAMismatchIsFetchedOnceMore) {
+  for (const auto& hash : std::vector<std::optional<std::string>>{std::nullopt, ""}) {
     WriteFile(savePath, "stale");  // removed when the task is made, so the download can land
-    run("/v1", hash);
-    EXPECT_EQ(recorder->runs(), succeeded());
+    EXPECT_EQ(run("/v1", hash), succeeded);
     EXPECT_EQ(ReadFile(savePath), kV1);
   }
-  EXPECT_EQ(server.requestCount(), 2u);  // one download each
-}
-
-TEST_F(ZMGameDownloadPackageTaskTest, DigestIsComparedExactly) {
-  // The same digest in upper case is a mismatch: two downloads, then the hash failure.
-  run("/v1", "B7FEA727ECEE9A81752F74FB6D980021");
-  EXPECT_EQ(recorder->runs(), (std::vector<std::string>{
-                                 "onDownloadProgress",
-                                 "onDownloadFailure:package hash check failure|0"}));
-  EXPECT_FALSE(recorder->error->userInfo);
-  EXPECT_EQ(server.requestCount(), 2u);
-  EXPECT_FALSE(Exists(savePath));
-}
-
-TEST_F(ZMGameDownloadPackageTaskTest, MismatchThenMatchSucceedsWithoutTellingTheHost) {
-  run("/pkg", kV2Hash);  // v1 first (mismatch), then v2
-  EXPECT_EQ(recorder->runs(), succeeded());
+  // v1 first (a mismatch), then v2: the host hears one success and no retry.
+  EXPECT_EQ(run("/pkg", kV2Hash), succeeded);
   EXPECT_EQ(ReadFile(savePath), kV2);
-  EXPECT_EQ(server.requestCount(), 2u);
-}
+  EXPECT_EQ(requests, 2u);
 
-TEST_F(ZMGameDownloadPackageTaskTest, TransferFailureIsForwardedOnce) {
-  run("/missing", kV1Hash);
-  EXPECT_EQ(recorder->size(), 1u) << "the failure alone";
-  EXPECT_EQ(*recorder->error, ZMError(kZMNetServicesErrorDomain, 404, ZMValue::object()));
-  EXPECT_EQ(server.requestCount(), 1u);  // a transfer failure is not repeated
+  // The same digest in upper case is a mismatch: two downloads, then the hash failure.
+  EXPECT_EQ(run("/v1", "B7FEA727ECEE9A81752F74FB6D980021"),
+            (Events{"onDownloadProgress", "onDownloadFailure:package hash check failure|0"}));
+  EXPECT_EQ(requests, 2u);
+  EXPECT_FALSE(Exists(savePath));
+
+  // A transfer failure is forwarded alone and not repeated.
+  EXPECT_EQ(run("/missing", kV1Hash), Events{"onDownloadFailure:NSNetServicesErrorDomain|404"});
+  EXPECT_EQ(requests, 1u);
 }
 
 TEST_F(ZMGameDownloadPackageTaskTest, CancelIsSilent) {
-  auto task = std::make_shared<ZMGameDownloadPackageTask>(recorder, savePath, server.url("/stall"));
-  task->execute(Options(kV1Hash));
+  auto task = start("/stall", kV1Hash);
   ASSERT_TRUE(RunUntil([&] { return recorder->size() > 0; }));  // progress: under way
   task->cancel();
-  EXPECT_EQ(task->downloader(), nullptr);
-  DrainMainQueue();
-  const auto cancelled = std::exchange(recorder, std::make_shared<HostRecorder>());
-  EXPECT_EQ(cancelled->runs(), std::vector<std::string>{"onDownloadProgress"});
-  EXPECT_FALSE(Exists(savePath));
-
+  const auto cancelled = recorder;
   // The network thread ends the cancelled transfer before it begins a later one, and the main
   // queue runs in order: once a later download has ended, so has the cancelled one, unheard.
-  run("/v1", kV1Hash);
-  EXPECT_EQ(recorder->runs(), succeeded());
-  EXPECT_EQ(cancelled->runs(), std::vector<std::string>{"onDownloadProgress"});
-  EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
+  EXPECT_EQ(run("/v1", kV1Hash), succeeded);
+  EXPECT_EQ(cancelled->runs(), Events{"onDownloadProgress"});
+  EXPECT_EQ(ListDir(dirs.temporary()), Events{});
 }
