@@ -2,25 +2,11 @@
 // second download that silently replaces the first, and a cancel after which nothing arrives.
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "support/TestHttpServer.h"
 #include "support/TestRuntime.h"
 #include "support/TestSupport.h"
 
-namespace {
-
-ZMValue Options(const std::string& appId, const std::string& url) {
-  return {{ZM_KEY_GAME_PACKAGE_APP_ID, appId},
-          {ZM_KEY_GAME_PACKAGE_VERSION, "1.0"},
-          {ZM_KEY_GAME_PACKAGE_URL, url}};
-}
-
 using Events = std::vector<std::string>;
-
-}  // namespace
 
 TEST(ZMGameRuntimeDownload, OnlyTheLatestDownloadIsHeardAndCancelIsSilent) {
   TestRuntime t;
@@ -35,7 +21,10 @@ TEST(ZMGameRuntimeDownload, OnlyTheLatestDownloadIsHeardAndCancelIsSilent) {
   // Starts a download of `appId` from `route`; the start is heard before the call returns.
   const auto download = [&](const std::string& appId, const std::string& route) {
     auto listener = std::make_shared<DownloadRecorder>();
-    t.runtime->downloadGamePackage(Options(appId, server.url(route)), listener);
+    t.runtime->downloadGamePackage(ZMValue{{ZM_KEY_GAME_PACKAGE_APP_ID, appId},
+                                           {ZM_KEY_GAME_PACKAGE_VERSION, "1.0"},
+                                           {ZM_KEY_GAME_PACKAGE_URL, server.url(route)}},
+                                   listener);
     EXPECT_EQ(listener->events(), Events{"onDownloadStart"}) << appId;
     return listener;
   };
