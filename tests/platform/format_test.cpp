@@ -8,7 +8,7 @@
 #include "support/TestSupport.h"
 #include "tavo/ZMLog.h"
 
-TEST(ZMFormat, ObjectPlaceholderPrintsNullAsNullText) {
+TEST(ZMFormat, ObjectsNullsRealsPercentAndWhereLogLinesGo) {
   const char* noText = nullptr;
   EXPECT_EQ(ZMFormat("%@ is a file", {"/data/x"}), "/data/x is a file");
   EXPECT_EQ(ZMFormat("[%@] [%@] [%@] [%@]",
@@ -19,25 +19,20 @@ TEST(ZMFormat, ObjectPlaceholderPrintsNullAsNullText) {
   const ZMError error("game not installed", -1);
   EXPECT_EQ(ZMFormat("error: %@", {error}), "error: " + error.description());
   EXPECT_EQ(ZMFormat("%@", {ZMException(kZMInvalidArgumentException, "bad")}), "bad");
-  EXPECT_EQ(ZMFormat("%@", {ZMException("ZimoRuntime error", std::nullopt)}),
-            "ZimoRuntime error");
-}
+  EXPECT_EQ(ZMFormat("%@", {ZMException("ZimoRuntime error", std::nullopt)}), "ZimoRuntime error");
 
-TEST(ZMFormat, RealsAndPercent) {
   EXPECT_EQ(ZMFormat("%f|%f", {-0.1, 3}), "-0.100000|3.000000");  // an integer prints as a real
-  EXPECT_EQ(ZMFormat("%f", {1e200}), std::to_string(1e200));  // in full, never cut
+  EXPECT_EQ(ZMFormat("%f", {1e200}), std::to_string(1e200));      // in full, never cut
   EXPECT_EQ(ZMFormat("%.1f%% of %@", {42.26, "game"}), "42.3% of game");
   EXPECT_EQ(ZMFormat("%%@ %@", {"x"}), "%@ x");  // an escaped percent consumes no argument
   EXPECT_EQ(ZMFormat("trailing %"), "trailing %");
-}
 
-TEST(ZMFormat, LogSinkReceivesEachLine) {
+  // Log lines go to the sink in place, else to stderr.
   {
     LogCapture log;
     ZMLogFormat("delete file fail: %@", {nullptr});
     EXPECT_EQ(log.lines(), std::vector<std::string>{"delete file fail: (null)"});
   }
-  // Without a sink, lines go to stderr.
   testing::internal::CaptureStderr();
   ZMLogFormat("post url request error: %@", {"timeout"});
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "libtavo: post url request error: timeout\n");
