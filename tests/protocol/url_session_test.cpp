@@ -27,11 +27,14 @@ struct Recorder : ZMURLSessionDelegate, EventLog {
   std::vector<std::array<int64_t, 3>> progress;  // written, total, expected
   std::optional<ZMError> error;
   std::string location, contentAtFinish;
+  std::shared_ptr<ZMURLSessionTask> task;
+  bool cancelMidway = false;
 
-  void didWriteData(ZMURLSession&, ZMURLSessionTask&, int64_t written, int64_t total,
+  void didWriteData(ZMURLSession&, ZMURLSessionTask& current, int64_t written, int64_t total,
                     int64_t expected) override {
     progress.push_back({written, total, expected});
     note("progress");
+    if (std::exchange(cancelMidway, false)) current.cancel();
   }
   void didFinishDownloadingToLocation(ZMURLSession&, ZMURLSessionTask&,
                                       const std::string& path) override {
@@ -46,28 +49,27 @@ struct Recorder : ZMURLSessionDelegate, EventLog {
   }
 };
 
-// Runs one download on a fresh session and waits for its completion; every callback comes on
-// the main thread.
+// Runs one download on a fresh session (cancelling it at its first progress report if asked) and
+// waits for its completion; every callback comes on the main thread.
 std::shared_ptr<Recorder> Download(const std::string& url, double timeout = 60,
-                                   std::shared_ptr<ZMURLSessionTask>* keep = nullptr) {
+                                   bool cancelMidway = false) {
   auto recorder = std::make_shared<Recorder>();
+  recorder->cancelMidway = cancelMidway;
   auto configuration = ZMURLSessionConfiguration::defaultSessionConfiguration();
   configuration.timeoutIntervalForRequest = timeout;
   auto session = ZMURLSession::sessionWithConfiguration(configuration, recorder);
-  auto task = session->downloadTask(ZMURLRequest(url));
-  task->resume();
+  recorder->task = session->downloadTask(ZMURLRequest(url));
+  recorder->task->resume();
   EXPECT_TRUE(RunUntil([&] { return recorder->last().starts_with("complete"); })) << url;
   EXPECT_EQ(recorder->distinctThreads(), std::set{std::this_thread::get_id()}) << url;
-  if (keep) *keep = task;
   return recorder;
 }
 
-// A fresh self-signed certificate for 127.0.0.1 and its key, as PEM files: no trust store accepts it.
+// A fresh self-signed certificate for 127.0.0.1 and its key, as PEM files: no trust store accepts
+// it.
 void WriteSelfSignedCertificate(const std::string& certificatePath, const std::string& keyPath) {
   EVP_PKEY* key = EVP_EC_gen("P-256");
   X509* certificate = X509_new();
-  if (!key || !certificate) std::abort();
-  ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
   X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
   X509_gmtime_adj(X509_getm_notAfter(certificate), 24 * 3600);
   X509_set_pubkey(certificate, key);
@@ -75,15 +77,14 @@ void WriteSelfSignedCertificate(const std::string& certificatePath, const std::s
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                              reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
   X509_set_issuer_name(certificate, name);
-  if (X509_sign(certificate, key, EVP_sha256()) == 0) std::abort();
   FILE* out = std::fopen(certificatePath.c_str(), "w");
-  if (!out || PEM_write_X509(out, certificate) != 1) std::abort();
-  std::fclose(out);
-  out = std::fopen(keyPath.c_str(), "w");
-  if (!out || PEM_write_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
+  FILE* keyOut = std::fopen(keyPath.c_str(), "w");
+  if (!X509_sign(certificate, key, EVP_sha256()) || !PEM_write_X509(out, certificate) ||
+      !PEM_write_PrivateKey(keyOut, key, nullptr, nullptr, 0, nullptr, nullptr)) {
     std::abort();
   }
   std::fclose(out);
+  std::fclose(keyOut);
   X509_free(certificate);
   EVP_PKEY_free(key);
 }
@@ -110,21 +111,33 @@ TEST_F(ZMURLSessionTest, DownloadFollowsRedirectsWithCookiesThroughATemporaryFil
   });
   server.start();
 
-  std::shared_ptr<ZMURLSessionTask> task;
-  auto recorder = Download(server.url("/moved"), 60, &task);
+  auto recorder = Download(server.url("/moved"));
   EXPECT_EQ(recorder->runs(), (std::vector<std::string>{"progress", "finish", "complete"}));
   int64_t sum = 0;
   for (const auto& [written, total, expected] : recorder->progress) {
-    sum += written;
-    EXPECT_EQ(total, sum);
+    EXPECT_EQ(total, sum += written);
     EXPECT_EQ(expected, static_cast<int64_t>(body.size()));
   }
   EXPECT_EQ(sum, static_cast<int64_t>(body.size()));
   EXPECT_TRUE(recorder->contentAtFinish == body);  // the redirect's own body is not kept
   EXPECT_EQ(recorder->location.rfind(dirs.temporary() + "/", 0), 0u) << recorder->location;
   EXPECT_FALSE(Exists(recorder->location));  // removed once the callback returned
-  EXPECT_EQ(task->response()->statusCode, 200);
-  EXPECT_EQ(task->response()->url, server.url("/file"));
+  EXPECT_EQ(recorder->task->response()->statusCode, 200);
+  EXPECT_EQ(recorder->task->response()->url, server.url("/file"));
+
+  // A temporary file that cannot be written ends the task without finishing: the process may not
+  // write files beyond 64 KiB while the download runs.
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit limited{64 << 10, saved.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+  recorder = Download(server.url("/moved"));
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  std::signal(SIGXFSZ, previous);
+  EXPECT_EQ(recorder->last(), "complete:" + std::to_string(kZMURLErrorCannotWriteToFile));
+  EXPECT_EQ(std::ranges::count(recorder->events(), "finish"), 0);
+  EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
 }
 
 TEST_F(ZMURLSessionTest, UnsupportedSchemesAndUntrustedServersFail) {
@@ -135,12 +148,12 @@ TEST_F(ZMURLSessionTest, UnsupportedSchemesAndUntrustedServersFail) {
   untrusted.Get("/", [](const auto&, auto& res) { res.set_content("secret", "text/plain"); });
   untrusted.start();
 
-  const std::vector<std::pair<std::string, int64_t>> cases = {
-      {"ftp://127.0.0.1/file", kZMURLErrorUnsupportedURL},
-      {"https://127.0.0.1:" + std::to_string(plain.port()) + "/", kZMURLErrorSecureConnectionFailed},
-      {untrusted.url("/"), kZMURLErrorServerCertificateUntrusted},
-  };
-  for (const auto& [url, code] : cases) {
+  for (const auto& [url, code] : std::vector<std::pair<std::string, int64_t>>{
+           {"ftp://127.0.0.1/file", kZMURLErrorUnsupportedURL},
+           {"https://127.0.0.1:" + std::to_string(plain.port()) + "/",
+            kZMURLErrorSecureConnectionFailed},
+           {untrusted.url("/"), kZMURLErrorServerCertificateUntrusted},
+       }) {
     auto recorder = Download(url);
     EXPECT_EQ(recorder->events(), std::vector<std::string>{"complete:" + std::to_string(code)});
     EXPECT_EQ(recorder->error->domain, kZMURLErrorDomain) << url;
@@ -149,7 +162,8 @@ TEST_F(ZMURLSessionTest, UnsupportedSchemesAndUntrustedServersFail) {
   EXPECT_EQ(plain.requestCount() + untrusted.requestCount(), 0u);
 }
 
-TEST_F(ZMURLSessionTest, StalledTransferEndsOnIdleTimeoutOrCancel) {
+TEST_F(ZMURLSessionTest, StalledTransferEndsOnIdleTimeoutCancelOrExit) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   TestHttpServer server;
   server.Get("/slow", [&](const auto&, auto& res) {
     res.set_content_provider(5000, "text/plain", [&](size_t offset, size_t, auto& sink) {
@@ -160,60 +174,9 @@ TEST_F(ZMURLSessionTest, StalledTransferEndsOnIdleTimeoutOrCancel) {
   server.Get("/stall", PartialBody(server, 100000, 1000, true));
   server.start();
 
-  auto slow = Download(server.url("/slow"), 1);
-  EXPECT_EQ(slow->last(), "complete");
-  EXPECT_EQ(slow->contentAtFinish, std::string(5000, 'x'));
-
-  const auto begun = std::chrono::steady_clock::now();
-  auto stalled = Download(server.url("/stall"), 1);
-  EXPECT_EQ(stalled->runs(), (std::vector<std::string>{"progress", "complete:-1001"}));
-  EXPECT_GE(std::chrono::steady_clock::now() - begun, 900ms);
-  EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
-
-  // Cancelled under way: -999 "cancelled", and no file.
-  auto cancelled = std::make_shared<Recorder>();
-  auto session = ZMURLSession::sessionWithConfiguration({}, cancelled);
-  auto task = session->downloadTask(ZMURLRequest(server.url("/stall")));
-  task->resume();
-  ASSERT_TRUE(RunUntil([&] { return cancelled->size() > 0; }));  // progress
-  task->cancel();
-  ASSERT_TRUE(RunUntil([&] { return cancelled->last().starts_with("complete"); }));
-  EXPECT_EQ(cancelled->runs(), (std::vector<std::string>{"progress", "complete:-999"}));
-  EXPECT_EQ(cancelled->error->domain, kZMURLErrorDomain);
-  EXPECT_EQ(cancelled->error->localizedDescription(), "cancelled");
-  EXPECT_EQ(task->error(), cancelled->error);
-  EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
-}
-
-TEST_F(ZMURLSessionTest, FileWriteFailureIsReported) {
-  TestHttpServer server;
-  const std::string body = PatternBody(4 << 20);
-  server.Get("/file", [&](const auto&, auto& res) { res.set_content(body, "text/plain"); });
-  server.start();
-
-  // The process may not write files beyond 64 KiB while the download runs.
-  rlimit saved{};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
-  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit limited = saved;
-  limited.rlim_cur = 64 << 10;
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
-  auto recorder = Download(server.url("/file"));
-  ::setrlimit(RLIMIT_FSIZE, &saved);
-  std::signal(SIGXFSZ, previous);
-  EXPECT_EQ(recorder->last(), "complete:" + std::to_string(kZMURLErrorCannotWriteToFile));
-  const auto events = recorder->events();
-  EXPECT_EQ(std::count(events.begin(), events.end(), "finish"), 0);
-  EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
-}
-
-TEST_F(ZMURLSessionTest, ProcessExitsCleanlyWithTransferInFlight) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  TestHttpServer server;
-  server.Get("/stall", PartialBody(server, 1 << 20, 64 << 10, true));
-  server.start();
   // The child exits while a session (deliberately kept alive) has a transfer under way: the
-  // network thread must be stopped and joined, with nothing leaked and no race reported.
+  // network thread must be stopped and joined, with nothing leaked and no race reported. (The
+  // child runs the test up to here, so this comes first.)
   EXPECT_EXIT(
       {
         static std::shared_ptr<ZMURLSession> kept;
@@ -225,4 +188,20 @@ TEST_F(ZMURLSessionTest, ProcessExitsCleanlyWithTransferInFlight) {
         std::exit(0);
       },
       ::testing::ExitedWithCode(0), "");
+
+  auto slow = Download(server.url("/slow"), 1);
+  EXPECT_EQ(slow->last(), "complete");
+  EXPECT_EQ(slow->contentAtFinish, std::string(5000, 'x'));
+
+  const auto begun = std::chrono::steady_clock::now();
+  auto stalled = Download(server.url("/stall"), 1);
+  EXPECT_EQ(stalled->runs(), (std::vector<std::string>{"progress", "complete:-1001"}));
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, 900ms);
+
+  // Cancelled under way: -999 "cancelled", the task's error too.
+  auto cancelled = Download(server.url("/stall"), 60, /*cancelMidway=*/true);
+  EXPECT_EQ(cancelled->runs(), (std::vector<std::string>{"progress", "complete:-999"}));
+  EXPECT_EQ(cancelled->error->domain, kZMURLErrorDomain);
+  EXPECT_EQ(cancelled->error->localizedDescription(), "cancelled");
+  EXPECT_EQ(cancelled->task->error(), cancelled->error);
 }
