@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -138,6 +139,60 @@ TEST_F(ZMURLSessionTest, DownloadFollowsRedirectsWithCookiesThroughATemporaryFil
   EXPECT_EQ(recorder->last(), "complete:" + std::to_string(kZMURLErrorCannotWriteToFile));
   EXPECT_EQ(std::ranges::count(recorder->events(), "finish"), 0);
   EXPECT_EQ(ListDir(dirs.temporary()), std::vector<std::string>{});
+}
+
+TEST_F(ZMURLSessionTest, DataTaskPostsItsBodyAsIsAndCompletesOnTheMainThread) {
+  std::mutex mutex;
+  httplib::Request seen;
+  TestHttpServer server;
+  server.Post("/query", [&](const auto& req, auto& res) {
+    std::lock_guard lock(mutex);
+    seen = req;
+    res.status = 500;  // a status is no transport error
+    res.set_content("{\"code\":200}", "application/json");
+  });
+  server.start();
+
+  struct Result {
+    std::optional<std::string> data;
+    std::optional<ZMHTTPURLResponse> response;
+    std::optional<ZMError> error;
+    std::thread::id thread;
+  };
+  auto fetch = [](ZMURLRequest request) {
+    std::optional<Result> result;
+    ZMURLSession::sharedSession()
+        ->dataTask(std::move(request),
+                   [&](const auto& data, const auto& response, const auto& error) {
+                     result = Result{data, response, error, std::this_thread::get_id()};
+                   })
+        ->resume();
+    EXPECT_TRUE(RunUntil([&] { return result.has_value(); }));
+    EXPECT_EQ(result->thread, std::this_thread::get_id());
+    return *result;
+  };
+
+  // Form text goes out byte for byte: nothing is percent-encoded or reflowed.
+  const std::string body = "client_id=a b&device_id=x&y=\"q\"\n[\n  {\n    \"k\" : 1\n  }\n]";
+  ZMURLRequest request(server.url("/query"));
+  request.httpMethod = "POST";
+  request.httpBody = body;
+  request.setValue("tavo", "X-Client");
+  const Result reply = fetch(request);
+  EXPECT_FALSE(reply.error);
+  EXPECT_EQ(reply.data, "{\"code\":200}");
+  EXPECT_EQ(reply.response->statusCode, 500);
+  {
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(seen.body, body);
+    EXPECT_EQ(seen.get_header_value("X-Client"), "tavo");
+    EXPECT_FALSE(seen.has_header("Expect")) << "no 100-continue round trip";
+  }
+
+  // Nothing listens on the discard port: a transport error and no data.
+  const Result refused = fetch(ZMURLRequest("http://127.0.0.1:9/query"));
+  EXPECT_EQ(refused.error->code, kZMURLErrorCannotConnectToHost);
+  EXPECT_FALSE(refused.data);
 }
 
 TEST_F(ZMURLSessionTest, UnsupportedSchemesAndUntrustedServersFail) {

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <map>
+#include <tuple>
 
 #include "storage/ZMDatabaseHelper.h"
 #include "support/TestRuntime.h"

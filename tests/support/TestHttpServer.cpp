@@ -10,11 +10,19 @@ TestHttpServer::TestHttpServer(const std::string& certificatePath, const std::st
 
 TestHttpServer::~TestHttpServer() { stop(); }
 
-void TestHttpServer::Get(const std::string& pattern, Handler handler) {
-  server_->Get(pattern, [this, handler = std::move(handler)](const auto& req, auto& res) {
+TestHttpServer::Handler TestHttpServer::counted(Handler handler) {
+  return [this, handler = std::move(handler)](const auto& req, auto& res) {
     ++requests_;
     handler(req, res);
-  });
+  };
+}
+
+void TestHttpServer::Get(const std::string& pattern, Handler handler) {
+  server_->Get(pattern, counted(std::move(handler)));
+}
+
+void TestHttpServer::Post(const std::string& pattern, Handler handler) {
+  server_->Post(pattern, counted(std::move(handler)));
 }
 
 void TestHttpServer::start() {
@@ -58,16 +66,16 @@ std::string PatternBody(std::size_t size) {
   return body;
 }
 
-TestHttpServer::Handler PartialBody(TestHttpServer& server, std::size_t declared,
-                                    std::size_t sent, bool stall) {
+TestHttpServer::Handler PartialBody(TestHttpServer& server, std::size_t declared, std::size_t sent,
+                                    bool stall) {
   return [&server, declared, sent, stall](const httplib::Request&, httplib::Response& res) {
-    res.set_content_provider(
-        declared, "application/octet-stream",
-        [&server, sent, stall, body = PatternBody(sent)](size_t offset, size_t,
-                                                          httplib::DataSink& sink) {
-          if (offset < sent) return sink.write(body.data() + offset, sent - offset);
-          if (stall) server.pause(std::chrono::seconds(10));
-          return false;
-        });
+    res.set_content_provider(declared, "application/octet-stream",
+                             [&server, sent, stall, body = PatternBody(sent)](
+                                 size_t offset, size_t, httplib::DataSink& sink) {
+                               if (offset < sent)
+                                 return sink.write(body.data() + offset, sent - offset);
+                               if (stall) server.pause(std::chrono::seconds(10));
+                               return false;
+                             });
   };
 }

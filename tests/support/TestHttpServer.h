@@ -28,6 +28,7 @@ class TestHttpServer {
   TestHttpServer& operator=(const TestHttpServer&) = delete;
 
   void Get(const std::string& pattern, Handler handler);
+  void Post(const std::string& pattern, Handler handler);
   void start();
   void stop();
 
@@ -39,6 +40,8 @@ class TestHttpServer {
   bool pause(std::chrono::milliseconds timeout);
 
  private:
+  Handler counted(Handler handler);
+
   std::unique_ptr<httplib::Server> server_;
   std::string scheme_;
   std::thread thread_;
@@ -55,5 +58,5 @@ std::string PatternBody(std::size_t size);
 
 // A route whose response declares `declared` bytes of PatternBody and sends the first `sent`;
 // then it stalls until the server stops (10 s at most) or, with `stall` false, hangs up.
-TestHttpServer::Handler PartialBody(TestHttpServer& server, std::size_t declared,
-                                    std::size_t sent, bool stall);
+TestHttpServer::Handler PartialBody(TestHttpServer& server, std::size_t declared, std::size_t sent,
+                                    bool stall);
