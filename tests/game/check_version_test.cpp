@@ -20,11 +20,13 @@ TEST(ZMGameCheckVersionTask, EveryMismatchIsOneErrorAndASecondCheckCancelsTheFir
   EXPECT_EQ(t.checkVersion("g1", std::nullopt), kVersionMismatch);
   EXPECT_EQ(t.checkVersion("g1", "1.0"), "onCheckVersionSuccess");
 
-  // A second check cancels the first, which is then never heard of.
+  // A second check cancels the first, which is then never heard of, even while something
+  // still holds it.
   const ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, "g1"},
                            {ZM_KEY_GAME_PACKAGE_VERSION, "1.0"}};
   auto listener = std::make_shared<CheckRecorder>();
   t.runtime->checkGameVersion(options, listener);
+  const auto first = t.runtime->gameCheckTask();
   t.runtime->checkGameVersion(options, listener);
   ASSERT_TRUE(RunUntil([&] { return listener->size() >= 3; }));
   DrainMainQueue();

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <chrono>
 #include <filesystem>
@@ -32,6 +33,9 @@ class FakeEngine {
   void join() {
     if (thread_.joinable()) thread_.join();
   }
+  // Reports that have ended: a test waits for them with RunUntil, since a report may need the
+  // main queue (the record store runs there).
+  int reported() const { return reported_.load(); }
   std::vector<ZMValue> runs() const {  // the run options of every launch, in order
     std::lock_guard lock(mutex_);
     return runs_;
@@ -76,10 +80,12 @@ class FakeEngine {
     thread_ = std::thread([this, callbacks] {
       if (gate.valid()) gate.wait();
       callbacks();
+      ++reported_;
     });
   }
 
   mutable std::mutex mutex_;
+  std::atomic<int> reported_{0};
   std::optional<std::string> appId_;
   std::vector<ZMValue> runs_;
   std::thread thread_;
@@ -262,9 +268,9 @@ TEST_F(ZMGameRuntimeLaunch, EngineReportsAreRelayedWhateverHappensMeanwhile) {
   listener = std::make_shared<RunRecorder>();
   auto ready = gatedLaunch(*fake, listener);
   listener.reset();
+  const int reported = fake->reported();
   ready.set_value();
-  fake->join();
-  DrainMainQueue();
+  ASSERT_TRUE(RunUntil([&] { return fake->reported() > reported; }));
   EXPECT_FALSE(record("g1")->played);
 
   // The handle is released mid-launch (the slot held its only reference): the engine still
