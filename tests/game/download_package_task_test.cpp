@@ -101,3 +101,19 @@ TEST_F(ZMGameDownloadPackageTaskTest, CancelIsSilent) {
   EXPECT_EQ(cancelled->runs(), Events{"onDownloadProgress"});
   EXPECT_EQ(ListDir(dirs.temporary()), Events{});
 }
+
+TEST_F(ZMGameDownloadPackageTaskTest, WithoutAListenerAnAbsentHashIsStillCompared) {
+  // Nobody listens, so the missing hash is compared, never matches, and the package is fetched a
+  // second time and then deleted, all unheard.
+  auto task = std::make_shared<ZMGameDownloadPackageTask>(
+      std::weak_ptr<ZMPackageDownloadListener>(), savePath, server.url("/v1"));
+  task->execute({{ZM_KEY_GAME_PACKAGE_APP_ID, "app.1"}, {ZM_KEY_GAME_PACKAGE_VERSION, "1.0"}});
+  // A transfer's temporary file exists before its request is sent, and until it is moved to the
+  // save path; so this holds only once the second download has landed and been deleted.
+  ASSERT_TRUE(RunUntil([&] {
+    return server.requestCount() == 2 && ListDir(dirs.temporary()).empty() && !Exists(savePath);
+  }));
+  DrainMainQueue();
+  EXPECT_EQ(server.requestCount(), 2u) << "no third attempt";
+  EXPECT_FALSE(Exists(savePath));
+}
