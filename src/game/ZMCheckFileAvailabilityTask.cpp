@@ -7,13 +7,10 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "platform/ZMGlobalQueue.h"
 #include "platform/ZMPath.h"
-#include "runtime/ZMGameRuntime.h"
-#include "tavo/ZMMainQueue.h"
+#include "tavo/ZMFileUtils.h"
 #include "tavo/ZMOptionKeys.h"
 #include "util/ZMCoreFileUtil.h"
-#include "tavo/ZMFileUtils.h"
 
 namespace {
 
@@ -38,8 +35,8 @@ std::vector<std::string> textList(const ZMValue& value) {
 }  // namespace
 
 ZMCheckFileAvailabilityTask::ZMCheckFileAvailabilityTask(
-    std::weak_ptr<ZMCheckFileAvailabilityListener> listener)
-    : listener_(std::move(listener)) {}
+    std::weak_ptr<ZMCheckFileAvailabilityListener> listener, std::string cachePath)
+    : ZMTask(std::move(listener)), cachePath_(std::move(cachePath)) {}
 
 void ZMCheckFileAvailabilityTask::execute(const ZMValue& options) {
   if (auto listener = listener_.lock()) listener->onCheckStart();
@@ -50,21 +47,13 @@ void ZMCheckFileAvailabilityTask::execute(const ZMValue& options) {
   }
   const std::vector<std::string> extensions = textList(extensionsValue);
   const int64_t keepTime = integerValue(keepTimeValue);
-  std::string cachePath;
-  try {
-    cachePath = ZMGameRuntime::getInstance()->getAppPackageCache();
-  } catch (const ZMException& exception) {
-    _complete(ZMError(exception.reason().value_or(exception.name()), 0));
-    return;
-  }
-  ZMGlobalQueue::post([self = shared_from_this(), extensions, keepTime, cachePath] {
-    self->_checkCacheTempFileTask(extensions, keepTime, cachePath);
+  postWork([self = shared_from_this(), extensions, keepTime] {
+    self->_checkCacheTempFileTask(extensions, keepTime);
   });
 }
 
-void ZMCheckFileAvailabilityTask::_checkCacheTempFileTask(const std::vector<std::string>& extensions,
-                                                          int64_t keepTime,
-                                                          const std::string& cachePath) {
+void ZMCheckFileAvailabilityTask::_checkCacheTempFileTask(
+    const std::vector<std::string>& extensions, int64_t keepTime) {
   if (extensions.empty()) {
     _complete(ZMError("missing options: ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY", 0));
     return;
@@ -73,6 +62,7 @@ void ZMCheckFileAvailabilityTask::_checkCacheTempFileTask(const std::vector<std:
     _complete(ZMError("missing options: ZM_KEY_CHECK_FILE_KEEP_TIME", 0));
     return;
   }
+  const std::string& cachePath = cachePath_;
   const auto names = ZMCoreFileUtil::getCacheTempFileList(cachePath);
   if (!names || names->empty()) {
     _complete(std::nullopt);
@@ -84,6 +74,7 @@ void ZMCheckFileAvailabilityTask::_checkCacheTempFileTask(const std::vector<std:
   const int directory = ::open(cachePath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const int at = directory >= 0 ? directory : AT_FDCWD;
   for (const auto& name : *names) {
+    if (isCancel()) break;
     if (!_compareExtensionName(extensions, name)) continue;
     std::string path = ZMPathJoin(cachePath, name);
     const char* target = directory >= 0 ? name.c_str() : path.c_str();
@@ -98,8 +89,8 @@ void ZMCheckFileAvailabilityTask::_checkCacheTempFileTask(const std::vector<std:
       ZMFileUtils::deleteFile(path);
     }
     if (!listener_.expired()) {
-      ZMMainQueue::post([self = shared_from_this(), path = std::move(path)] {
-        if (auto listener = self->listener_.lock()) listener->onCheckProgress(path);
+      postReply([path = std::move(path)](ZMCheckFileAvailabilityListener& listener) {
+        listener.onCheckProgress(path);
       });
     }
   }
@@ -124,14 +115,11 @@ bool ZMCheckFileAvailabilityTask::_compareKeepTime(double modified, int64_t keep
 }
 
 void ZMCheckFileAvailabilityTask::_complete(std::optional<ZMError> error) {
-  if (isCancel_ || listener_.expired()) return;
-  ZMMainQueue::post([self = shared_from_this(), error = std::move(error)] {
-    auto listener = self->listener_.lock();
-    if (!listener) return;
+  postFinalReply([error = std::move(error)](ZMCheckFileAvailabilityListener& listener) {
     if (error) {
-      listener->onCheckFailure(*error);
+      listener.onCheckFailure(*error);
     } else {
-      listener->onCheckSuccess();
+      listener.onCheckSuccess();
     }
   });
 }

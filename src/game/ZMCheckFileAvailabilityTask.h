@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -10,19 +9,21 @@
 
 #include "tavo/ZMGameListeners.h"
 #include "tavo/ZMValue.h"
+#include "util/ZMTask.h"
 
 // ZMCheckFileAvailabilityTask sweeps the package cache: every direct entry whose extension is
 // listed (exact, case-sensitive) and whose age has reached the keep time (minutes) is deleted.
-// onCheckStart is called on the caller's thread; the sweep runs on the global queue, holding
-// the task; each deletion and the final result are separate main-queue blocks, so every
-// progress callback precedes the result. `cancel` suppresses only the final result.
+// onCheckStart is called on the caller's thread; the sweep runs on the global queue; each
+// deletion and the final result are separate main-queue replies, so every progress callback
+// precedes the result. Cancelling stops the sweep before its next entry and silences the rest.
 class ZMCheckFileAvailabilityTask
-    : public std::enable_shared_from_this<ZMCheckFileAvailabilityTask> {
+    : public ZMTask<ZMCheckFileAvailabilityTask, ZMCheckFileAvailabilityListener> {
  public:
-  explicit ZMCheckFileAvailabilityTask(std::weak_ptr<ZMCheckFileAvailabilityListener> listener);
+  // `cachePath` is the package cache, the only directory the sweep looks at.
+  ZMCheckFileAvailabilityTask(std::weak_ptr<ZMCheckFileAvailabilityListener> listener,
+                              std::string cachePath);
 
   void execute(const ZMValue& options);
-  void cancel() { isCancel_ = true; }
 
   // True when the entry name's extension (after its last dot, not a leading one) is listed.
   static bool _compareExtensionName(const std::vector<std::string>& extensions,
@@ -32,10 +33,8 @@ class ZMCheckFileAvailabilityTask
   static bool _compareKeepTime(double modified, int64_t keepTime);
 
  private:
-  void _checkCacheTempFileTask(const std::vector<std::string>& extensions, int64_t keepTime,
-                               const std::string& cachePath);
+  void _checkCacheTempFileTask(const std::vector<std::string>& extensions, int64_t keepTime);
   void _complete(std::optional<ZMError> error);
 
-  std::weak_ptr<ZMCheckFileAvailabilityListener> listener_;
-  std::atomic<bool> isCancel_{false};
+  const std::string cachePath_;
 };

@@ -1,9 +1,7 @@
 #include "game/ZMGameCheckVersionTask.h"
 
-#include "platform/ZMGlobalQueue.h"
-#include "tavo/ZMMainQueue.h"
-#include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMFileUtils.h"
+#include "tavo/ZMOptionKeys.h"
 
 namespace {
 // A missing or non-text value never equals anything.
@@ -18,16 +16,12 @@ bool sameText(const ZMValue& a, const ZMValue& b, const char* key) {
 
 ZMGameCheckVersionTask::ZMGameCheckVersionTask(
     std::weak_ptr<ZMPackageCheckVersionListener> listener, std::string detailFilePath)
-    : listener_(std::move(listener)), detailFilePath_(std::move(detailFilePath)) {}
+    : ZMTask(std::move(listener)), detailFilePath_(std::move(detailFilePath)) {}
 
 void ZMGameCheckVersionTask::execute(const ZMValue& options) {
-  ZMGlobalQueue::post([weak = weak_from_this(), options] {
-    auto self = weak.lock();
-    if (!self) return;
-    const bool matched = self->_checkVersion(options);
-    ZMMainQueue::post([weak, matched] {
-      if (auto task = weak.lock()) task->_complte(matched);
-    });
+  postWork([weak = weak_from_this(), options] {
+    if (auto self = weak.lock(); self && !self->isCancel())
+      self->_complte(self->_checkVersion(options));
   });
 }
 
@@ -41,14 +35,13 @@ bool ZMGameCheckVersionTask::_checkVersion(const ZMValue& options) const {
 }
 
 void ZMGameCheckVersionTask::_complte(bool matched) {
-  if (isCancel_) return;
-  auto listener = listener_.lock();
-  if (!listener) return;
-  if (matched) {
-    listener->onCheckVersionSuccess();
-  } else {
-    // One error for every kind of mismatch: the host cannot tell them apart.
-    listener->onCheckVersionFailure(
-        ZMError("Error: version is not the same as local version", -1, ZMValue::object()));
-  }
+  postFinalReply([matched](ZMPackageCheckVersionListener& listener) {
+    if (matched) {
+      listener.onCheckVersionSuccess();
+    } else {
+      // One error for every kind of mismatch: the host cannot tell them apart.
+      listener.onCheckVersionFailure(
+          ZMError("Error: version is not the same as local version", -1, ZMValue::object()));
+    }
+  });
 }

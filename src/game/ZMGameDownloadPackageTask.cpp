@@ -3,8 +3,8 @@
 #include <optional>
 
 #include "platform/ZMValueAccess.h"
-#include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMFileUtils.h"
+#include "tavo/ZMOptionKeys.h"
 
 ZMGameDownloadPackageTask::ZMGameDownloadPackageTask(
     std::weak_ptr<ZMPackageDownloadListener> listener, std::string savePath, std::string url)
@@ -29,8 +29,8 @@ void ZMGameDownloadPackageTask::cancel() {
 void ZMGameDownloadPackageTask::_downloadFile() {
   const std::string appId = ZMTextOption(info_, ZM_KEY_GAME_PACKAGE_APP_ID).value_or("");
   // Replacing the downloader releases the previous one, whose transfer has ended.
-  downloader_ = std::make_shared<ZMSingleThreadFileDownloader>(savePath_, url_, appId,
-                                                               weak_from_this());
+  downloader_ =
+      std::make_shared<ZMSingleThreadFileDownloader>(savePath_, url_, appId, weak_from_this());
   downloader_->start();
 }
 

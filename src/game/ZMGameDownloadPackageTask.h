@@ -22,8 +22,8 @@ class ZMGameDownloadPackageTask : public ZMOnFileDownloadListener,
                                   public std::enable_shared_from_this<ZMGameDownloadPackageTask> {
  public:
   // Removes any file already at `savePath`: the downloader never overwrites.
-  ZMGameDownloadPackageTask(std::weak_ptr<ZMPackageDownloadListener> listener,
-                            std::string savePath, std::string url);
+  ZMGameDownloadPackageTask(std::weak_ptr<ZMPackageDownloadListener> listener, std::string savePath,
+                            std::string url);
 
   // Stores the request's options and starts the first download, tagged with the app id.
   void execute(const ZMValue& options);

@@ -6,15 +6,15 @@
 #include "platform/ZMPath.h"
 #include "platform/ZMValueAccess.h"
 #include "storage/ZMDatabaseHelper.h"
-#include "tavo/ZMGameHandle.h"
-#include "tavo/ZMMainQueue.h"
-#include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMFileUtils.h"
+#include "tavo/ZMGameHandle.h"
+#include "tavo/ZMOptionKeys.h"
 
-ZMGameInstallPackageTask::ZMGameInstallPackageTask(
-    std::weak_ptr<ZMPackageInstallListener> listener, std::string userId, int64_t reqId,
-    std::string appDir, std::string installDir, std::string detailFile)
-    : listener_(std::move(listener)),
+ZMGameInstallPackageTask::ZMGameInstallPackageTask(std::weak_ptr<ZMPackageInstallListener> listener,
+                                                   std::string userId, int64_t reqId,
+                                                   std::string appDir, std::string installDir,
+                                                   std::string detailFile)
+    : ZMTask(std::move(listener)),
       userId_(std::move(userId)),
       reqId_(reqId),
       appDir_(std::move(appDir)),
@@ -91,19 +91,19 @@ void ZMGameInstallPackageTask::onUnzipSucceed() {
 }
 
 void ZMGameInstallPackageTask::_complete(std::optional<ZMError> error) {
-  ZMMainQueue::post([weak = weak_from_this(), error = std::move(error)] {
-    auto self = weak.lock();
-    if (!self || self->isCancel_) return;
-    auto listener = self->listener_.lock();
+  // A step, not a reply: the package is deleted and the game recorded even when nobody listens.
+  postStep([error = std::move(error)](ZMGameInstallPackageTask& self) {
+    self.finished();
+    auto listener = self.listener_.lock();
     if (error) {
       if (listener) listener->onInstallFailure(*error);
       return;
     }
-    ZMFileUtils::deleteFile(self->packagePath_);
+    ZMFileUtils::deleteFile(self.packagePath_);
     ZMRow row;
-    row.user_id = self->userId_;
-    row.app_id = ZMTextOption(self->info_, ZM_KEY_GAME_PACKAGE_APP_ID);
-    row.extend = ZMTextOption(self->info_, ZM_KEY_GAME_PACKAGE_EXTEND_DATA);
+    row.user_id = self.userId_;
+    row.app_id = ZMTextOption(self.info_, ZM_KEY_GAME_PACKAGE_APP_ID);
+    row.extend = ZMTextOption(self.info_, ZM_KEY_GAME_PACKAGE_EXTEND_DATA);
     ZMDatabaseHelper::getInstance().updateOrInsertAppRow(row);
     if (listener) listener->onInstallSuccess();
   });

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -9,6 +8,7 @@
 #include "tavo/ZMCoreListeners.h"
 #include "tavo/ZMGameListeners.h"
 #include "tavo/ZMValue.h"
+#include "util/ZMTask.h"
 
 // ZMGameInstallPackageTask turns a downloaded package (a zip) into an installed game: a whole
 // game clears the app directory first, the engine unzips into the version directory, the app's
@@ -16,17 +16,16 @@
 // package file is deleted, the user's record upserted and the host told. A subpackage install
 // clears nothing and appends its root to "detail.json"'s "subpackages".
 //
-// The engine holds the task until its unzip ends, so the unzip and "detail.json" always finish;
-// `cancel` skips only the final main-queue step. That step holds the task weakly.
+// The engine holds the task until its unzip ends, so the unzip and "detail.json" always finish
+// (an unzip cannot be stopped half way); cancelling skips the final main-queue step.
 class ZMGameInstallPackageTask : public ZMUnzipGamePackageListener,
-                                 public std::enable_shared_from_this<ZMGameInstallPackageTask> {
+                                 public ZMTask<ZMGameInstallPackageTask, ZMPackageInstallListener> {
  public:
   ZMGameInstallPackageTask(std::weak_ptr<ZMPackageInstallListener> listener, std::string userId,
                            int64_t reqId, std::string appDir, std::string installDir,
                            std::string detailFile);
 
   void execute(const ZMValue& options);
-  void cancel() { isCancel_ = true; }
 
   void onUnzipSucceed() override;
   void onUnzipProgress(float progress) override;
@@ -37,7 +36,6 @@ class ZMGameInstallPackageTask : public ZMUnzipGamePackageListener,
   void _installGame(const ZMValue& options);
   void _complete(std::optional<ZMError> error);
 
-  std::weak_ptr<ZMPackageInstallListener> listener_;
   const std::string userId_;
   const int64_t reqId_;
   const std::string appDir_;
@@ -47,5 +45,4 @@ class ZMGameInstallPackageTask : public ZMUnzipGamePackageListener,
   std::string packagePath_;
   ZMValue info_;
   std::optional<std::string> subpackageRoot_;
-  std::atomic<bool> isCancel_{false};
 };

@@ -1,16 +1,14 @@
 #include "game/ZMGameUninstallPackageTask.h"
 
 #include "platform/ZMFormat.h"
-#include "platform/ZMGlobalQueue.h"
 #include "storage/ZMDatabaseHelper.h"
-#include "tavo/ZMMainQueue.h"
 #include "tavo/ZMFileUtils.h"
 
 ZMGameUninstallPackageTask::ZMGameUninstallPackageTask(std::weak_ptr<ZMGameRemoveListener> listener)
-    : listener_(std::move(listener)) {}
+    : ZMTask(std::move(listener)) {}
 
 void ZMGameUninstallPackageTask::execute(const GameUninstallPackageTaskInfo& info) {
-  ZMGlobalQueue::post([self = shared_from_this(), info] { self->_uninstallGame(info); });
+  postWork([self = shared_from_this(), info] { self->_uninstallGame(info); });
 }
 
 void ZMGameUninstallPackageTask::_uninstallGame(const GameUninstallPackageTaskInfo& info) {
@@ -20,15 +18,13 @@ void ZMGameUninstallPackageTask::_uninstallGame(const GameUninstallPackageTaskIn
     return !ZMFileUtils::isExist(path) || ZMFileUtils::deleteFile(path);
   };
 
-  for (std::size_t i = 0; i < info.list.size(); ++i) {
+  for (std::size_t i = 0; i < info.list.size() && !isCancel(); ++i) {
     const std::string& appId = info.list[i];
     auto row = store.getAppRowByUserId(info.userId, appId);
     if (!row) continue;  // never installed by this user
     GameUninstallPackageTaskProgress progress;
-    ZMMainQueue::sync([&] {
-      progress.appId = row->app_id;
-      progress.extend = row->extend;
-    });
+    progress.appId = row->app_id;
+    progress.extend = row->extend;
     progress.isStart = true;
     _onProgressUpdate(progress);
 
@@ -50,25 +46,22 @@ void ZMGameUninstallPackageTask::_uninstallGame(const GameUninstallPackageTaskIn
     _onProgressUpdate(progress);
   }
 
-  ZMMainQueue::post([self = shared_from_this(), removed = std::move(removed)] {
-    if (auto listener = self->listener_.lock()) listener->onRemoveSuccess(removed);
+  postFinalReply([removed = std::move(removed)](ZMGameRemoveListener& listener) {
+    listener.onRemoveSuccess(removed);
   });
 }
 
-void ZMGameUninstallPackageTask::_onProgressUpdate(const GameUninstallPackageTaskProgress& progress) {
-  ZMMainQueue::post([self = shared_from_this(), progress] {
-    if (self->isCancel_) return;
-    auto listener = self->listener_.lock();
-    if (!listener) return;
+void ZMGameUninstallPackageTask::_onProgressUpdate(
+    const GameUninstallPackageTaskProgress& progress) {
+  postReply([progress](ZMGameRemoveListener& listener) {
     if (progress.isFail) {
-      listener->onRemoveFailure(
-          ZMError(ZMFormat("remove game file fail appId: %@ and extra: %@",
-                           {progress.appId, progress.extend}),
-                  0));
+      listener.onRemoveFailure(ZMError(ZMFormat("remove game file fail appId: %@ and extra: %@",
+                                                {progress.appId, progress.extend}),
+                                       0));
     } else if (progress.isStart) {
-      listener->onRemoveStart(progress.appId, progress.extend);
+      listener.onRemoveStart(progress.appId, progress.extend);
     } else {
-      listener->onRemoveFinish(progress.appId, progress.extend);
+      listener.onRemoveFinish(progress.appId, progress.extend);
     }
   });
 }

@@ -1,12 +1,12 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tavo/ZMGameListeners.h"
+#include "util/ZMTask.h"
 
 // What one uninstall run removes: app ids in the host's order for one user, with three arrays
 // parallel to `list` (built by the runtime from its storage layout).
@@ -29,21 +29,17 @@ struct GameUninstallPackageTaskProgress {
 
 // ZMGameUninstallPackageTask removes a list of games for one user on the global queue: record
 // first, then the user's cache and data directories, then the app directory when no other user
-// has the app. Each notification is its own main-queue block, in order; onRemoveSuccess always
-// comes last (without a list after a failure). The queued work keeps the task alive, so the
-// runtime need not keep it; `cancel` silences only the per-app notifications.
-class ZMGameUninstallPackageTask
-    : public std::enable_shared_from_this<ZMGameUninstallPackageTask> {
+// has the app. Each notification is its own main-queue reply, in order; onRemoveSuccess always
+// comes last (without a list after a failure). The runtime does not keep the task; its task
+// group does, until the last reply. Cancelling stops the run before the next app and silences
+// every reply, the last one included.
+class ZMGameUninstallPackageTask : public ZMTask<ZMGameUninstallPackageTask, ZMGameRemoveListener> {
  public:
   explicit ZMGameUninstallPackageTask(std::weak_ptr<ZMGameRemoveListener> listener);
 
   void execute(const GameUninstallPackageTaskInfo& info);
-  void cancel() { isCancel_ = true; }
 
  private:
   void _uninstallGame(const GameUninstallPackageTaskInfo& info);
   void _onProgressUpdate(const GameUninstallPackageTaskProgress& progress);
-
-  std::weak_ptr<ZMGameRemoveListener> listener_;
-  std::atomic<bool> isCancel_{false};
 };

@@ -10,10 +10,11 @@
 #include "runtime/ZMGameRuntime2.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "storage/ZMPermissionUtil.h"
+#include "tavo/ZMFileUtils.h"
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMSystemDirectories.h"
-#include "tavo/ZMFileUtils.h"
+#include "util/ZMTaskGroup.h"
 
 namespace {
 
@@ -21,13 +22,10 @@ namespace {
 std::mutex gSlotMutex;
 std::shared_ptr<ZMGameRuntime> gInstance;
 
-// A runtime that was never created has no roots, and every path built on one stays empty, so
-// nothing is made relative to the working directory.
-std::string underRoot(std::string_view base, std::string_view component) {
-  return base.empty() ? std::string() : ZMPathJoin(base, component);
-}
-
 }  // namespace
+
+ZMGameRuntime::ZMGameRuntime()
+    : layout_(std::make_shared<const ZMStorageLayout>()), tasks_(std::make_shared<ZMTaskGroup>()) {}
 
 std::shared_ptr<ZMGameRuntime> ZMGameRuntime::init() {
   std::shared_ptr<ZMGameRuntime> runtime(new ZMGameRuntime());
@@ -60,28 +58,15 @@ void ZMGameRuntime::create(const std::string& userId, const ZMValue& options,
   }
 
   ZMValue effective = options.is_object() ? options : ZMValue::object();
-  const std::string base = ZMSystemDirectories::cachesDirectory();
-  const std::string temporary = ZMSystemDirectories::temporaryDirectory();
-
-  storagePathApp_.clear();
-  storagePathUser_.clear();
-  storagePathCache_.clear();
-  storagePathCore_.clear();
-  storagePathApp_ = ZMTextOption(effective, ZM_KEY_STORAGE_PATH_APP).value_or("");
-  if (storagePathApp_.empty()) storagePathApp_ = ZMPathJoin(base, "app");
-  storagePathUser_ = ZMTextOption(effective, ZM_KEY_STORAGE_PATH_USER).value_or("");
-  if (storagePathUser_.empty()) storagePathUser_ = ZMPathJoin(base, "user");
-  storagePathCache_ = ZMTextOption(effective, ZM_KEY_STORAGE_PATH_CACHE).value_or("");
-  if (storagePathCache_.empty()) storagePathCache_ = temporary;
-  storagePathCore_ = ZMTextOption(effective, ZM_KEY_STORAGE_PATH_CORE).value_or("");
-  if (storagePathCore_.empty()) storagePathCore_ = ZMPathJoin(base, "core");
+  auto layout =
+      std::make_shared<const ZMStorageLayout>(ZMStorageLayout::fromOptions(userId_, effective));
+  layout_ = layout;
 
   // Results ignored: a root that cannot be created shows up in the operations that use it; a
   // root that is a file throws out of here.
-  ZMFileUtils::ensureDirExists(storagePathApp_);
-  ZMFileUtils::ensureDirExists(storagePathCore_);
-  ZMFileUtils::ensureDirExists(storagePathCache_);
-  ZMFileUtils::ensureDirExists(storagePathUser_);
+  for (const std::string* root : {&layout->app, &layout->core, &layout->cache, &layout->user}) {
+    ZMFileUtils::ensureDirExists(*root);
+  }
 
   gameRuntime2_ = ZMGameRuntime2::initWithUserId(userId_, effective, listener);
 
@@ -100,62 +85,60 @@ void ZMGameRuntime::validateQuietly(const std::string& path) const {
   }
 }
 
-std::string ZMGameRuntime::userAppName(const std::string& appId) const {
-  return ZMFormat("%@_%@", {userId_, appId});
-}
-
 std::string ZMGameRuntime::getAppPackageCache() {
-  validateQuietly(storagePathCache_);
-  return storagePathCache_;
+  validateQuietly(layout_->cache);
+  return layout_->cache;
 }
 
 std::string ZMGameRuntime::getAppDirPath(const std::string& appId) {
-  return underRoot(storagePathApp_, appId);
+  return layout_->appDir(appId);
 }
 
 std::string ZMGameRuntime::getAppDir(const std::string& appId) {
-  std::string path = getAppDirPath(appId);
+  std::string path = layout_->appDir(appId);
   validateQuietly(path);
   return path;
 }
 
 std::string ZMGameRuntime::getAppDetailFile(const std::string& appId) {
-  return underRoot(getAppDir(appId), "detail.json");
+  validateQuietly(layout_->appDir(appId));
+  return layout_->appDetailFile(appId);
 }
 
 std::string ZMGameRuntime::getAppPackageDownloadPath(const std::string& appId,
                                                      const std::string& version) {
-  return underRoot(getAppPackageCache(), ZMFormat("%@.%@.zgp", {appId, version}));
+  validateQuietly(layout_->cache);
+  return layout_->packageDownloadPath(appId, version);
 }
 
 std::string ZMGameRuntime::getAppPackageDir(const std::string& appId, const std::string& version) {
-  std::string path = underRoot(getAppDirPath(appId), version);
+  std::string path = layout_->appPackageDir(appId, version);
   validateQuietly(path);
   return path;
 }
 
 std::string ZMGameRuntime::getUserDirPath(const std::string& appId) {
-  return underRoot(storagePathUser_, userAppName(appId));
+  return layout_->userDir(appId);
 }
 
 std::string ZMGameRuntime::getUserCachePath(const std::string& appId) {
-  return underRoot(storagePathCache_, userAppName(appId));
+  return layout_->userCacheDir(appId);
 }
 
 std::string ZMGameRuntime::getUserTempDirPath(const std::string& appId) {
-  return underRoot(getUserCachePath(appId), "tmp");
+  return layout_->userTempDir(appId);
 }
 
 std::string ZMGameRuntime::getUserDataDirPath(const std::string& appId) {
-  return underRoot(getUserDirPath(appId), "data");
+  return layout_->userDataDir(appId);
 }
 
 std::string ZMGameRuntime::getUserLocalStoragePath(const std::string& appId) {
-  return underRoot(getUserDirPath(appId), "local_storage.db");
+  return layout_->userLocalStorage(appId);
 }
 
 std::string ZMGameRuntime::getRuntimeLocalStoragePath(const std::string& appId) {
-  return underRoot(getUserDirPath(appId), "rt_local_storage.db");
+  return layout_->runtimeLocalStorage(appId);
 }
 
 void ZMGameRuntime::setGameQueryExitListener(std::weak_ptr<ZMGameQueryExitListener> listener) {
@@ -210,6 +193,8 @@ void ZMGameRuntime::done() {
   auto handle = gameHandle();
   if (gameRuntime2_) gameRuntime2_->destroyGame(handle);
   if (handle) endHandle(*handle);
+  // Last, after the engine has ended its unzips: waits for the tasks' work still running.
+  tasks_->end();
   std::lock_guard lock(gSlotMutex);
   if (gInstance.get() == this) gInstance.reset();
 }

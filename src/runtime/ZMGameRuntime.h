@@ -10,8 +10,10 @@
 #include "tavo/ZMCoreListeners.h"
 #include "tavo/ZMGameHandle.h"
 #include "tavo/ZMZimoGame.h"
+#include "util/ZMStorageLayout.h"
 
 class ZMGameRuntime2;
+class ZMTaskGroup;
 class ZMPermissionUtil;
 class ZMGameCheckVersionTask;
 class ZMGameDownloadPackageTask;
@@ -19,9 +21,11 @@ class ZMGameInstallPackageTask;
 class ZMCheckFileAvailabilityTask;
 
 // ZMGameRuntime is the runtime singleton behind ZMZimoGameRuntime. It owns the storage layout
-// (four roots and every path derived from them), the per-user permission store, the bridge to
-// the engine and one package task of each kind (check, download, install, sweep); a new request
-// of a kind cancels the previous task. Listeners are held weakly.
+// (fixed at creation), the per-user permission store, the bridge to the engine, one package task
+// of each kind (check, download, install, sweep; a new request of a kind cancels the previous
+// task) and the group of every task it started, uninstalls included. done() ends that group:
+// when it returns, no task of this runtime touches a root or calls a listener any more.
+// Listeners are held weakly.
 //
 // Host operations run on the caller's (main) thread. Engine callbacks (launch, exit, quit
 // request) arrive on the engine's thread and are relayed to the host on it; the launch state
@@ -43,22 +47,24 @@ class ZMGameRuntime : public ZMZimoGameRuntime,
   void create(const std::string& userId, const ZMValue& options,
               const std::shared_ptr<ZMRuntimeInitListener>& listener);
 
-  // Storage layout. Getters marked "creates" make sure their directory exists (a failure is
-  // logged and the path returned all the same).
-  std::string getAppPackageCache();                                  // C (creates)
-  std::string getAppDirPath(const std::string& appId);               // A/id
-  std::string getAppDir(const std::string& appId);                   // A/id (creates)
-  std::string getAppDetailFile(const std::string& appId);            // A/id/detail.json (creates A/id)
+  // Paths of the storage layout (see ZMStorageLayout for what each is). Getters marked
+  // "creates" make sure their directory exists (a failure is logged and the path returned all
+  // the same).
+  std::string getAppPackageCache();                        // C (creates)
+  std::string getAppDirPath(const std::string& appId);     // A/id
+  std::string getAppDir(const std::string& appId);         // A/id (creates)
+  std::string getAppDetailFile(const std::string& appId);  // A/id/detail.json (creates A/id)
   std::string getAppPackageDownloadPath(const std::string& appId,
                                         const std::string& version);  // C/id.ver.zgp (creates C)
   std::string getAppPackageDir(const std::string& appId,
-                               const std::string& version);  // A/id/ver (creates)
-  std::string getUserDirPath(const std::string& appId);       // U/user_id
-  std::string getUserCachePath(const std::string& appId);     // C/user_id
-  std::string getUserTempDirPath(const std::string& appId);   // C/user_id/tmp
-  std::string getUserDataDirPath(const std::string& appId);   // U/user_id/data
-  std::string getUserLocalStoragePath(const std::string& appId);    // U/user_id/local_storage.db
-  std::string getRuntimeLocalStoragePath(const std::string& appId); // U/user_id/rt_local_storage.db
+                               const std::string& version);       // A/id/ver (creates)
+  std::string getUserDirPath(const std::string& appId);           // U/user_id
+  std::string getUserCachePath(const std::string& appId);         // C/user_id
+  std::string getUserTempDirPath(const std::string& appId);       // C/user_id/tmp
+  std::string getUserDataDirPath(const std::string& appId);       // U/user_id/data
+  std::string getUserLocalStoragePath(const std::string& appId);  // U/user_id/local_storage.db
+  std::string getRuntimeLocalStoragePath(
+      const std::string& appId);  // U/user_id/rt_local_storage.db
 
   // ZMZimoGameRuntime.
   void runGame(std::shared_ptr<void> viewController, const std::string& appId,
@@ -104,10 +110,8 @@ class ZMGameRuntime : public ZMZimoGameRuntime,
 
   // State, for the bridge, the tasks and tests.
   const std::string& userId() const { return userId_; }
-  const std::string& storagePathApp() const { return storagePathApp_; }
-  const std::string& storagePathUser() const { return storagePathUser_; }
-  const std::string& storagePathCache() const { return storagePathCache_; }
-  const std::string& storagePathCore() const { return storagePathCore_; }
+  // The layout of the last creation; empty roots before one succeeded.
+  const std::shared_ptr<const ZMStorageLayout>& layout() const { return layout_; }
   const std::shared_ptr<ZMGameRuntime2>& gameRuntime2() const { return gameRuntime2_; }
   const std::shared_ptr<ZMPermissionUtil>& permissionListener() const {
     return permissionListener_;
@@ -126,20 +130,24 @@ class ZMGameRuntime : public ZMZimoGameRuntime,
   const std::shared_ptr<ZMCheckFileAvailabilityTask>& checkFileAvailabilityTask() const {
     return checkFileAvailabilityTask_;
   }
+  const std::shared_ptr<ZMTaskGroup>& tasks() const { return tasks_; }
 
  private:
   // Ends the engine handle without deadlocking a main thread that its callbacks wait for.
   static void endHandle(ZMGameHandle& handle);
 
-  ZMGameRuntime() = default;
-  std::string userAppName(const std::string& appId) const;  // "%@_%@" of user id and app id
+  ZMGameRuntime();
+  // Keeps `task` in this runtime's group before it starts.
+  template <typename Task>
+  std::shared_ptr<Task> adopt(std::shared_ptr<Task> task);
   // Resolves a getter's directory, logging (not throwing) when it cannot be made usable.
   void validateQuietly(const std::string& path) const;
 
   std::shared_ptr<ZMGameRuntime2> gameRuntime2_;
   std::string userId_;
-  std::string storagePathApp_, storagePathUser_, storagePathCache_, storagePathCore_;
+  std::shared_ptr<const ZMStorageLayout> layout_;
   std::shared_ptr<ZMPermissionUtil> permissionListener_;
+  std::shared_ptr<ZMTaskGroup> tasks_;
 
   std::shared_ptr<ZMGameCheckVersionTask> gameCheckTask_;
   std::shared_ptr<ZMGameDownloadPackageTask> gameDownloadTask_;

@@ -10,11 +10,10 @@
 #include "runtime/ZMGameRuntime2.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "storage/ZMPermissionUtil.h"
-#include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMFileUtils.h"
+#include "tavo/ZMOptionKeys.h"
 
 namespace {
-
 
 ZMError launchError(const std::string& domain) { return ZMError(domain, -1, ZMValue::object()); }
 
@@ -87,8 +86,8 @@ void ZMGameRuntime::runGame(std::shared_ptr<void> viewController, const std::str
   runOptions[ZM_SYSTEM_KEY_FILE_USER_TEMP_PATH] = tempDir;
   runOptions[ZM_SYSTEM_KEY_FILE_APP_DETAIL_PATH] = detailFile;
   const bool showTimes =
-      options.is_object() && ZMTruthOf(options.value(ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG,
-                                                   ZMValue(false)));
+      options.is_object() &&
+      ZMTruthOf(options.value(ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG, ZMValue(false)));
   gameLoadingTimeLog_ = showTimes;
   runOptions[ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG] = showTimes;
 
@@ -103,8 +102,8 @@ void ZMGameRuntime::runGame(std::shared_ptr<void> viewController, const std::str
   runOptions[ZM_KEY_RUNTIME_LOCAL_STORAGE_PATH] = getRuntimeLocalStoragePath(appId);
   runOptions[ZM_KEY_USER_ID] = userId_;
 
-  auto handle = gameRuntime2_ ? gameRuntime2_->createGame(viewController, runOptions, listener)
-                              : nullptr;
+  auto handle =
+      gameRuntime2_ ? gameRuntime2_->createGame(viewController, runOptions, listener) : nullptr;
   if (!handle) return;  // the bridge has reported the failure, or the engine gave no handle
   handle->setOnGameQueryExitListener(weak_from_this());
   handle->setOnGamePermissionListener(permissionListener_);

@@ -13,12 +13,12 @@
 #include "runtime/ZMGameDetail.h"
 #include "runtime/ZMGameRuntime.h"
 #include "storage/ZMDatabaseHelper.h"
+#include "tavo/ZMFileUtils.h"
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
-#include "tavo/ZMFileUtils.h"
+#include "util/ZMTaskGroup.h"
 
 namespace {
-
 
 // An app id that could make a path leave the storage roots is refused with this error.
 std::optional<ZMError> appIdError(const std::optional<std::string>& appId) {
@@ -26,9 +26,7 @@ std::optional<ZMError> appIdError(const std::optional<std::string>& appId) {
   return ZMError(ZMFormat("invalid app id: %@", {appId}), -1, ZMValue::object());
 }
 
-bool isSafe(const std::optional<std::string>& name) {
-  return name && ZMIsSafePathComponent(*name);
-}
+bool isSafe(const std::optional<std::string>& name) { return name && ZMIsSafePathComponent(*name); }
 
 template <typename Task>
 void cancelAndClear(std::shared_ptr<Task>& task) {
@@ -40,6 +38,12 @@ void cancelAndClear(std::shared_ptr<Task>& task) {
 
 }  // namespace
 
+template <typename Task>
+std::shared_ptr<Task> ZMGameRuntime::adopt(std::shared_ptr<Task> task) {
+  tasks_->add(task);
+  return task;
+}
+
 void ZMGameRuntime::checkGameVersion(const ZMValue& options,
                                      std::weak_ptr<ZMPackageCheckVersionListener> listener) {
   cancelAndClear(gameCheckTask_);
@@ -48,7 +52,7 @@ void ZMGameRuntime::checkGameVersion(const ZMValue& options,
   const std::string detailPath =
       isSafe(appId) ? ZMPathJoin(getAppDirPath(*appId), "detail.json") : std::string();
   if (auto host = listener.lock()) host->onCheckVersionStart(options);
-  gameCheckTask_ = std::make_shared<ZMGameCheckVersionTask>(std::move(listener), detailPath);
+  gameCheckTask_ = adopt(std::make_shared<ZMGameCheckVersionTask>(std::move(listener), detailPath));
   gameCheckTask_->execute(options);
 }
 
@@ -62,8 +66,8 @@ void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
   // named "(null)" and the file stays in the cache.
   std::optional<ZMError> error;
   for (const auto& [name, text] : {std::pair{"app id", appId}, std::pair{"version", version}}) {
-    if (!error && text && (text->find('/') != std::string::npos ||
-                           text->find('\0') != std::string::npos)) {
+    if (!error && text &&
+        (text->find('/') != std::string::npos || text->find('\0') != std::string::npos)) {
       error = ZMError(ZMFormat("invalid %@: %@", {name, text}), -1, ZMValue::object());
     }
   }
@@ -74,11 +78,12 @@ void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
     }
     return;
   }
-  const std::string savePath = getAppPackageDownloadPath(ZMFormat("%@", {appId}),
-                                                         ZMFormat("%@", {version}));
+  const std::string savePath =
+      getAppPackageDownloadPath(ZMFormat("%@", {appId}), ZMFormat("%@", {version}));
   const std::string url = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_URL).value_or("");
   if (host) host->onDownloadStart();
-  gameDownloadTask_ = std::make_shared<ZMGameDownloadPackageTask>(std::move(listener), savePath, url);
+  gameDownloadTask_ =
+      std::make_shared<ZMGameDownloadPackageTask>(std::move(listener), savePath, url);
   gameDownloadTask_->execute(options);
 }
 
@@ -96,8 +101,8 @@ void ZMGameRuntime::installGamePackage(const ZMValue& options,
   }
   cancelAndClear(gameInstallTask_);
   if (auto host = listener.lock()) host->onInstallStart();
-  gameInstallTask_ = std::make_shared<ZMGameInstallPackageTask>(std::move(listener), userId_, 1,
-                                                                appDir, installDir, detailFile);
+  gameInstallTask_ = adopt(std::make_shared<ZMGameInstallPackageTask>(
+      std::move(listener), userId_, 1, appDir, installDir, detailFile));
   gameInstallTask_->execute(options);
 }
 
@@ -111,7 +116,8 @@ void ZMGameRuntime::cancelGamePackageRequest() {
 void ZMGameRuntime::checkFileAvailability(const ZMValue& options,
                                           std::weak_ptr<ZMCheckFileAvailabilityListener> listener) {
   cancelAndClear(checkFileAvailabilityTask_);
-  checkFileAvailabilityTask_ = std::make_shared<ZMCheckFileAvailabilityTask>(std::move(listener));
+  checkFileAvailabilityTask_ = adopt(
+      std::make_shared<ZMCheckFileAvailabilityTask>(std::move(listener), getAppPackageCache()));
   checkFileAvailabilityTask_->execute(options);
 }
 
@@ -190,8 +196,8 @@ void ZMGameRuntime::removeGameList(const std::vector<std::string>& appIds,
     info.userTempDirPathArrays.push_back(getUserCachePath(appId));
     info.userDataDirPathArrays.push_back(getUserDirPath(appId));
   }
-  // Not kept: the queued work holds the task until its last notification.
-  std::make_shared<ZMGameUninstallPackageTask>(std::move(listener))->execute(info);
+  // Kept by the task group alone, until its last notification.
+  adopt(std::make_shared<ZMGameUninstallPackageTask>(std::move(listener)))->execute(info);
 }
 
 void ZMGameRuntime::removeGameAll(std::weak_ptr<ZMGameRemoveListener> listener) {

@@ -4,8 +4,13 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <future>
+#include <latch>
+
+#include "platform/ZMGlobalQueue.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "support/TestRuntime.h"
+#include "util/ZMTaskGroup.h"
 
 namespace {
 
@@ -56,6 +61,53 @@ TEST(ZMGameUninstallPackageTask, RecordsGoBeforeFilesAndAFailedDeletionEndsTheRu
   EXPECT_FALSE(store.getAppRowByUserId("u1", "a2"));
   EXPECT_TRUE(store.getAppRowByUserId("u1", "a3"));
   EXPECT_TRUE(Exists(t.app() + "/a3/1"));
+}
+
+TEST(ZMGameUninstallPackageTask, DoneWaitsForARemovalInFlightAndNothingReportsAfterwards) {
+  TestRuntime t;
+  auto& store = ZMDatabaseHelper::getInstance();
+  for (const char* appId : {"a1", "a2", "a3", "a4"}) ASSERT_TRUE(t.installGame(appId, "1"));
+  auto snapshot = [&] {
+    Events state = ListDir(t.app());
+    for (const char* appId : {"a1", "a2", "a3", "a4"}) {
+      state.push_back(store.getAppRowByUserId("u1", appId) ? "row" : "-");
+    }
+    return state;
+  };
+
+  // Queued behind a held pool: done() cancels it, and returns only once its block has been
+  // skipped, so nothing is removed and nobody hears of it.
+  auto held = std::make_shared<std::latch>(ZMGlobalQueue::kThreadCount);
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  for (std::size_t i = 0; i < ZMGlobalQueue::kThreadCount; ++i) {
+    ZMGlobalQueue::post([held, released] {
+      held->count_down();
+      released.wait();
+    });
+  }
+  held->wait();
+  auto queued = std::make_shared<RemoveRecorder>();
+  t.runtime->removeGameList({"a1", "a2"}, queued);
+  const Events before = snapshot();
+  auto ending = std::async(std::launch::async, [&] { t.runtime->done(); });
+  ASSERT_TRUE(RunUntil([&] { return t.runtime->tasks()->hasEnded(); }));
+  release.set_value();
+  ending.get();
+  DrainMainQueue();
+  EXPECT_EQ(snapshot(), before);
+  EXPECT_EQ(queued->size(), 0u);
+
+  // Running when done() is called: whatever it removed, it removed before done() returned, and
+  // it reports nothing, not even the end of the run.
+  t.switchUser("u1");
+  auto running = std::make_shared<RemoveRecorder>();
+  t.runtime->removeGameList({"a1", "a2", "a3", "a4"}, running);
+  t.runtime->done();
+  const Events after = snapshot();
+  DrainMainQueue();
+  EXPECT_EQ(snapshot(), after);
+  EXPECT_EQ(running->size(), 0u);
 }
 
 }  // namespace

@@ -36,8 +36,8 @@ TEST_F(ZMGameRuntimeCreate, DefaultRootsFollowSystemDirectoriesAndGetInstanceNee
   EXPECT_TRUE(log.contains("root->" + dirs.documents()));
 
   // Without a cache option the cache root is the temporary directory itself.
-  const std::vector<std::string> roots = {runtime->storagePathApp(), runtime->storagePathUser(),
-                                          runtime->storagePathCore(), runtime->storagePathCache()};
+  const auto& layout = *runtime->layout();
+  const std::vector<std::string> roots = {layout.app, layout.user, layout.core, layout.cache};
   EXPECT_EQ(roots, (std::vector<std::string>{dirs.caches() + "/app", dirs.caches() + "/user",
                                              dirs.caches() + "/core", dirs.temporary()}));
   for (const auto& root : roots) EXPECT_TRUE(fs::is_directory(root)) << root;

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "tavo/ZMMainQueue.h"
+
+class ZMTaskGroup;
+
+// ZMTaskBase is what every task and worker of this library shares: the cancel flag and the way
+// background work is started.
+//
+// What cancel means, once for all of them: cancel() is final. From the call on, the task's
+// listener hears nothing more, not even a reply already posted to the main queue (every reply
+// checks the flag when it runs). Background work stops at its next step; a step under way (one
+// file written, one directory deleted, one record saved) finishes, so nothing is left half done.
+// Work on another thread's behalf (a transfer, an unzip) is stopped as far as its owner allows;
+// a task that differs says so beside its own cancel().
+//
+// Thread rules: cancel() and isCancel() are safe from any thread. Tasks are created, started and
+// cancelled on the main thread.
+class ZMTaskBase {
+ public:
+  virtual ~ZMTaskBase() = default;
+  virtual void cancel() { isCancel_ = true; }
+  bool isCancel() const { return isCancel_; }
+
+  // The group that tracks this task's background work, set by the owner before the task starts;
+  // without one, work goes straight to the global queue.
+  void setGroup(std::shared_ptr<ZMTaskGroup> group) { group_ = std::move(group); }
+
+ protected:
+  // Runs `work` on the global queue, counted by the group so that ending the group waits for it;
+  // skipped when the group has ended before the work starts. The work holds what it needs.
+  void postWork(std::function<void()> work);
+  // Tells the group that this task's last reply has run, so it need not be kept any longer.
+  void finished();
+
+ private:
+  std::atomic<bool> isCancel_{false};
+  std::shared_ptr<ZMTaskGroup> group_;
+};
+
+// ZMTask adds the listener and the replies. `Derived` is the task class (created with
+// std::make_shared), `Listener` its host listener, always held weakly.
+//
+// A reply posted with postReply runs on the main queue only if, when it runs, the task still
+// exists (the reply holds it weakly: a task nobody keeps reports nothing), is not cancelled, and
+// its listener is still there. postStep is the same without the listener condition, for work
+// that must happen on the main queue even when nobody listens (an install still records the
+// game).
+template <typename Derived, typename Listener>
+class ZMTask : public ZMTaskBase, public std::enable_shared_from_this<Derived> {
+ protected:
+  explicit ZMTask(std::weak_ptr<Listener> listener) : listener_(std::move(listener)) {}
+
+  // `step` is called as step(Derived&).
+  template <typename Step>
+  void postStep(Step step) {
+    ZMMainQueue::post([weak = this->weak_from_this(), step = std::move(step)]() mutable {
+      auto self = weak.lock();
+      if (self && !self->isCancel()) step(*self);
+    });
+  }
+  // `reply` is called as reply(Listener&).
+  template <typename Reply>
+  void postReply(Reply reply) {
+    postStep([reply = std::move(reply)](Derived& self) mutable {
+      if (auto listener = self.listener_.lock()) reply(*listener);
+    });
+  }
+  // The same for the last reply of a run: afterwards the task's group lets go of it.
+  template <typename Reply>
+  void postFinalReply(Reply reply) {
+    postStep([reply = std::move(reply)](Derived& self) mutable {
+      self.finished();
+      if (auto listener = self.listener_.lock()) reply(*listener);
+    });
+  }
+
+  std::weak_ptr<Listener> listener_;
+};
