@@ -68,7 +68,7 @@ void ZMGameRuntime::create(const std::string& userId, const ZMValue& options,
     ZMFileUtils::ensureDirExists(*root);
   }
 
-  gameRuntime2_ = ZMGameRuntime2::initWithUserId(userId_, effective, listener);
+  gameRuntime2_ = ZMGameRuntime2::initWithUserId(userId_, layout, effective, listener);
 
   // Also after a failure reported by the bridge: a host can hear both for one creation.
   if (listener) listener->onInitializeSuccess(shared_from_this());
@@ -193,6 +193,7 @@ void ZMGameRuntime::done() {
   auto handle = gameHandle();
   if (gameRuntime2_) gameRuntime2_->destroyGame(handle);
   if (handle) endHandle(*handle);
+  if (gameRuntime2_) gameRuntime2_->done();
   // Last, after the engine has ended its unzips: waits for the tasks' work still running.
   tasks_->end();
   std::lock_guard lock(gSlotMutex);

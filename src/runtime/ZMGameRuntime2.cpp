@@ -1,35 +1,31 @@
 #include "runtime/ZMGameRuntime2.h"
 
 #include "platform/ZMFormat.h"
+#include "plugin/ZMPluginManager.h"
+#include "runtime/ZMGameRuntime.h"
 #include "tavo/ZMOptionKeys.h"
 
-namespace {
-std::mutex gExtraMutex;
-std::vector<std::shared_ptr<ZMGameEventListener>> gExtraListeners;
-}  // namespace
-
-void ZMGameRuntime2::setExtraListenersForTesting(
-    std::vector<std::shared_ptr<ZMGameEventListener>> listeners) {
-  std::lock_guard lock(gExtraMutex);
-  gExtraListeners = std::move(listeners);
-}
-
 std::shared_ptr<ZMGameRuntime2> ZMGameRuntime2::initWithUserId(
-    const std::string& /*userId*/, ZMValue& options,
+    const std::string& /*userId*/, std::shared_ptr<const ZMStorageLayout> layout, ZMValue& options,
     const std::shared_ptr<ZMRuntimeInitListener>& listener) {
   std::shared_ptr<ZMGameRuntime2> bridge(new ZMGameRuntime2());
-  {
-    std::lock_guard lock(gExtraMutex);
-    bridge->listeners_.insert(bridge->listeners_.end(), gExtraListeners.begin(),
-                              gExtraListeners.end());
-  }
+  // The manager reads a running game's configuration through the runtime of the moment.
+  auto gameConfig = [](const ZMValue& gameOptions) -> std::shared_ptr<ZMZimoGameConfig> {
+    try {
+      return ZMGameRuntime::getInstance()->getGameConfig(gameOptions);
+    } catch (const ZMException&) {
+      return nullptr;  // the runtime has ended
+    }
+  };
+  bridge->pluginManager_ = std::make_shared<ZMPluginManager>(std::move(layout), gameConfig);
+  bridge->listeners_.push_back(bridge->pluginManager_);
   if (auto error = bridge->_onGameEvent(ZMGameEventInit, options); error && listener) {
     listener->onInitializeFailure(ZMException(error->domain, std::nullopt, error->userInfo));
   }
   return bridge;
 }
 
-std::optional<ZMError> ZMGameRuntime2::_onGameEvent(int32_t event, ZMValue& options) {
+std::optional<ZMError> ZMGameRuntime2::_onGameEvent(ZMGameEvent event, ZMValue& options) {
   for (const auto& listener : listeners_) {
     if (auto error = listener->onGameEvent(event, options)) return error;
   }
@@ -65,6 +61,10 @@ void ZMGameRuntime2::destroyGame(const std::shared_ptr<ZMGameHandle>& /*handle*/
   if (auto error = _onGameEvent(ZMGameEventDestroy, none)) {
     ZMLogFormat("destroy game error: %@", {*error});
   }
+}
+
+void ZMGameRuntime2::done() {
+  if (pluginManager_) pluginManager_->done();
 }
 
 std::shared_ptr<ZMZimoGamePluginManager> ZMGameRuntime2::getManager(const std::string& name,

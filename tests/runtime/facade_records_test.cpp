@@ -120,11 +120,6 @@ TEST_F(ZMGameRuntimeRecords, SetGameDataStoresHostFieldsButNeverThePlayCount) {
   store().setSavesFailForTesting(false);
 }
 
-TEST_F(ZMGameRuntimeRecords, OnlyThePluginManagerNameIsAsked) {
-  for (const std::string name : {"", "other", "Plugin_Manager", "plugin_manager ", "plugin"})
-    EXPECT_EQ(t.runtime->getManager(name, ZMValue::object()), nullptr) << name;
-}
-
 // Each bad id with every operation that takes an app id: the host hears the operation's own
 // failure (a version check reads as not installed; getGameConfig quietly gives nothing), and
 // nothing under the test's root changes: not the installed game, not files next to the roots

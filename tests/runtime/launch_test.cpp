@@ -93,8 +93,6 @@ class FakeEngine {
 
 class ZMGameRuntimeLaunch : public ::testing::Test {
  protected:
-  void TearDown() override { ZMGameRuntime2::setExtraListenersForTesting({}); }
-
   TestRuntime t;
   std::shared_ptr<int> viewController = std::make_shared<int>(42);
 
@@ -305,50 +303,30 @@ TEST_F(ZMGameRuntimeLaunch, EngineReportsAreRelayedWhateverHappensMeanwhile) {
   EXPECT_EQ(record("g1")->played, 2);
 }
 
-TEST_F(ZMGameRuntimeLaunch, GameEventsFrameALaunchAndTheEngineGetsEveryRunOption) {
+TEST_F(ZMGameRuntimeLaunch, ThePluginRootTravelsWithTheRunOptionsAndTheEngineGetsEveryOne) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
-  auto receiver = std::make_shared<EventRecorder>();
-  ZMGameRuntime2::setExtraListenersForTesting({receiver});
-  t.switchUser("u1");
   auto fake = FakeEngine::install();
-  // The receiver notes its events among the host's callbacks.
-  auto launch = [&](const ZMValue& options) {
-    auto host = std::make_shared<RunRecorder>();
-    receiver->log = host;
-    t.runtime->runGame(viewController, "g1", options, host);
-    return host;
-  };
 
-  // A receiver's error at event 1 fails the launch, as does a receiver that drops the version;
-  // the engine is not asked.
-  receiver->errors[ZMGameEventCreate] = ZMError("plugin missing", 0);
-  EXPECT_EQ(launch(version("1.0"))->events(),
-            (std::vector<std::string>{"event:1", "onRunFailure:plugin missing|0"}));
-  receiver->errors.clear();
-  receiver->editRunOptions = [](ZMValue& options) { options.erase("rt_run_opt_version"); };
-  EXPECT_EQ(launch(version("1.0"))->events(),
-            (std::vector<std::string>{"event:1",
-                                      "onRunFailure:missing option: ZM_KEY_RUN_OPT_VERSION|0"}));
+  // A plug-in root that cannot be made fails the launch before the engine is asked.
+  std::filesystem::remove_all(t.plugin());
+  WriteFile(t.plugin(), "a file where the root belongs");
+  EXPECT_EQ(failedLaunch("1.0"),
+            std::vector<std::string>{"onRunFailure:" + t.plugin() + " not found|0"});
   EXPECT_TRUE(fake->runs().empty());
+  std::filesystem::remove(t.plugin());
 
-  // A launch: event 2 follows the host's success and names the handle's game.
-  receiver->editRunOptions = [](ZMValue& options) {
-    options["_rt_file_plugin_package_path"] = "/plugins";
-  };
   ZMValue options = version("1.0");
   options["rt_run_opt_app_launch_options"] = {{"scene", 1001}};
   options["rt_run_debug_show_debug_view"] = true;
   options["rt_run_debug_skipped_frame_warning_limit"] = 30;
   options["rt_run_debug_show_game_loading_time_log"] = 1;
-  auto host = launch(options);
-  ASSERT_TRUE(RunUntil([&] { return host->size() == 4; }));
+  auto host = run("g1", options, 2);
   fake->join();
-  EXPECT_EQ(host->events(),
-            (std::vector<std::string>{"event:1", "onGameHandleCreate", "onRunSuccess", "event:2"}));
-  EXPECT_EQ(receiver->received(ZMGameEventRunSuccess), (ZMValue{{"rt_game_package_app_id", "g1"}}));
+  EXPECT_EQ(host->events(), (std::vector<std::string>{"onGameHandleCreate", "onRunSuccess"}));
+  EXPECT_TRUE(std::filesystem::is_directory(t.plugin()));
 
   // The engine got the host's options, the runtime's keys with the layout's paths, the debug
-  // flag as a boolean, what event 1 added, and the start time in seconds since 1970.
+  // flag as a boolean, the plug-in root, and the start time in seconds since 1970.
   ASSERT_EQ(fake->runs().size(), 1u);
   ZMValue seen = fake->runs()[0];
   const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -365,17 +343,9 @@ TEST_F(ZMGameRuntimeLaunch, GameEventsFrameALaunchAndTheEngineGetsEveryRunOption
   expected["_rt_local_storage_path"] = user + "/local_storage.db";
   expected["rt_runtime_local_storage_path"] = user + "/rt_local_storage.db";
   expected["rt_user_id"] = "u1";
-  expected["_rt_file_plugin_package_path"] = "/plugins";
+  expected["_rt_file_plugin_package_path"] = t.plugin();
   auto unordered = [](const ZMValue& value) { return nlohmann::json::parse(value.dump()); };
   EXPECT_EQ(unordered(seen), unordered(expected));
-
-  // Ending the runtime sends event 5; a receiver's error there is only logged.
-  receiver->errors[ZMGameEventDestroy] = ZMError("plugins busy", 0);
-  LogCapture log;
-  t.runtime->done();
-  EXPECT_EQ(host->last(), "event:5");
-  EXPECT_TRUE(receiver->received(ZMGameEventDestroy).is_null());
-  EXPECT_TRUE(log.contains("destroy game error: " + ZMError("plugins busy", 0).description()));
 }
 
 }  // namespace

@@ -3,11 +3,11 @@
 #include <filesystem>
 
 #include "runtime/ZMGameRuntime.h"
-#include "runtime/ZMGameRuntime2.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "support/TestListeners.h"
 #include "support/TestRuntime.h"
 #include "support/TestSupport.h"
+#include "util/ZMTaskGroup.h"
 
 namespace {
 
@@ -18,7 +18,6 @@ class ZMGameRuntimeCreate : public ::testing::Test {
   void SetUp() override { ZMDatabaseHelper::getInstance().resetForTesting(); }
   void TearDown() override {
     if (auto runtime = ZMZimoGame::getRuntime()) runtime->done();
-    ZMGameRuntime2::setExtraListenersForTesting({});
     ZMDatabaseHelper::getInstance().resetForTesting();
   }
   ScopedSystemDirectories dirs;
@@ -41,23 +40,20 @@ TEST_F(ZMGameRuntimeCreate, DefaultRootsFollowSystemDirectoriesAndGetInstanceNee
   EXPECT_EQ(roots, (std::vector<std::string>{dirs.caches() + "/app", dirs.caches() + "/user",
                                              dirs.caches() + "/core", dirs.temporary()}));
   for (const auto& root : roots) EXPECT_TRUE(fs::is_directory(root)) << root;
+  // The plug-in manager made its root at the init event.
+  EXPECT_TRUE(fs::is_directory(dirs.caches() + "/plugin"));
   EXPECT_TRUE(Exists(dirs.documents() + "/zimo_client_sdk.db"));
   runtime->done();
   EXPECT_EQ(Raised([] { ZMGameRuntime::getInstance(); }), uninitialized);
 }
 
-TEST_F(ZMGameRuntimeCreate, PathGettersBuildTheLayoutAndCreateOnlyTheirDirectories) {
+TEST_F(ZMGameRuntimeCreate, PathGettersCreateOnlyTheirDirectories) {
   TestRuntime t;
   auto& r = *t.runtime;
-  EXPECT_EQ(r.getUserDirPath("g7"), t.user() + "/u1_g7");
-  EXPECT_EQ(r.getUserCachePath("g7"), t.cache() + "/u1_g7");
-  // The files inside these are checked where the engine receives them, in the launch tests.
-  EXPECT_EQ(r.getUserDataDirPath("g7"), t.user() + "/u1_g7/data");
-  EXPECT_FALSE(Exists(t.user() + "/u1_g7"));
-
-  EXPECT_EQ(r.getAppDirPath("g7"), t.app() + "/g7");
-  EXPECT_FALSE(Exists(t.app() + "/g7"));
-  EXPECT_EQ(r.getAppDetailFile("g7"), t.app() + "/g7/detail.json");
+  r.getUserDataDirPath("g7");
+  r.getAppDirPath("g7");
+  EXPECT_FALSE(Exists(t.user() + "/u1_g7") || Exists(t.app() + "/g7"));
+  r.getAppDetailFile("g7");
   EXPECT_TRUE(Exists(t.app() + "/g7"));
   EXPECT_FALSE(Exists(t.app() + "/g7/detail.json"));
   EXPECT_EQ(r.getAppPackageDir("g7", "1.0.2"), t.app() + "/g7/1.0.2");
@@ -98,15 +94,17 @@ TEST_F(ZMGameRuntimeCreate, UnopenableStoreGivesExactlyOneFailure) {
 }
 
 TEST_F(ZMGameRuntimeCreate, SecondInitEndsTheFirstRuntime) {
-  auto receiver = std::make_shared<EventRecorder>();
-  ZMGameRuntime2::setExtraListenersForTesting({receiver});
-  ZMZimoGame::initRuntime("u1", ZMValue(), std::make_shared<InitRecorder>());
+  auto first = std::make_shared<InitRecorder>();
+  ZMZimoGame::initRuntime("u1", ZMValue(), first);
   auto second = std::make_shared<InitRecorder>();
   ZMZimoGame::initRuntime("u2", ZMValue(), second);
-  // The first runtime was ended (its bridge sent the destroy event) before the second was built.
-  EXPECT_EQ(receiver->log->events(), (std::vector<std::string>{"event:0", "event:5", "event:0"}));
-  EXPECT_EQ(receiver->received(ZMGameEventInit), ZMValue::object()) << "null options become {}";
+  // The first runtime was ended before the second was built: its tasks can no longer start.
+  auto ended = std::dynamic_pointer_cast<ZMGameRuntime>(first->runtime);
+  ASSERT_TRUE(ended);
+  EXPECT_TRUE(ended->tasks()->hasEnded());
   EXPECT_EQ(ZMZimoGame::getRuntime(), second->runtime);
+  EXPECT_NE(second->runtime->getManager("plugin_manager", ZMValue()),
+            ended->getManager("plugin_manager", ZMValue()));
 }
 
 TEST_F(ZMGameRuntimeCreate, UserIdThatWouldLeaveTheRootsIsRefused) {
@@ -117,24 +115,14 @@ TEST_F(ZMGameRuntimeCreate, UserIdThatWouldLeaveTheRootsIsRefused) {
   EXPECT_FALSE(Exists(dirs.caches() + "/app"));
 }
 
-TEST_F(ZMGameRuntimeCreate, InitEventErrorGivesAFailureAndThenTheSuccess) {
-  // The first receiver objects, as a plug-in manager whose root is unusable; the second shares
-  // its log and is never asked.
-  auto objecting = std::make_shared<EventRecorder>();
-  objecting->errors[ZMGameEventInit] = ZMError("plugin root unusable", 0, ZMValue{{"why", "test"}});
-  auto later = std::make_shared<EventRecorder>();
-  later->log = objecting->log;
-  ZMGameRuntime2::setExtraListenersForTesting({objecting, later});
-  const ZMValue options = {{ZM_KEY_STORAGE_PATH_PLUGIN, dirs.root() / "plugin"}};
+TEST_F(ZMGameRuntimeCreate, PluginRootThatIsAFileReachesOnInitializeFailure) {
+  WriteFile(dirs.root() / "plugin-file", "x");
   auto listener = std::make_shared<InitRecorder>();
-  ZMZimoGame::initRuntime("u1", options, listener);
+  ZMZimoGame::initRuntime("u1", {{ZM_KEY_STORAGE_PATH_PLUGIN, dirs.root() / "plugin-file"}},
+                          listener);
   EXPECT_EQ(listener->events(),
-            (std::vector<std::string>{"onInitializeFailure:plugin root unusable|(null)",
-                                      "onInitializeSuccess"}));
-  ASSERT_TRUE(listener->failure);
-  EXPECT_EQ(listener->failure->userInfo(), (ZMValue{{"why", "test"}}));
-  EXPECT_EQ(objecting->received(ZMGameEventInit), options);
-  EXPECT_EQ(objecting->log->events(), std::vector<std::string>{"event:0"});
+            std::vector<std::string>{"onInitializeFailure:NSInvalidArgumentException|" +
+                                     (dirs.root() / "plugin-file") + " is a file"});
 }
 
 }  // namespace

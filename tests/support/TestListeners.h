@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -12,7 +13,6 @@
 #include <thread>
 #include <vector>
 
-#include "runtime/ZMGameEventListener.h"
 #include "tavo/tavo.h"
 
 inline std::string Describe(const std::string& text) { return text; }
@@ -141,35 +141,6 @@ struct QueryExitRecorder : ZMGameQueryExitListener, EventLog {
   }
 };
 
-// A game-event receiver in the plug-in manager's place. Notes "event:<code>" in `log` (a test may
-// share a host listener's log to see the order), keeps each code's last options, lets
-// `editRunOptions` change a launch's options (event 1) and answers with the error set for the code.
-struct EventRecorder : ZMGameEventListener {
-  std::shared_ptr<EventLog> log = std::make_shared<EventLog>();
-  std::map<int32_t, ZMError> errors;
-  std::function<void(ZMValue&)> editRunOptions;
-
-  std::optional<ZMError> onGameEvent(int32_t event, ZMValue& options) override {
-    if (event == ZMGameEventCreate && editRunOptions) editRunOptions(options);
-    {
-      std::lock_guard lock(mutex_);
-      received_[event] = options;
-    }
-    log->note("event", int64_t{event});
-    auto error = errors.find(event);
-    return error == errors.end() ? std::nullopt : std::optional(error->second);
-  }
-  ZMValue received(int32_t event) const {
-    std::lock_guard lock(mutex_);
-    auto found = received_.find(event);
-    return found == received_.end() ? ZMValue("(not sent)") : found->second;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::map<int32_t, ZMValue> received_;
-};
-
 struct RemoveRecorder : ZMGameRemoveListener, EventLog {
   using Text = std::optional<std::string>;
   void onRemoveStart(const Text& a, const Text& x) override { note("onRemoveStart", a, x); }
@@ -194,6 +165,45 @@ struct ListRecorder : ZMGameListListener, EventLog {
     note("onListGameSuccess");
   }
   void onListGameFailure(const ZMError& e) override { note("onListGameFailure", e); }
+};
+
+// Plug-in listeners note the info's provider (or "(null)") in place of the whole info.
+inline std::string ProviderOf(const ZMValue& info) {
+  return info.is_object() && info.contains("provider") && info["provider"].is_string()
+             ? info["provider"].get<std::string>()
+             : "(null)";
+}
+
+struct PluginCheckRecorder : ZMPluginCheckVersionListener, EventLog {
+  void onCheckPluginVersionStart(const ZMValue& i) override { note("start", ProviderOf(i)); }
+  void onCheckPluginSuccess(const ZMValue& i) override { note("success", ProviderOf(i)); }
+  void onCheckPluginFailure(const ZMValue& i, const ZMError& e) override {
+    note("failure", ProviderOf(i), e);
+  }
+};
+
+struct PluginInstallRecorder : ZMPluginInstallListener, EventLog {
+  std::atomic<int64_t> progressCalls{0};
+  void onPluginInstallStart(const ZMValue& i) override { note("start", ProviderOf(i)); }
+  void onPluginDownloadProgress(const ZMValue&, int64_t, int64_t) override { ++progressCalls; }
+  void onPluginDownloadRetry(const ZMValue& i, int64_t n) override {
+    note("retry", ProviderOf(i), n);
+  }
+  void onPluginInstallSuccess(const ZMValue& i) override { note("success", ProviderOf(i)); }
+  void onPluginInstallFailure(const ZMValue& i, const ZMError& e) override {
+    note("failure", ProviderOf(i), e);
+  }
+};
+
+struct PluginRemoveRecorder : ZMPluginRemoveListener, EventLog {
+  ZMValue removed;
+  void onPluginRemoveStart(const ZMValue& i) override { note("start", ProviderOf(i)); }
+  void onPluginRemoveFinish(const ZMValue& i) override { note("finish", ProviderOf(i)); }
+  void onPluginRemoveSuccess(const ZMValue& r) override {
+    removed = r;
+    note("success");
+  }
+  void onPluginRemoveFailure(const ZMError& e) override { note("failure", e); }
 };
 
 struct DataRecorder : ZMGameDataListener, EventLog {

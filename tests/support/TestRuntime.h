@@ -7,7 +7,7 @@
 #include "support/TestListeners.h"
 #include "support/TestSupport.h"
 
-// A runtime created for user "u1" with its four storage roots under a fresh directory, the
+// A runtime created for user "u1" with its storage roots and plug-in root under a fresh directory, the
 // record store reopened in a fresh Documents directory, and the reference engine in the handle
 // slot. Ends the runtime and empties the slot on destruction.
 class TestRuntime {
@@ -25,6 +25,7 @@ class TestRuntime {
   std::string app() const { return root() + "/app"; }
   std::string user() const { return root() + "/user"; }
   std::string cache() const { return root() + "/cache"; }
+  std::string plugin() const { return root() + "/plugin"; }
   ZMValue options() const;
 
   // Installs `packagePath` as app/version through the facade; true on onInstallSuccess.

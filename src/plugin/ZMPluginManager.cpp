@@ -1,0 +1,175 @@
+#include "plugin/ZMPluginManager.h"
+
+#include "platform/ZMFormat.h"
+#include "platform/ZMPath.h"
+#include "platform/ZMValueAccess.h"
+#include "tavo/ZMFileUtils.h"
+#include "tavo/ZMMainQueue.h"
+#include "tavo/ZMOptionKeys.h"
+#include "tavo/ZMSystemDirectories.h"
+#include "util/ZMTaskGroup.h"
+
+namespace {
+
+template <typename Worker>
+void cancelAndClear(std::shared_ptr<Worker>& worker) {
+  if (worker) {
+    worker->cancel();
+    worker.reset();
+  }
+}
+
+}  // namespace
+
+ZMPluginManager::ZMPluginManager(std::shared_ptr<const ZMStorageLayout> layout,
+                                 GameConfigLookup gameConfig)
+    : pluginServiceHosts_(defaultServiceHosts()),
+      layout_(std::move(layout)),
+      gameConfig_(std::move(gameConfig)),
+      tasks_(std::make_shared<ZMTaskGroup>()) {}
+
+ZMPluginManager::~ZMPluginManager() = default;
+
+std::vector<std::string> ZMPluginManager::defaultServiceHosts() {
+  // Reserved names that never resolve: nothing reaches a real service until the host sets one.
+  return {"https://plugin.tavo.invalid/ced", "https://plugin-fallback.tavo.invalid/ced"};
+}
+
+std::string ZMPluginManager::getPluginDirFile(const std::string& root, const std::string& pluginId,
+                                              const std::string& version) {
+  return ZMPathJoin(root, ZMFormat("%@_%@", {pluginId, version}));
+}
+
+std::string ZMPluginManager::getPluginPackageDownloadPath(const std::string& dir,
+                                                          const std::string& pluginId,
+                                                          const std::string& version,
+                                                          const std::string& hash) {
+  return ZMPathJoin(dir, ZMFormat("%@_%@_%@.zip", {hash, pluginId, version}));
+}
+
+std::string ZMPluginManager::getPluginConfigFile(const std::string& root,
+                                                 const std::string& pluginId,
+                                                 const std::string& version) {
+  return getPluginConfigFile(getPluginDirFile(root, pluginId, version));
+}
+
+std::string ZMPluginManager::getPluginConfigFile(const std::string& pluginDir) {
+  return pluginDir + ".detail.json";
+}
+
+std::optional<std::string> ZMPluginManager::_getUniqueId() {
+  std::optional<std::string> id;
+  if (ZMDevice::isAdvertisingTrackingEnabled()) id = ZMDevice::advertisingIdentifier();
+  if (id && id->empty()) id = ZMDevice::identifierForVendor();
+  return id;
+}
+
+std::string ZMPluginManager::getCpuAbi() { return ZMDevice::processorName(); }
+
+void ZMPluginManager::setPluginServiceHosts(std::vector<std::string> hosts) {
+  pluginServiceHosts_ = std::move(hosts);
+}
+
+std::optional<ZMError> ZMPluginManager::onGameEvent(ZMGameEvent event, ZMValue& options) {
+  switch (event) {
+    case ZMGameEventInit:
+      // The layout's plug-in root is the creation option, or Caches + "plugin".
+      storagePluginPath_ = layout_->plugin;
+      ZMFileUtils::validateDirectory(storagePluginPath_);
+      appPackageCache_ = layout_->cache;
+      return std::nullopt;
+    case ZMGameEventCreate: {
+      bool ensured = false;
+      try {
+        ensured = ZMFileUtils::ensureDirExists(storagePluginPath_);
+      } catch (const ZMException&) {
+        // A file where the root belongs fails the launch like a root that cannot be made.
+      }
+      if (!ensured) return ZMError(ZMFormat("%@ not found", {storagePluginPath_}), 0);
+      if (options.is_object()) options[ZM_SYSTEM_KEY_FILE_PLUGIN_PACKAGE_PATH] = storagePluginPath_;
+      return std::nullopt;
+    }
+    case ZMGameEventRunSuccess:
+      // The engine's thread: the workers and their slots live on the main queue.
+      ZMMainQueue::post([weak = weak_from_this(), options] {
+        if (auto self = weak.lock()) self->onRunSuccess(options);
+      });
+      return std::nullopt;
+    case ZMGameEventDestroy:
+      cancelPluginRequest();
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+void ZMPluginManager::onRunSuccess(const ZMValue& options) {
+  if (tasks_->hasEnded()) return;
+  auto config = gameConfig_ ? gameConfig_(options) : nullptr;
+  if (!config) return;
+  const ZMValue plugins = config->plugins();
+  if (!plugins.is_array() || plugins.empty()) return;
+  // WIRE cancelAndClear(pluginCheckUpdateManager_);
+  // The update prefetch worker is wired here once it exists.
+}
+
+void ZMPluginManager::checkPluginVersion(const ZMValue& info,
+                                         std::weak_ptr<ZMPluginCheckVersionListener> listener) {
+  const auto provider = ZMTextOption(info, "provider");
+  const auto version = ZMTextOption(info, "version");
+  auto host = listener.lock();
+  if (!provider || provider->empty()) {
+    if (host) host->onCheckPluginFailure(info, ZMError("missing info: provider", 0));
+    return;
+  }
+  if (!version || version->empty()) {
+    if (host) host->onCheckPluginFailure(info, ZMError("missing info: version", 0));
+    return;
+  }
+  // WIRE cancelAndClear(pluginCheckPackageManager_);
+  if (host) host->onCheckPluginVersionStart(info);
+}
+
+void ZMPluginManager::installPlugin(const ZMValue& info,
+                                    std::weak_ptr<ZMPluginInstallListener> listener) {
+  // WIRE cancelAndClear(pluginInstallPackageManager_);
+  auto host = listener.lock();
+  if (host) host->onPluginInstallStart(info);
+  // Only missing keys are refused here: an empty provider goes on to the service.
+  const auto provider = ZMTextOption(info, "provider");
+  const auto version = ZMTextOption(info, "version");
+  for (const auto& [value, name] :
+       {std::pair{provider, "provider"}, std::pair{version, "version"}}) {
+    if (!value) {
+      if (host) host->onPluginInstallFailure(info, ZMError(ZMFormat("missing info %@", {name}), 0));
+      return;
+    }
+  }
+}
+
+void ZMPluginManager::listPlugin(std::weak_ptr<ZMGameListListener> /*listener*/) {
+  // WIRE cancelAndClear(listTask_);
+}
+
+void ZMPluginManager::removePluginList(const ZMValue& /*list*/,
+                                       std::weak_ptr<ZMPluginRemoveListener> /*listener*/) {
+  // WIRE cancelAndClear(removeListTask_);
+}
+
+void ZMPluginManager::cancelPluginRequest() {
+  // WIRE cancelAndClear(pluginCheckPackageManager_);
+  // WIRE cancelAndClear(pluginInstallPackageManager_);
+  // WIRE cancelAndClear(pluginCheckUpdateManager_);
+  // WIRE cancelAndClear(listTask_);
+  // WIRE cancelAndClear(removeListTask_);
+}
+
+void ZMPluginManager::done() {
+  cancelPluginRequest();
+  tasks_->end();
+}
+
+template <typename Worker>
+std::shared_ptr<Worker> ZMPluginManager::adopt(std::shared_ptr<Worker> worker) {
+  tasks_->add(worker);
+  return worker;
+}
