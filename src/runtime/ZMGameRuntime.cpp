@@ -176,8 +176,8 @@ void ZMGameRuntime::endHandle(ZMGameHandle& handle) {
     handle.done();
     return;
   }
-  // The engine's done() waits for its callbacks, and a callback may be waiting for the main
-  // queue (the record store runs there): keep draining it until done() returns.
+  // The engine's done() waits for its callbacks; the main thread keeps delivering the replies
+  // they post meanwhile, so a launch's end is heard before done() returns.
   std::atomic<bool> ended{false};
   std::thread ender([&] {
     handle.done();

@@ -133,7 +133,7 @@ class ZMGameRuntime : public ZMZimoGameRuntime,
   const std::shared_ptr<ZMTaskGroup>& tasks() const { return tasks_; }
 
  private:
-  // Ends the engine handle without deadlocking a main thread that its callbacks wait for.
+  // Ends the engine handle, delivering on the main thread what its last callbacks post.
   static void endHandle(ZMGameHandle& handle);
 
   ZMGameRuntime();

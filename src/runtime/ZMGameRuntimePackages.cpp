@@ -14,7 +14,6 @@
 #include "runtime/ZMGameRuntime.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "tavo/ZMFileUtils.h"
-#include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
 #include "util/ZMTaskGroup.h"
 
@@ -124,7 +123,7 @@ void ZMGameRuntime::checkFileAvailability(const ZMValue& options,
 void ZMGameRuntime::listGame(std::weak_ptr<ZMGameListListener> listener) {
   auto rows = ZMDatabaseHelper::getInstance().getAppidListByUserId(userId_);
   ZMValue items = ZMValue::array();
-  ZMMainQueue::sync([&] {
+  ZMDatabaseHelper::getInstance().sync([&] {
     for (const auto& row : rows.value_or(std::vector<std::shared_ptr<ZMAppRow>>())) {
       ZMValue item = ZMValue::object();
       // A record without extend data gives an item with the app id alone.
@@ -203,7 +202,7 @@ void ZMGameRuntime::removeGameList(const std::vector<std::string>& appIds,
 void ZMGameRuntime::removeGameAll(std::weak_ptr<ZMGameRemoveListener> listener) {
   auto rows = ZMDatabaseHelper::getInstance().getAppidListByUserId(userId_);
   std::vector<std::string> appIds;
-  ZMMainQueue::sync([&] {
+  ZMDatabaseHelper::getInstance().sync([&] {
     for (const auto& row : rows.value_or(std::vector<std::shared_ptr<ZMAppRow>>())) {
       if (row->app_id) appIds.push_back(*row->app_id);
     }

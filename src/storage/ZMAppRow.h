@@ -29,7 +29,7 @@ struct ZMAppRowFetchRequest {
 
 // ZMAppRow is a live record of the store: it belongs to ZMDatabaseHelper's context, which keeps
 // one object per stored row, and its changes are written by the context's next save. Read and
-// change it only inside the store's operations or on the main thread.
+// change it only inside the store's operations or ZMDatabaseHelper::sync.
 class ZMAppRow : public ZMAppRowFields {
  public:
   // A query with no filter.

@@ -23,7 +23,7 @@ struct sqlite3;
 // is rolled back in the file but the changes stay pending, so the next successful save writes
 // them.
 //
-// Not thread-safe: ZMDatabaseHelper uses it only on the main queue.
+// Not thread-safe: ZMDatabaseHelper uses it only on its serial queue.
 class ZMDatabaseContext {
  public:
   // Opens (creating when missing) the SQLite file at `path` and its "AppRow" table; null with

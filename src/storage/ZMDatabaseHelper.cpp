@@ -4,12 +4,11 @@
 #include "platform/ZMFormat.h"
 #include "platform/ZMPath.h"
 #include "storage/ZMDatabaseContext.h"
-#include "tavo/ZMMainQueue.h"
 #include "tavo/ZMSystemDirectories.h"
 
-// Everything below that touches the context or a live record runs inside ZMMainQueue::sync, the
-// field changes included, so that records are only ever read and written on the main thread.
-// Nested calls (an update looking its record up) run inline there.
+// Everything below that touches the context or a live record runs inside queue_.sync, the field
+// changes included, so that records are read and written by one thread at a time. Nested calls
+// (an update looking its record up) run inline.
 
 namespace {
 
@@ -51,7 +50,7 @@ ZMDatabaseHelper& ZMDatabaseHelper::getInstance() {
 
 bool ZMDatabaseHelper::createDataBase() {
   bool opened = false;
-  ZMMainQueue::sync([&] {
+  queue_.sync([&] {
     const std::string documents = ZMSystemDirectories::documentsDirectory();
     ZMError error;
     if (!ZMFileManager::createDirectory(documents, &error)) return;
@@ -67,7 +66,7 @@ bool ZMDatabaseHelper::createDataBase() {
 void ZMDatabaseHelper::insertOrUpdateExtraAndPlay(const std::string& userId,
                                                   const std::string& appId,
                                                   const std::optional<std::string>& extend) {
-  ZMMainQueue::sync([&] {
+  queue_.sync([&] {
     if (!context_) return;
     auto record = getAppRowByUserId(userId, appId);
     if (record) {
@@ -102,7 +101,7 @@ bool ZMDatabaseHelper::updateOrInsertAppRow(const ZMRow& row) {
 
 bool ZMDatabaseHelper::removeAppRow(const std::string& userId, const std::string& appId) {
   bool saved = false;
-  ZMMainQueue::sync([&] {
+  queue_.sync([&] {
     if (!context_) return;
     if (auto rows = _getAppRowByUserId(userId, appId)) {
       for (const auto& row : *rows) context_->deleteRow(row);
@@ -121,7 +120,7 @@ int64_t ZMDatabaseHelper::getPeopleCount(const std::string& appId) {
 std::optional<std::vector<std::shared_ptr<ZMAppRow>>> ZMDatabaseHelper::_getAppRowByUserId(
     const std::optional<std::string>& userId, const std::optional<std::string>& appId) {
   std::optional<std::vector<std::shared_ptr<ZMAppRow>>> rows;
-  ZMMainQueue::sync([&] {
+  queue_.sync([&] {
     if (!context_) return;
     auto request = ZMAppRow::fetchRequest();
     request.user_id = userId;
@@ -134,7 +133,7 @@ std::optional<std::vector<std::shared_ptr<ZMAppRow>>> ZMDatabaseHelper::_getAppR
 bool ZMDatabaseHelper::_updateData(const ZMRow& row) {
   if (!hasIds(row)) return false;
   bool saved = false;
-  ZMMainQueue::sync([&] {
+  queue_.sync([&] {
     auto record = getAppRowByUserId(*row.user_id, *row.app_id);
     if (!record) return;
     copySetFields(*record, row);
@@ -146,7 +145,7 @@ bool ZMDatabaseHelper::_updateData(const ZMRow& row) {
 bool ZMDatabaseHelper::_insertData(const ZMRow& row) {
   if (!hasIds(row)) return false;
   bool saved = false;
-  ZMMainQueue::sync([&] {
+  queue_.sync([&] {
     if (!context_) return;
     auto record = context_->insertNewRow();
     record->user_id = row.user_id;
@@ -158,14 +157,14 @@ bool ZMDatabaseHelper::_insertData(const ZMRow& row) {
 }
 
 void ZMDatabaseHelper::setSavesFailForTesting(bool fail) {
-  ZMMainQueue::sync([&] {
+  queue_.sync([&] {
     savesFailForTesting_ = fail;
     if (context_) context_->setQueryOnly(fail);
   });
 }
 
 void ZMDatabaseHelper::resetForTesting() {
-  ZMMainQueue::sync([&] {
+  queue_.sync([&] {
     context_.reset();
     savesFailForTesting_ = false;
   });

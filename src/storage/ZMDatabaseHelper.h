@@ -1,19 +1,23 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/ZMSerialQueue.h"
 #include "storage/ZMAppRow.h"
 
 class ZMDatabaseContext;
 
 // ZMDatabaseHelper is the process's per-user app record store: table "AppRow" in
-// Documents/"zimo_client_sdk.db". Its context is bound to the main queue: every query, save and
-// deletion runs there through ZMMainQueue::sync (inline on the main thread), so a background
-// caller waits for the main thread. Ids are bound as parameters; matching is exact.
+// Documents/"zimo_client_sdk.db". Its context is bound to the store's own serial queue: every
+// query, save and deletion runs there and the call returns once it has run (a save is on disk
+// when the call returns). No call waits for the main queue, so the engine thread and the pool
+// use the store while the host's main thread is busy or waiting for them. Ids are bound as
+// parameters; matching is exact.
 //
 // A failed save is not rolled back: the changed or inserted records stay pending in the context
 // and are written by the next successful save. Until createDataBase succeeds, queries return
@@ -44,6 +48,9 @@ class ZMDatabaseHelper {
   bool _updateData(const ZMRow& row);
   bool _insertData(const ZMRow& row);
 
+  // Runs the block on the store's queue, where the live records returned above may be read.
+  void sync(const std::function<void()>& block) { queue_.sync(block); }
+
   // Makes every later save fail (as a full or read-only disk would) until called with false.
   void setSavesFailForTesting(bool fail);
   // Closes the context, as before the first createDataBase, and lets saves succeed again.
@@ -54,6 +61,7 @@ class ZMDatabaseHelper {
   ZMDatabaseHelper(const ZMDatabaseHelper&) = delete;
   ZMDatabaseHelper& operator=(const ZMDatabaseHelper&) = delete;
 
+  ZMSerialQueue queue_;
   std::shared_ptr<ZMDatabaseContext> context_;
   bool savesFailForTesting_ = false;
 };

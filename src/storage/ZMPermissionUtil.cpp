@@ -7,7 +7,6 @@
 #include "platform/ZMFormat.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "tavo/ZMException.h"
-#include "tavo/ZMMainQueue.h"
 
 namespace {
 
@@ -36,10 +35,10 @@ const PermissionField* findPermission(const std::string& name) {
   return nullptr;
 }
 
-// A copy of the user's record for the app, taken on the main thread where live records live.
+// A copy of the user's record for the app, taken on the store's queue where live records live.
 std::optional<ZMAppRowFields> recordFields(const std::string& userId, const std::string& appId) {
   std::optional<ZMAppRowFields> fields;
-  ZMMainQueue::sync([&] {
+  ZMDatabaseHelper::getInstance().sync([&] {
     if (auto row = ZMDatabaseHelper::getInstance().getAppRowByUserId(userId, appId)) {
       fields = static_cast<const ZMAppRowFields&>(*row);
     }

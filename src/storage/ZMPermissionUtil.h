@@ -10,7 +10,7 @@
 // ZMPermissionUtil keeps one user's permission answers per app in the app records ("userInfo",
 // "location", "record", "writePhotosAlbum", "camera"; 1 granted, 2 denied, 0 never answered).
 // The runtime makes one per user and hands it to the engine, which calls it on its own threads;
-// the record store serialises the work on the main queue.
+// the record store serialises the work on its own queue.
 class ZMPermissionUtil : public ZMCorePermissionListener {
  public:
   explicit ZMPermissionUtil(std::string userId);
