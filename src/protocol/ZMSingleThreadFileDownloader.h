@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/ZMURLSession.h"
+#include "protocol/ZMURLSession.h"
 #include "protocol/ZMOnFileDownloadListener.h"
 
 // ZMSingleThreadFileDownloader fetches one URL into one file with a single GET on its own URL

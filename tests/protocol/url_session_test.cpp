@@ -1,4 +1,4 @@
-#include "platform/ZMURLSession.h"
+#include "protocol/ZMURLSession.h"
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>

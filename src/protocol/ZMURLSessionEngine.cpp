@@ -1,4 +1,4 @@
-#include "platform/ZMURLSession.h"
+#include "protocol/ZMURLSessionEngine.h"
 
 #include <curl/curl.h>
 #include <fcntl.h>
@@ -18,7 +18,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = ZMURLSessionEngine::Clock;
 
 // Foundation codes that ZMError.h does not name.
 constexpr int64_t kURLErrorHTTPTooManyRedirects = -1007;
@@ -97,94 +97,6 @@ int64_t contentLength(const ZMHTTPHeaderFields& fields) {
 }
 
 }  // namespace
-
-// ---------------------------------------------------------------------------------------------
-// The network thread and its curl multi handle, shared by every session alive.
-
-class ZMURLSessionEngine {
- public:
-  struct Outcome {
-    std::optional<ZMError> error;
-    std::optional<ZMHTTPURLResponse> response;
-    std::optional<std::string> data;  // data tasks that succeeded
-    std::string location;             // download tasks that succeeded
-  };
-
-  static std::shared_ptr<ZMURLSessionEngine> acquire();
-
-  ZMURLSessionEngine();
-  ~ZMURLSessionEngine();
-  ZMURLSessionEngine(const ZMURLSessionEngine&) = delete;
-  ZMURLSessionEngine& operator=(const ZMURLSessionEngine&) = delete;
-
-  void start(std::shared_ptr<ZMURLSessionTask> task);
-  void cancel(uint64_t taskIdentifier);
-  // Ends the transfers of a session that is going away; nothing is delivered for them.
-  void cancelSession(uint64_t sessionIdentifier);
-  // Stops the thread after it has released every transfer, and joins it. Idempotent.
-  void shutdown();
-
-  // Hands a task's end to the main queue, which delivers it.
-  static void complete(std::shared_ptr<ZMURLSessionTask> task, Outcome outcome);
-
- private:
-  struct Transfer {
-    std::shared_ptr<ZMURLSessionTask> task;
-    CURL* easy = nullptr;
-    curl_slist* headers = nullptr;
-    int fd = -1;  // download file
-    std::string location;
-    std::string data;     // data task reply
-    std::string pending;  // download bytes not yet written to the file
-    ZMHTTPHeaderFields headerFields;
-    long headerStatus = 0;
-    Clock::time_point lastActivity;
-    Clock::duration idleTimeout{};
-    curl_off_t lastDown = 0;
-    curl_off_t lastUp = 0;
-    int writeErrno = 0;
-    char errorBuffer[CURL_ERROR_SIZE] = {};
-  };
-  struct Command {
-    enum class Kind { start, cancel, cancelSession } kind;
-    std::shared_ptr<ZMURLSessionTask> task;
-    uint64_t identifier = 0;
-  };
-
-  void push(Command command);
-  void run();
-  void begin(std::shared_ptr<ZMURLSessionTask> task);
-  bool configure(Transfer& transfer);
-  void finish(CURL* easy, CURLcode result);
-  // Ends a transfer with an error, removing its file.
-  void end(uint64_t taskIdentifier, ZMError error);
-  // Writes a download's pending bytes to its file and reports progress; false when the write
-  // failed (errno in writeErrno).
-  static bool flush(Transfer& transfer);
-  // Flushes every download after a round of network work, ending those whose write fails.
-  void flushTransfers();
-  static ZMError writeError(const Transfer& transfer);
-  // Releases the curl handles and the file descriptor; removes the file when asked.
-  void release(Transfer& transfer, bool removeFile);
-  Clock::duration expireIdleTransfers();
-
-  static std::optional<ZMHTTPURLResponse> responseOf(const Transfer& transfer, long status);
-  static ZMError errorOf(CURLcode result, const Transfer& transfer);
-  static void deliverProgress(const std::weak_ptr<ZMURLSessionTask>& weakTask);
-  static void deliver(const std::shared_ptr<ZMURLSessionTask>& task, Outcome& outcome);
-  static size_t onHeader(char* buffer, size_t size, size_t count, void* userdata);
-  static size_t onBody(char* buffer, size_t size, size_t count, void* userdata);
-  static int onProgress(void* userdata, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
-                        curl_off_t ulnow);
-
-  CURLM* const multi_;
-  std::mutex mutex_;
-  std::vector<Command> commands_;  // guarded by mutex_
-  bool stopping_ = false;          // guarded by mutex_
-  std::once_flag joined_;
-  std::thread thread_;
-  std::unordered_map<uint64_t, std::unique_ptr<Transfer>> transfers_;  // network thread only
-};
 
 namespace {
 
@@ -737,152 +649,10 @@ void ZMURLSessionEngine::deliver(const std::shared_ptr<ZMURLSessionTask>& task,
   }
 }
 
-// ---------------------------------------------------------------------------------------------
-
-void ZMURLRequest::setValue(const std::string& value, const std::string& field) {
-  std::erase_if(allHTTPHeaderFields,
-                [&](const auto& header) { return equalsIgnoringCase(header.first, field); });
-  allHTTPHeaderFields.emplace_back(field, value);
+bool ZMURLHeaderNameEquals(std::string_view a, std::string_view b) {
+  return equalsIgnoringCase(a, b);
 }
 
-std::optional<std::string> ZMHTTPURLResponse::valueForHTTPHeaderField(
-    std::string_view field) const {
-  for (const auto& [name, value] : allHeaderFields) {
-    if (equalsIgnoringCase(name, field)) return value;
-  }
-  return std::nullopt;
-}
+ZMError ZMURLCancelledError(const std::string& url) { return cancelledError(url); }
 
-ZMURLSessionTask::ZMURLSessionTask(Token, Kind kind, uint64_t identifier,
-                                   std::weak_ptr<ZMURLSession> session,
-                                   uint64_t sessionIdentifier, ZMURLRequest request,
-                                   ZMHTTPHeaderFields headers, double idleTimeout,
-                                   std::string temporaryDirectory, DataCompletion completion)
-    : kind_(kind),
-      identifier_(identifier),
-      session_(std::move(session)),
-      sessionIdentifier_(sessionIdentifier),
-      request_(std::move(request)),
-      headers_(std::move(headers)),
-      idleTimeout_(idleTimeout),
-      temporaryDirectory_(std::move(temporaryDirectory)),
-      completion_(std::move(completion)) {}
-
-std::optional<ZMHTTPURLResponse> ZMURLSessionTask::response() const {
-  std::lock_guard lock(mutex_);
-  return response_;
-}
-
-std::optional<ZMError> ZMURLSessionTask::error() const {
-  std::lock_guard lock(mutex_);
-  return error_;
-}
-
-void ZMURLSessionTask::resume() {
-  auto expected = State::suspended;
-  if (!state_.compare_exchange_strong(expected, State::running)) return;
-  auto session = session_.lock();
-  if (!session) {
-    state_.store(State::completed);
-    return;
-  }
-  if (session->invalidated_.load()) {
-    state_.store(State::canceling);
-    ZMURLSessionEngine::complete(shared_from_this(),
-                                 {cancelledError(request_.url), std::nullopt, std::nullopt, {}});
-    return;
-  }
-  session->engine_->start(shared_from_this());
-}
-
-void ZMURLSessionTask::cancel() {
-  auto state = state_.load();
-  for (;;) {
-    if (state == State::suspended) {
-      if (!state_.compare_exchange_weak(state, State::canceling)) continue;
-      ZMURLSessionEngine::complete(shared_from_this(),
-                                   {cancelledError(request_.url), std::nullopt, std::nullopt, {}});
-      return;
-    }
-    if (state != State::running) return;
-    if (state_.compare_exchange_weak(state, State::canceling)) break;
-  }
-  // The network thread ends the transfer, unless it has ended already.
-  if (auto session = session_.lock()) session->engine_->cancel(identifier_);
-}
-
-// ---------------------------------------------------------------------------------------------
-
-std::shared_ptr<ZMURLSession> ZMURLSession::sharedSession() {
-  static const std::shared_ptr<ZMURLSession> session = std::make_shared<ZMURLSession>(
-      Token{}, ZMURLSessionConfiguration::defaultSessionConfiguration(),
-      std::weak_ptr<ZMURLSessionDelegate>(), true);
-  return session;
-}
-
-std::shared_ptr<ZMURLSession> ZMURLSession::sessionWithConfiguration(
-    ZMURLSessionConfiguration configuration, std::weak_ptr<ZMURLSessionDelegate> delegate) {
-  return std::make_shared<ZMURLSession>(Token{}, std::move(configuration), std::move(delegate),
-                                        false);
-}
-
-ZMURLSession::ZMURLSession(Token, ZMURLSessionConfiguration configuration,
-                           std::weak_ptr<ZMURLSessionDelegate> delegate, bool shared)
-    : identifier_(nextIdentifier.fetch_add(1)),
-      configuration_(std::move(configuration)),
-      delegate_(std::move(delegate)),
-      shared_(shared),
-      engine_(ZMURLSessionEngine::acquire()) {}
-
-ZMURLSession::~ZMURLSession() { engine_->cancelSession(identifier_); }
-
-std::shared_ptr<ZMURLSessionTask> ZMURLSession::dataTask(ZMURLRequest request,
-                                                         DataCompletion completion) {
-  return makeTask(ZMURLSessionTask::Kind::data, std::move(request), std::move(completion));
-}
-
-std::shared_ptr<ZMURLSessionTask> ZMURLSession::downloadTask(ZMURLRequest request) {
-  return makeTask(ZMURLSessionTask::Kind::download, std::move(request), nullptr);
-}
-
-std::shared_ptr<ZMURLSessionTask> ZMURLSession::makeTask(ZMURLSessionTask::Kind kind,
-                                                         ZMURLRequest request,
-                                                         DataCompletion completion) {
-  ZMHTTPHeaderFields headers = request.allHTTPHeaderFields;
-  for (const auto& extra : configuration_.HTTPAdditionalHeaders) {
-    const bool overridden = std::any_of(headers.begin(), headers.end(), [&](const auto& header) {
-      return equalsIgnoringCase(header.first, extra.first);
-    });
-    if (!overridden) headers.push_back(extra);
-  }
-  const double idleTimeout = request.timeoutInterval > 0 ? request.timeoutInterval
-                                                         : configuration_.timeoutIntervalForRequest;
-  std::string temporaryDirectory = kind == ZMURLSessionTask::Kind::download
-                                       ? ZMSystemDirectories::temporaryDirectory()
-                                       : std::string();
-  auto task = std::make_shared<ZMURLSessionTask>(
-      ZMURLSessionTask::Token{}, kind, nextIdentifier.fetch_add(1), weak_from_this(), identifier_,
-      std::move(request), std::move(headers), idleTimeout > 0 ? idleTimeout : 60.0,
-      std::move(temporaryDirectory), std::move(completion));
-  std::lock_guard lock(tasksMutex_);
-  std::erase_if(tasks_, [](const auto& weak) { return weak.expired(); });
-  tasks_.push_back(task);
-  return task;
-}
-
-void ZMURLSession::invalidateAndCancel() {
-  if (shared_) return;
-  invalidated_.store(true);
-  std::vector<std::shared_ptr<ZMURLSessionTask>> live;
-  {
-    std::lock_guard lock(tasksMutex_);
-    for (const auto& weak : tasks_) {
-      if (auto task = weak.lock()) live.push_back(std::move(task));
-    }
-  }
-  for (const auto& task : live) task->cancel();
-}
-
-void ZMURLSession::finishTasksAndInvalidate() {
-  if (!shared_) invalidated_.store(true);
-}
+uint64_t ZMURLNextIdentifier() { return nextIdentifier.fetch_add(1); }
