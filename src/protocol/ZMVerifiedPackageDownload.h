@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "protocol/ZMOnFileDownloadListener.h"
+#include "protocol/ZMSingleThreadFileDownloader.h"
+#include "tavo/ZMGameListeners.h"
+
+// ZMVerifiedPackageDownload downloads one package to `savePath` with a
+// ZMSingleThreadFileDownloader and checks the file's MD5 (32 lower-case hex digits, compared
+// exactly) against the expected hash. A mismatch deletes the file and downloads once more without
+// telling the listener; a second mismatch is reported as "package hash check failure". An absent
+// or empty hash turns the check off, but only while a listener is there to hear the success:
+// with nobody listening the comparison runs and fails. A transfer failure is reported at once and
+// never repeated here. Game and plug-in package downloads are both this piece.
+//
+// Create it (or a subclass) with std::make_shared: it is its downloader's listener. Call from the
+// main thread; every listener callback arrives there. onDownloadStart is never sent: the caller
+// already told its own host that a download starts. cancel() stops the transfer silently.
+class ZMVerifiedPackageDownload : public ZMOnFileDownloadListener,
+                                  public std::enable_shared_from_this<ZMVerifiedPackageDownload> {
+ public:
+  // Removes any file already at `savePath` at once: the downloader never overwrites.
+  ZMVerifiedPackageDownload(std::weak_ptr<ZMPackageDownloadListener> listener,
+                            std::string savePath, std::string url);
+
+  // Cancels the current download and drops the downloader; the listener hears nothing more.
+  void cancel();
+
+  const std::string& savePath() const { return savePath_; }
+  const std::string& url() const { return url_; }
+  const std::shared_ptr<ZMSingleThreadFileDownloader>& downloader() const { return downloader_; }
+  // Set once the one repeat has started, and never reset: a second run on the same object that
+  // meets a mismatch fails at once.
+  bool isRetryDownload() const { return isRetryDownload_; }
+
+  // ZMOnFileDownloadListener, on the main queue (onDownloadStart on the caller's thread).
+  void onDownloadStart(const std::string& tag) override;
+  void onDownloadProgress(int64_t done, int64_t total) override;
+  void onDownloadSuccess(const std::string& path) override;
+  void onDownloadFailure(int32_t code, const std::string& msg, const ZMError& error) override;
+  void onDownloadCancel() override;
+  void onDownloadRetry(int32_t retry) override;
+
+ protected:
+  // Starts the first download, expecting `hash` and tagging the downloader with `tag`.
+  void start(std::optional<std::string> hash, std::string tag);
+
+ private:
+  void _ensureFile();
+  void _downloadFile();
+  void _checkPackageHash(const std::string& path);
+
+  const std::string savePath_;
+  const std::string url_;
+  std::optional<std::string> hash_;
+  std::string tag_;
+  std::weak_ptr<ZMPackageDownloadListener> listener_;
+  std::shared_ptr<ZMSingleThreadFileDownloader> downloader_;
+  bool isRetryDownload_ = false;
+};
