@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/ZMFormat.h"
+#include "protocol/ZMURLSession.h"
+#include "tavo/ZMError.h"
+#include "tavo/ZMValue.h"
+
+// ZMPluginProtocolPostForm is the wire format that both plug-in service requests share: the
+// request URL, the form body, the values every request carries, and the reading of the JSON
+// reply. It holds no state; its functions are safe on any thread.
+//
+// The body is written exactly as the service reads it: "key=value" pairs joined with "&", with
+// no percent-encoding at all. A value holding "&" or "=" goes out raw and splits the field on the
+// server's side; the service is built for that, so nothing here escapes anything.
+class ZMPluginProtocolPostForm {
+ public:
+  using Pair = std::pair<std::string_view, ZMFormatArg>;
+
+  // `host` joined with `path`, exactly one "/" between them; the "//" after the scheme stays.
+  static std::string requestURL(std::string_view host, std::string_view path);
+
+  // The engine's client identifier (its __watermark_sign); null in a process that links no
+  // engine, so that the library still links and the service sees "(null)".
+  static std::optional<std::string> clientId();
+  // The processor the library was built for ("x86_64", "arm64", "armv7", "i386").
+  static std::string cpuAbi();
+  // The platform tag the service expects, whatever the machine.
+  static constexpr const char* kOS = "iOS";
+  static std::string osVersion();
+
+  // The first pair written as "%@=%@", each further one appended as "&%@=%@"; a null value
+  // prints as "(null)".
+  static std::string body(std::initializer_list<Pair> pairs);
+
+  // `list` (an array of objects) in the human-readable JSON layout, members whose value is null
+  // left out. Fails, filling `error`, when a text is not valid UTF-8: the body is UTF-8 text.
+  static std::optional<std::string> pluginListText(const ZMValue& list, ZMError* error);
+
+  // A POST of `body` to `url` on the shared session, started. The completion arrives on the main
+  // queue.
+  static std::shared_ptr<ZMURLSessionTask> post(const std::string& url, std::string body,
+                                                ZMURLSession::DataCompletion completion);
+
+  // The reply as a JSON object or array; null when there is none or it does not parse (a bare
+  // number or text does not count as a reply either).
+  static ZMValue parseReply(const std::optional<std::string>& data);
+  // reply[key], or null when the reply is not an object or has no such member.
+  static ZMValue member(const ZMValue& reply, const char* key);
+  // True when `code` (a number, or a text starting with a number) has the integer value 200.
+  static bool isSuccessCode(const ZMValue& code);
+
+  // The error a completion reports when its request was cancelled after its reply had already
+  // been handed over: it counts as cancelled like any other.
+  static ZMError cancelledError();
+};

@@ -1,0 +1,125 @@
+#include "protocol/ZMPluginProtocolPostHash.h"
+
+#include <string_view>
+#include <utility>
+
+#include "platform/ZMFormat.h"
+#include "platform/ZMValueAccess.h"
+#include "protocol/ZMPluginProtocolPostForm.h"
+#include "tavo/ZMFileUtils.h"
+
+using Form = ZMPluginProtocolPostForm;
+
+namespace {
+
+// A provider or version with "/" or NUL names no installed plug-in (installs refuse them) and
+// would make the config path leave the plug-in root, so such a declaration is not looked up.
+bool staysInRoot(std::string_view part) {
+  return part.find('/') == std::string_view::npos && part.find('\0') == std::string_view::npos;
+}
+
+}  // namespace
+
+ZMPluginProtocolPostHash::ZMPluginProtocolPostHash(
+    std::string pluginRootPath, const std::string& host, std::optional<std::string> deviceId,
+    std::string gameId, std::string appBundleId, std::string runtimeVersion,
+    std::weak_ptr<ZMPluginProtocolPostHashListener> listener, PluginConfigFile pluginConfigFile)
+    : listener_(std::move(listener)),
+      pluginRootPath_(std::move(pluginRootPath)),
+      url_(Form::requestURL(host, kPath)),
+      deviceId_(std::move(deviceId)),
+      gameId_(std::move(gameId)),
+      appBundleId_(std::move(appBundleId)),
+      runtimeVersion_(std::move(runtimeVersion)),
+      pluginConfigFile_(pluginConfigFile) {}
+
+bool ZMPluginProtocolPostHash::execute(const ZMZimoGameConfig& config) {
+  ZMValue list = ZMValue::array();
+  const ZMValue plugins = config.plugins();
+  if (plugins.is_array()) {
+    for (const auto& declaration : plugins) {
+      const auto provider = ZMTextOption(declaration, "provider");
+      const auto version = ZMTextOption(declaration, "version");
+      if (!provider || !version || !staysInRoot(*provider) || !staysInRoot(*version)) continue;
+      // Only plug-ins installed with a known hash are worth asking about.
+      const auto installed = ZMFileUtils::readJSONObjectFromFile(
+          pluginConfigFile_(pluginRootPath_, *provider, *version));
+      if (!installed) continue;
+      const auto hash = ZMTextOption(*installed, "hash");
+      if (!hash || hash->empty()) continue;
+      list.push_back({{"plugin_id", *provider}, {"version", *version}, {"hash", *hash}});
+    }
+  }
+  // Nothing to ask, or nothing the body could carry: no request and, deliberately, no callback.
+  if (list.empty()) return false;
+  const auto pluginList = Form::pluginListText(list, nullptr);
+  if (!pluginList) return false;
+
+  std::string body = Form::body({{"client_id", Form::clientId()},
+                                 {"device_id", deviceId_},
+                                 {"game_id", gameId_},
+                                 {"app_bundle_id", appBundleId_},
+                                 {"client_version", runtimeVersion_},
+                                 {"cpu_abi", Form::cpuAbi()},
+                                 {"os", Form::kOS},
+                                 {"os_version", Form::osVersion()},
+                                 {"plugin_list", *pluginList}});
+
+  std::lock_guard lock(mutex_);
+  if (dataTask_) dataTask_->cancel();
+  const uint64_t serial = ++serial_;
+  dataTask_ = Form::post(url_, std::move(body), _completion(serial));
+  return true;
+}
+
+ZMURLSession::DataCompletion ZMPluginProtocolPostHash::_completion(uint64_t serial) {
+  // The session delivers on the main queue already. The reply holds this object weakly, so that
+  // releasing it silences the reply, and counts as cancelled once another request replaced it.
+  return [weak = weak_from_this(), serial](const std::optional<std::string>& data,
+                                           const std::optional<ZMHTTPURLResponse>& response,
+                                           const std::optional<ZMError>& error) {
+    auto self = weak.lock();
+    if (!self) return;
+    const bool current = self->serial_.load() == serial;
+    self->_onCompleteWithData(data, response, current ? error : Form::cancelledError());
+  };
+}
+
+void ZMPluginProtocolPostHash::cancel() {
+  std::lock_guard lock(mutex_);
+  if (!dataTask_) return;
+  ++serial_;
+  dataTask_->cancel();
+  dataTask_.reset();
+}
+
+void ZMPluginProtocolPostHash::_onCompleteWithData(const std::optional<std::string>& data,
+                                                   const std::optional<ZMHTTPURLResponse>&,
+                                                   const std::optional<ZMError>& error) {
+  if (error) {
+    if (error->code == kZMURLErrorCancelled) {
+      ZMLogFormat("post hash request has been canceled");
+      return;
+    }
+    ZMLogFormat("post hash request error: %@", {*error});
+    _notifyFailure(*error);
+    return;
+  }
+  const ZMValue reply = Form::parseReply(data);
+  ZMLogFormat("post hash request success: %@", {reply});
+  const ZMValue code = Form::member(reply, "code");
+  if (!Form::isSuccessCode(code)) {
+    _notifyFailure(ZMError(ZMFormat("get plugin hash error %@", {code}), 0));
+    return;
+  }
+  // Passed on as received: an absent list is not a failure here, the update flow reads it.
+  _notifyList(Form::member(reply, "plugin_results"));
+}
+
+void ZMPluginProtocolPostHash::_notifyList(const ZMValue& pluginResults) {
+  if (auto listener = listener_.lock()) listener->onGetUpdatePluginList(pluginResults);
+}
+
+void ZMPluginProtocolPostHash::_notifyFailure(const ZMError& error) {
+  if (auto listener = listener_.lock()) listener->onPostHashFailure(error);
+}
