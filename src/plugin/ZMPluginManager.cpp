@@ -7,6 +7,9 @@
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMSystemDirectories.h"
+#include "plugin/ZMPluginCheckUpdateManager.h"
+#include "plugin/ZMPluginListTask.h"
+#include "plugin/ZMPluginRemoveListTask.h"
 #include "util/ZMTaskGroup.h"
 
 namespace {
@@ -108,8 +111,12 @@ void ZMPluginManager::onRunSuccess(const ZMValue& options) {
   if (!config) return;
   const ZMValue plugins = config->plugins();
   if (!plugins.is_array() || plugins.empty()) return;
-  // WIRE cancelAndClear(pluginCheckUpdateManager_);
-  // The update prefetch worker is wired here once it exists.
+  cancelAndClear(pluginCheckUpdateManager_);
+  pluginCheckUpdateManager_ = adopt(std::make_shared<ZMPluginCheckUpdateManager>(
+      storagePluginPath_, appPackageCache_, pluginServiceHosts_, _getUniqueId(),
+      ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID).value_or(""),
+      ZMDevice::bundleIdentifier(), TAVO_VERSION_TEXT));
+  pluginCheckUpdateManager_->execute(std::move(config));
 }
 
 void ZMPluginManager::checkPluginVersion(const ZMValue& info,
@@ -146,21 +153,28 @@ void ZMPluginManager::installPlugin(const ZMValue& info,
   }
 }
 
-void ZMPluginManager::listPlugin(std::weak_ptr<ZMGameListListener> /*listener*/) {
-  // WIRE cancelAndClear(listTask_);
+void ZMPluginManager::listPlugin(std::weak_ptr<ZMGameListListener> listener) {
+  cancelAndClear(listTask_);
+  if (tasks_->hasEnded()) return;
+  listTask_ = adopt(std::make_shared<ZMPluginListTask>(std::move(listener)));
+  listTask_->execute(storagePluginPath_);
 }
 
-void ZMPluginManager::removePluginList(const ZMValue& /*list*/,
-                                       std::weak_ptr<ZMPluginRemoveListener> /*listener*/) {
-  // WIRE cancelAndClear(removeListTask_);
+void ZMPluginManager::removePluginList(const ZMValue& list,
+                                       std::weak_ptr<ZMPluginRemoveListener> listener) {
+  cancelAndClear(removeListTask_);
+  if (tasks_->hasEnded()) return;
+  removeListTask_ =
+      adopt(std::make_shared<ZMPluginRemoveListTask>(storagePluginPath_, std::move(listener)));
+  removeListTask_->execute(list);
 }
 
 void ZMPluginManager::cancelPluginRequest() {
   // WIRE cancelAndClear(pluginCheckPackageManager_);
   // WIRE cancelAndClear(pluginInstallPackageManager_);
-  // WIRE cancelAndClear(pluginCheckUpdateManager_);
-  // WIRE cancelAndClear(listTask_);
-  // WIRE cancelAndClear(removeListTask_);
+  cancelAndClear(pluginCheckUpdateManager_);
+  cancelAndClear(listTask_);
+  cancelAndClear(removeListTask_);
 }
 
 void ZMPluginManager::done() {

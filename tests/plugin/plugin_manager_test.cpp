@@ -1,7 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <filesystem>
+
 #include "plugin/ZMPluginManager.h"
+#include "support/TestHttpServer.h"
+#include "support/TestListeners.h"
 #include "support/TestRuntime.h"
+#include "support/TestSupport.h"
+#include "tavo/ZMFileUtils.h"
 
 namespace {
 
@@ -69,6 +76,76 @@ TEST_F(ZMPluginManagerTest, CheckAndInstallValidateInTheirOwnOrders) {
     plugins->installPlugin(info, listener);
     EXPECT_EQ(listener->events(), (Events{"start:" + ProviderOf(info), expected})) << info.dump();
   }
+}
+
+}  // namespace
+
+namespace {
+
+void InstallPlugin(const std::string& root, const std::string& name, const std::string& hash) {
+  WriteFile(root + "/" + name + "/main.js", "x");
+  WriteFile(root + "/" + name + ".detail.json", ZMValue{{"hash", hash}}.dump());
+}
+
+TEST_F(ZMPluginManagerTest, ListAndRemoveWorkOnThePluginRootAndANewRequestSilencesTheLast) {
+  InstallPlugin(t.plugin(), "p_1", "h1");
+  InstallPlugin(t.plugin(), "q_2", "h2");
+  auto plugins = manager();
+  auto replaced = std::make_shared<ListRecorder>(), listed = std::make_shared<ListRecorder>();
+  plugins->listPlugin(replaced);
+  plugins->listPlugin(listed);
+  ASSERT_TRUE(RunUntil([&] { return listed->size() == 1; }));
+  DrainMainQueue();
+  EXPECT_EQ(replaced->size(), 0u);
+  EXPECT_EQ(listed->items.size(), 2u);
+
+  auto removal = std::make_shared<PluginRemoveRecorder>();
+  plugins->removePluginList(ZMValue::array({{{"provider", "p"}, {"version", "1"}}}), removal);
+  ASSERT_TRUE(RunUntil([&] { return removal->last() == "success"; }));
+  EXPECT_EQ(ListDir(t.plugin()), (Events{"q_2", "q_2.detail.json"}));
+
+  // A cancel reaches a removal whose start is already posted: nobody hears of it.
+  auto cancelled = std::make_shared<PluginRemoveRecorder>();
+  plugins->removePluginList(ZMValue::array({{{"provider", "q"}, {"version", "2"}}}), cancelled);
+  plugins->cancelPluginRequest();
+  DrainMainQueue();
+  EXPECT_EQ(cancelled->size(), 0u);
+}
+
+TEST_F(ZMPluginManagerTest, ARunningGameWithPluginsPrefetchesFromTheHostsSetLast) {
+  const std::string package = "newer package", hash = ZMFileUtils::getFileMD5(
+      [&] { WriteFile(t.root() + "/pkg", package); return t.root() + "/pkg"; }()).value();
+  TestHttpServer service;
+  std::atomic<int> queries{0};
+  service.Post("/ced/runtime/plugin/hash", [&](const httplib::Request&, httplib::Response& res) {
+    ++queries;
+    res.set_content(ZMValue{{"code", 200},
+                            {"plugin_results",
+                             {{{"plugin_id", "p"}, {"version", "1"}, {"hash", hash},
+                               {"url", service.url("/pkg")}}}}}.dump(),
+                    "application/json");
+  });
+  service.Get("/pkg", [&](const httplib::Request&, httplib::Response& res) {
+    res.set_content(package, "application/zip");
+  });
+  service.start();
+  InstallPlugin(t.plugin(), "p_1", "h1");
+  ASSERT_TRUE(t.installGame("g1", "1", R"({"plugins":{"a":{"provider":"p","version":"1"}}})"));
+  ASSERT_TRUE(t.installGame("g2", "1"));
+  auto plugins = manager();
+  plugins->setPluginServiceHosts({service.url("/ced")});
+
+  // A game without plug-ins asks nothing; one with plug-ins prefetches the newer package.
+  for (const char* appId : {"g2", "g1"}) {
+    ZMValue options{{"rt_game_package_app_id", appId}};
+    EXPECT_EQ(plugins->onGameEvent(ZMGameEventRunSuccess, options), std::nullopt);
+  }
+  const std::string cached = t.cache() + "/" + hash + "_p_1.zip";
+  ASSERT_TRUE(RunUntil([&] { return std::filesystem::exists(cached); }));
+  EXPECT_EQ(ReadFile(cached), package);
+  EXPECT_EQ(queries.load(), 1);
+  EXPECT_EQ(*ZMFileUtils::readJSONObjectFromFile(t.plugin() + "/p_1.detail.json"),
+            (ZMValue{{"hash", "h1"}, {"updateHash", hash}}));
 }
 
 }  // namespace

@@ -1,0 +1,175 @@
+#include "plugin/ZMPluginCheckUpdateManager.h"
+
+#include <string_view>
+#include <utility>
+
+#include "platform/ZMFileManager.h"
+#include "platform/ZMFormat.h"
+#include "platform/ZMJSON.h"
+#include "platform/ZMValueAccess.h"
+#include "plugin/ZMPluginManager.h"
+#include "protocol/ZMPluginProtocolDownloadPackage.h"
+#include "protocol/ZMPluginProtocolPostHash.h"
+#include "tavo/ZMFileUtils.h"
+
+namespace {
+
+// Provider, version and hash each end up inside one file name ("p_1.0.detail.json",
+// "h_p_1.0.zip"). A "/" or NUL would let the service's answer name a file outside the plug-in
+// root or the package cache, and "." or ".." are refused with them so that no part is ever a
+// path step on its own. An empty part is harmless and goes through.
+bool isSafeNamePart(std::string_view part) {
+  return part != "." && part != ".." && part.find('/') == std::string_view::npos &&
+         part.find('\0') == std::string_view::npos;
+}
+
+}  // namespace
+
+ZMPluginCheckUpdateManager::ZMPluginCheckUpdateManager(
+    std::string pluginRootPath, std::string pluginZipSaveRootPath, std::vector<std::string> hosts,
+    std::optional<std::string> deviceId, std::string gameId, std::string appBundleId,
+    std::string runtimeVersion)
+    : pluginRootPath_(std::move(pluginRootPath)),
+      pluginZipSavePath_(std::move(pluginZipSaveRootPath)),
+      hostArr_(std::move(hosts)),
+      deviceId_(std::move(deviceId)),
+      gameId_(std::move(gameId)),
+      appBundleId_(std::move(appBundleId)),
+      runtimeVersion_(std::move(runtimeVersion)) {}
+
+ZMPluginCheckUpdateManager::~ZMPluginCheckUpdateManager() {
+  // A worker released without cancel() leaves no transfer running behind it either.
+  if (postHash_) postHash_->cancel();
+  if (downloadPackage_) downloadPackage_->cancel();
+}
+
+void ZMPluginCheckUpdateManager::execute(std::shared_ptr<const ZMZimoGameConfig> gameConfig) {
+  gameConfig_ = std::move(gameConfig);
+  hostIndex_ = 0;
+  currentUpdateIndex_ = 0;
+  _tryPostHash();
+}
+
+void ZMPluginCheckUpdateManager::cancel() {
+  ZMTaskBase::cancel();
+  if (postHash_) {
+    postHash_->cancel();
+    postHash_.reset();
+  }
+  if (downloadPackage_) {
+    downloadPackage_->cancel();
+    downloadPackage_.reset();
+  }
+  _end();
+}
+
+void ZMPluginCheckUpdateManager::_tryPostHash() {
+  if (isCancel()) return;
+  if (!gameConfig_ || hostIndex_ >= static_cast<int64_t>(hostArr_.size())) {
+    _end();  // every host failed: the update ends without a word
+    return;
+  }
+  if (postHash_) {
+    postHash_->cancel();
+    postHash_.reset();
+  }
+  const std::string& host = hostArr_[static_cast<size_t>(hostIndex_)];
+  ++hostIndex_;
+  postHash_ = std::make_shared<ZMPluginProtocolPostHash>(
+      pluginRootPath_, host, deviceId_, gameId_, appBundleId_, runtimeVersion_, weak_from_this(),
+      static_cast<ZMPluginProtocolPostHash::PluginConfigFile>(
+          &ZMPluginManager::getPluginConfigFile));
+  // Held here as well: a reply made during execute() may replace postHash_.
+  const auto query = postHash_;
+  // When none of the game's plug-ins is installed with a hash, nothing is sent and no reply
+  // ever comes: the run simply ends here.
+  if (!query->execute(*gameConfig_)) _end();
+}
+
+void ZMPluginCheckUpdateManager::_downloadUpdatePlugin() {
+  if (isCancel()) return;
+  if (!pluginUpdateList_) {
+    _end();
+    return;
+  }
+  const ZMValue& list = *pluginUpdateList_;
+  while (currentUpdateIndex_ < static_cast<int64_t>(list.size())) {
+    const ZMValue& entry = list[static_cast<size_t>(currentUpdateIndex_)];
+    const auto provider = ZMTextOption(entry, "plugin_id");
+    const auto version = ZMTextOption(entry, "version");
+    const auto hash = ZMTextOption(entry, "hash");
+    const auto url = ZMTextOption(entry, "url");
+    if (!provider || !version || !hash || !url || !isSafeNamePart(*provider) ||
+        !isSafeNamePart(*version) || !isSafeNamePart(*hash)) {
+      // An entry that names no plug-in file safely is passed over, config and package alike.
+      ZMLogFormat("skip plugin update entry: %@", {entry});
+      ++currentUpdateIndex_;
+      continue;
+    }
+    // Recorded before the download, so that a later version check knows which cached package
+    // belongs to the plug-in, even while it is still on its way.
+    _writeUpdateHash(ZMPluginManager::getPluginConfigFile(pluginRootPath_, *provider, *version),
+                     *hash);
+    const std::string packagePath = ZMPluginManager::getPluginPackageDownloadPath(
+        pluginZipSavePath_, *provider, *version, *hash);
+    // The MD5 is recomputed rather than remembered, so a damaged copy is fetched again. A missing
+    // file's digest is "", which an empty hash matches; a failed digest matches nothing.
+    if (ZMFileUtils::getFileMD5(packagePath) == *hash) {
+      ++currentUpdateIndex_;
+      continue;
+    }
+    if (downloadPackage_) {
+      downloadPackage_->cancel();
+      downloadPackage_.reset();
+    }
+    downloadPackage_ =
+        std::make_shared<ZMPluginProtocolDownloadPackage>(packagePath, *url, weak_from_this());
+    // The index moves on before the download starts, so that a result reported from inside
+    // execute() continues with the next entry instead of this one.
+    ++currentUpdateIndex_;
+    const auto download = downloadPackage_;
+    download->execute(*hash);
+    return;
+  }
+  _end();  // the list is done
+}
+
+void ZMPluginCheckUpdateManager::_writeUpdateHash(const std::string& configPath,
+                                                  const std::string& hash) {
+  // Read-modify-write: the install's "hash" and any key a host put there survive.
+  auto config = ZMFileUtils::readJSONObjectFromFile(configPath);
+  ZMValue object = config && config->is_object() ? std::move(*config) : ZMValue::object();
+  object["updateHash"] = hash;
+  // A failed write only costs the next version check its shortcut; the prefetch goes on.
+  ZMFileManager::writeFileAtomically(configPath, ZMJSONPrettyString(object), nullptr);
+}
+
+void ZMPluginCheckUpdateManager::_end() { finished(); }
+
+void ZMPluginCheckUpdateManager::onGetUpdatePluginList(const ZMValue& pluginResults) {
+  if (isCancel()) return;
+  // Anything but a list is taken as no list: there is nothing to walk.
+  pluginUpdateList_.reset();
+  if (pluginResults.is_array()) pluginUpdateList_ = pluginResults;
+  _downloadUpdatePlugin();
+}
+
+void ZMPluginCheckUpdateManager::onPostHashFailure(const ZMError&) {
+  if (isCancel()) return;
+  _tryPostHash();
+}
+
+// Progress and retries mean nothing to a prefetch nobody watches; the start is never sent.
+void ZMPluginCheckUpdateManager::onDownloadStart() {}
+void ZMPluginCheckUpdateManager::onDownloadProgress(int64_t, int64_t) {}
+void ZMPluginCheckUpdateManager::onDownloadRetry(int64_t) {}
+
+void ZMPluginCheckUpdateManager::onDownloadSuccess(const std::string&) {
+  if (isCancel()) return;
+  _downloadUpdatePlugin();
+}
+
+void ZMPluginCheckUpdateManager::onDownloadFailure(const ZMError&) {
+  if (isCancel()) return;
+  _downloadUpdatePlugin();
+}
