@@ -14,7 +14,9 @@ class WaitingListener : public ZMUnzipGamePackageListener {
  public:
   void onUnzipSucceed() override { finish(""); }
   void onUnzipProgress(float) override {}
-  void onUnzipFailed(const std::string& message) override { finish(message.empty() ? "?" : message); }
+  void onUnzipFailed(const std::string& message) override {
+    finish(message.empty() ? "?" : message);
+  }
 
   std::string wait() {
     std::unique_lock lock(mutex_);

@@ -84,15 +84,15 @@ int main(int argc, char** argv) {
   } else {
     auto sweep = std::make_shared<SweepListener>();
     const auto start = std::chrono::steady_clock::now();
-    init->runtime->checkFileAvailability({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
-                                          {ZM_KEY_CHECK_FILE_KEEP_TIME, minutes}},
-                                         sweep);
+    init->runtime->checkFileAvailability(
+        {{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}}, {ZM_KEY_CHECK_FILE_KEEP_TIME, minutes}},
+        sweep);
     ZMMainQueue::runUntil([&] { return sweep->ended; }, std::chrono::hours(1));
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
     init->runtime->done();
     if (sweep->ok) {
-      std::printf("deleted %ld\nsweep %.3f s\npeak RSS %ld KiB\n", sweep->deleted,
-                  elapsed.count(), peakRssKiB());
+      std::printf("deleted %ld\nsweep %.3f s\npeak RSS %ld KiB\n", sweep->deleted, elapsed.count(),
+                  peakRssKiB());
       rc = 0;
     } else if (!sweep->ended) {
       std::fprintf(stderr, "the sweep did not end\n");

@@ -37,12 +37,12 @@ class TAVO_EXPORT ZMFileUtils {
   // "creat Directory Failed. errorInfo:%@" and returns false when creation fails.
   static bool ensureDirExists(const std::string& path);
   static bool renameFile(const std::string& oldPath,
-                         const std::string& newPath);                  // placeholder: false
-  static bool copyFile(const std::string& src, const std::string& dst);  // placeholder: false
+                         const std::string& newPath);                        // placeholder: false
+  static bool copyFile(const std::string& src, const std::string& dst);      // placeholder: false
   static std::string getFileName(const std::string& path, bool withSuffix);  // placeholder: ""
-  static std::string ensurePathEndsWithSlash(const std::string& path);     // placeholder: ""
-  static std::string removeLastSlash(const std::string& path);             // placeholder: ""
-  static std::string byteArrayToHex(const unsigned char* bytes);           // placeholder: ""
+  static std::string ensurePathEndsWithSlash(const std::string& path);       // placeholder: ""
+  static std::string removeLastSlash(const std::string& path);               // placeholder: ""
+  static std::string byteArrayToHex(const unsigned char* bytes);             // placeholder: ""
   // "" for a missing file, null when the digest fails, else 32 lower-case hex digits.
   static std::optional<std::string> getFileMD5(const std::string& path);
   static std::string getStringMD5(const std::string& text);  // placeholder: ""

@@ -16,7 +16,8 @@ inline constexpr const char* ZM_KEY_GAME_PACKAGE_VERSION = "rt_game_package_vers
 inline constexpr const char* ZM_KEY_GAME_PACKAGE_URL = "rt_game_package_url";
 inline constexpr const char* ZM_KEY_GAME_PACKAGE_HASH = "rt_game_package_hash";
 inline constexpr const char* ZM_KEY_GAME_PACKAGE_PATH = "rt_game_package_path";
-inline constexpr const char* ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT = "rt_game_package_subpackage_root";
+inline constexpr const char* ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT =
+    "rt_game_package_subpackage_root";
 inline constexpr const char* ZM_KEY_GAME_PACKAGE_EXTEND_DATA = "rt_game_package_extend_data";
 
 // Game launch (runGame).
@@ -49,4 +50,5 @@ inline constexpr const char* ZM_SYSTEM_KEY_FILE_USER_TEMP_PATH = "_rt_file_user_
 inline constexpr const char* ZM_SYSTEM_KEY_FILE_APP_DETAIL_PATH = "_rt_file_app_detail_path";
 inline constexpr const char* ZM_SYSTEM_KEY_LOCAL_STORAGE_PATH = "_rt_local_storage_path";
 inline constexpr const char* ZM_SYSTEM_KEY_GAME_LOADING_START_TIME = "_rt_game_loading_start_time";
-inline constexpr const char* ZM_SYSTEM_KEY_FILE_PLUGIN_PACKAGE_PATH = "_rt_file_plugin_package_path";
+inline constexpr const char* ZM_SYSTEM_KEY_FILE_PLUGIN_PACKAGE_PATH =
+    "_rt_file_plugin_package_path";

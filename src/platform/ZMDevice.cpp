@@ -75,11 +75,10 @@ std::optional<std::string> ZMDevice::identifierForVendor() {
   digest[6] = static_cast<unsigned char>((digest[6] & 0x0f) | 0x50);
   digest[8] = static_cast<unsigned char>((digest[8] & 0x3f) | 0x80);
   char text[37];
-  std::snprintf(text, sizeof text,
-                "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", digest[0],
-                digest[1], digest[2], digest[3], digest[4], digest[5], digest[6], digest[7],
-                digest[8], digest[9], digest[10], digest[11], digest[12], digest[13], digest[14],
-                digest[15]);
+  std::snprintf(
+      text, sizeof text, "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+      digest[0], digest[1], digest[2], digest[3], digest[4], digest[5], digest[6], digest[7],
+      digest[8], digest[9], digest[10], digest[11], digest[12], digest[13], digest[14], digest[15]);
   return std::string(text);
 }
 

@@ -38,11 +38,12 @@ int64_t cocoaCode(int err, bool writing) {
 
 bool fail(ZMError* error, int err, bool writing, std::string_view what, std::string_view path) {
   if (error) {
-    const std::string text = std::string(what) + " \u201c" + std::string(path) + "\u201d: " +
-                             std::strerror(err);
-    *error = ZMError(kZMCocoaErrorDomain, cocoaCode(err, writing),
-                     ZMValue{{kZMLocalizedDescriptionKey, text}, {"NSFilePath", path},
-                             {"NSPOSIXErrorDomain", err}});
+    const std::string text =
+        std::string(what) + " \u201c" + std::string(path) + "\u201d: " + std::strerror(err);
+    *error = ZMError(
+        kZMCocoaErrorDomain, cocoaCode(err, writing),
+        ZMValue{
+            {kZMLocalizedDescriptionKey, text}, {"NSFilePath", path}, {"NSPOSIXErrorDomain", err}});
   }
   return false;
 }

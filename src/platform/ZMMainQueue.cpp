@@ -121,8 +121,8 @@ bool ZMMainQueue::runUntil(const std::function<bool()>& done, std::chrono::milli
       return done();
     }
     // Background work can satisfy `done` without posting, so idle waits are short.
-    const auto slice = std::min(deadline, std::chrono::steady_clock::now() +
-                                              std::chrono::milliseconds(5));
+    const auto slice =
+        std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(5));
     state().ready.wait_until(lock, slice, [] { return !state().blocks.empty(); });
   }
 }

@@ -25,10 +25,12 @@ bool isSafeNamePart(std::string_view part) {
 
 }  // namespace
 
-ZMPluginCheckUpdateManager::ZMPluginCheckUpdateManager(
-    std::string pluginRootPath, std::string pluginZipSaveRootPath, std::vector<std::string> hosts,
-    std::optional<std::string> deviceId, std::string gameId, std::string appBundleId,
-    std::string runtimeVersion)
+ZMPluginCheckUpdateManager::ZMPluginCheckUpdateManager(std::string pluginRootPath,
+                                                       std::string pluginZipSaveRootPath,
+                                                       std::vector<std::string> hosts,
+                                                       std::optional<std::string> deviceId,
+                                                       std::string gameId, std::string appBundleId,
+                                                       std::string runtimeVersion)
     : pluginRootPath_(std::move(pluginRootPath)),
       pluginZipSavePath_(std::move(pluginZipSaveRootPath)),
       hostArr_(std::move(hosts)),

@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "protocol/ZMURLSession.h"
 #include "protocol/ZMOnFileDownloadListener.h"
+#include "protocol/ZMURLSession.h"
 
 // ZMSingleThreadFileDownloader fetches one URL into one file with a single GET on its own URL
 // session: the body goes to a temporary file, which is moved to `filePath` when the server
@@ -18,8 +18,9 @@
 // Threads: start() and cancel() may be called from any thread (onDownloadStart runs on the
 // caller's); every other callback arrives on the main queue. The listener is held weakly: once it
 // is gone, nothing is reported.
-class ZMSingleThreadFileDownloader : public ZMURLSessionDelegate,
-                                     public std::enable_shared_from_this<ZMSingleThreadFileDownloader> {
+class ZMSingleThreadFileDownloader
+    : public ZMURLSessionDelegate,
+      public std::enable_shared_from_this<ZMSingleThreadFileDownloader> {
  public:
   // Idle time-out of the download: no byte for this long ends it with a failure.
   static constexpr double kTimeoutInterval = 90;

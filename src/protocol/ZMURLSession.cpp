@@ -20,10 +20,10 @@ std::optional<std::string> ZMHTTPURLResponse::valueForHTTPHeaderField(
 }
 
 ZMURLSessionTask::ZMURLSessionTask(Token, Kind kind, uint64_t identifier,
-                                   std::weak_ptr<ZMURLSession> session,
-                                   uint64_t sessionIdentifier, ZMURLRequest request,
-                                   ZMHTTPHeaderFields headers, double idleTimeout,
-                                   std::string temporaryDirectory, DataCompletion completion)
+                                   std::weak_ptr<ZMURLSession> session, uint64_t sessionIdentifier,
+                                   ZMURLRequest request, ZMHTTPHeaderFields headers,
+                                   double idleTimeout, std::string temporaryDirectory,
+                                   DataCompletion completion)
     : kind_(kind),
       identifier_(identifier),
       session_(std::move(session)),
@@ -54,8 +54,8 @@ void ZMURLSessionTask::resume() {
   }
   if (session->invalidated_.load()) {
     state_.store(State::canceling);
-    ZMURLSessionEngine::complete(shared_from_this(),
-                                 {ZMURLCancelledError(request_.url), std::nullopt, std::nullopt, {}});
+    ZMURLSessionEngine::complete(
+        shared_from_this(), {ZMURLCancelledError(request_.url), std::nullopt, std::nullopt, {}});
     return;
   }
   session->engine_->start(shared_from_this());
@@ -66,8 +66,8 @@ void ZMURLSessionTask::cancel() {
   for (;;) {
     if (state == State::suspended) {
       if (!state_.compare_exchange_weak(state, State::canceling)) continue;
-      ZMURLSessionEngine::complete(shared_from_this(),
-                                   {ZMURLCancelledError(request_.url), std::nullopt, std::nullopt, {}});
+      ZMURLSessionEngine::complete(
+          shared_from_this(), {ZMURLCancelledError(request_.url), std::nullopt, std::nullopt, {}});
       return;
     }
     if (state != State::running) return;

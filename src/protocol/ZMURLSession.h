@@ -76,7 +76,7 @@ struct ZMHTTPURLResponse {
 struct ZMURLSessionConfiguration {
   static ZMURLSessionConfiguration defaultSessionConfiguration() { return {}; }
 
-  double timeoutIntervalForRequest = 60;  // idle time-out in seconds
+  double timeoutIntervalForRequest = 60;     // idle time-out in seconds
   ZMHTTPHeaderFields HTTPAdditionalHeaders;  // sent unless the request sets the same field
 };
 
@@ -150,8 +150,7 @@ class ZMURLSessionDelegate {
                             int64_t /*totalBytesExpectedToWrite*/) {}
   // A download task received its whole body, which is in the file at `location`. Move it away
   // during this call to keep it.
-  virtual void didFinishDownloadingToLocation(ZMURLSession& /*session*/,
-                                              ZMURLSessionTask& /*task*/,
+  virtual void didFinishDownloadingToLocation(ZMURLSession& /*session*/, ZMURLSessionTask& /*task*/,
                                               const std::string& /*location*/) {}
   // The task ended; `error` is null on success (whatever the HTTP status). Data tasks created
   // with a completion function report there instead.
@@ -169,8 +168,7 @@ class ZMURLSession : public std::enable_shared_from_this<ZMURLSession> {
   // cannot be invalidated.
   static std::shared_ptr<ZMURLSession> sharedSession();
   static std::shared_ptr<ZMURLSession> sessionWithConfiguration(
-      ZMURLSessionConfiguration configuration,
-      std::weak_ptr<ZMURLSessionDelegate> delegate = {});
+      ZMURLSessionConfiguration configuration, std::weak_ptr<ZMURLSessionDelegate> delegate = {});
 
   ZMURLSession(Token, ZMURLSessionConfiguration configuration,
                std::weak_ptr<ZMURLSessionDelegate> delegate, bool shared);

@@ -37,8 +37,7 @@ constexpr auto kLongestWait = std::chrono::seconds(10);
 std::atomic<uint64_t> nextIdentifier{1};
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
            return std::tolower(static_cast<unsigned char>(x)) ==
                   std::tolower(static_cast<unsigned char>(y));
          });
@@ -253,7 +252,9 @@ void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
       complete(std::move(transfer->task),
                {urlError(kZMURLErrorCannotCreateFile, "The file couldn\u2019t be created.", url,
                          pattern + ": " + std::strerror(err)),
-                std::nullopt, std::nullopt, {}});
+                std::nullopt,
+                std::nullopt,
+                {}});
       return;
     }
     transfer->fd = fd;
@@ -263,12 +264,14 @@ void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
     release(*transfer, true);
     complete(std::move(transfer->task),
              {urlError(kZMURLErrorUnknown, "unknown error", url, "transfer setup failed"),
-              std::nullopt, std::nullopt, {}});
+              std::nullopt,
+              std::nullopt,
+              {}});
     return;
   }
   transfer->lastActivity = Clock::now();
-  transfer->idleTimeout = std::chrono::duration_cast<Clock::duration>(
-      std::chrono::duration<double>(t.idleTimeout_));
+  transfer->idleTimeout =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(t.idleTimeout_));
   transfers_.emplace(t.identifier_, std::move(transfer));
 }
 
@@ -465,8 +468,7 @@ ZMError ZMURLSessionEngine::errorOf(CURLcode result, const Transfer& transfer) {
     case CURLE_WEIRD_SERVER_REPLY:
       return urlError(kURLErrorBadServerResponse, "bad server response", url, detail);
     case CURLE_BAD_CONTENT_ENCODING:
-      return urlError(kURLErrorCannotDecodeContentData, "cannot decode content data", url,
-                      detail);
+      return urlError(kURLErrorCannotDecodeContentData, "cannot decode content data", url, detail);
     case CURLE_TOO_MANY_REDIRECTS:
       return urlError(kURLErrorHTTPTooManyRedirects, "too many HTTP redirects", url, detail);
     case CURLE_PEER_FAILED_VERIFICATION:
@@ -568,9 +570,8 @@ bool ZMURLSessionEngine::flush(Transfer& transfer) {
   task.bytesReceived_.fetch_add(static_cast<int64_t>(length));
   // One progress block in the queue at a time; it reports the count as of when it runs.
   if (!task.progressPending_.exchange(true)) {
-    ZMMainQueue::post([weak = std::weak_ptr<ZMURLSessionTask>(transfer.task)] {
-      deliverProgress(weak);
-    });
+    ZMMainQueue::post(
+        [weak = std::weak_ptr<ZMURLSessionTask>(transfer.task)] { deliverProgress(weak); });
   }
   return true;
 }
@@ -600,9 +601,8 @@ int ZMURLSessionEngine::onProgress(void* userdata, curl_off_t, curl_off_t dlnow,
 }
 
 void ZMURLSessionEngine::complete(std::shared_ptr<ZMURLSessionTask> task, Outcome outcome) {
-  ZMMainQueue::post([task = std::move(task), outcome = std::move(outcome)]() mutable {
-    deliver(task, outcome);
-  });
+  ZMMainQueue::post(
+      [task = std::move(task), outcome = std::move(outcome)]() mutable { deliver(task, outcome); });
 }
 
 void ZMURLSessionEngine::deliverProgress(const std::weak_ptr<ZMURLSessionTask>& weakTask) {
@@ -621,8 +621,7 @@ void ZMURLSessionEngine::deliverProgress(const std::weak_ptr<ZMURLSessionTask>& 
   }
 }
 
-void ZMURLSessionEngine::deliver(const std::shared_ptr<ZMURLSessionTask>& task,
-                                 Outcome& outcome) {
+void ZMURLSessionEngine::deliver(const std::shared_ptr<ZMURLSessionTask>& task, Outcome& outcome) {
   {
     std::lock_guard lock(task->mutex_);
     if (outcome.response) task->response_ = outcome.response;

@@ -25,8 +25,8 @@ void ZMVerifiedPackageDownload::cancel() {
 
 void ZMVerifiedPackageDownload::_downloadFile() {
   // Replacing the downloader releases the previous one, whose transfer has ended.
-  downloader_ = std::make_shared<ZMSingleThreadFileDownloader>(savePath_, url_, tag_,
-                                                               weak_from_this());
+  downloader_ =
+      std::make_shared<ZMSingleThreadFileDownloader>(savePath_, url_, tag_, weak_from_this());
   downloader_->start();
 }
 

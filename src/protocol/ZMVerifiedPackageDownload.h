@@ -24,8 +24,8 @@ class ZMVerifiedPackageDownload : public ZMOnFileDownloadListener,
                                   public std::enable_shared_from_this<ZMVerifiedPackageDownload> {
  public:
   // Removes any file already at `savePath` at once: the downloader never overwrites.
-  ZMVerifiedPackageDownload(std::weak_ptr<ZMPackageDownloadListener> listener,
-                            std::string savePath, std::string url);
+  ZMVerifiedPackageDownload(std::weak_ptr<ZMPackageDownloadListener> listener, std::string savePath,
+                            std::string url);
 
   // Cancels the current download and drops the downloader; the listener hears nothing more.
   void cancel();

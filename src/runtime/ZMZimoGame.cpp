@@ -27,7 +27,8 @@ void ZMZimoGame::initRuntime(const std::string& userId, const ZMValue& options,
   } catch (const ZMException& exception) {
     if (listener) listener->onInitializeFailure(exception);
   } catch (const ZMError& error) {
-    if (listener) listener->onInitializeFailure(ZMException(error.domain, std::nullopt, error.userInfo));
+    if (listener)
+      listener->onInitializeFailure(ZMException(error.domain, std::nullopt, error.userInfo));
   } catch (const std::exception& exception) {
     if (listener) listener->onInitializeFailure(ZMException("init fail", exception.what()));
   }

@@ -23,8 +23,7 @@ class ZMPermissionUtil : public ZMCorePermissionListener {
   const std::string& userId() const { return userId_; }
 
  private:
-  ZMRow& _convertPermission(ZMRow& row, const std::vector<std::string>& permissions,
-                            int32_t type);
+  ZMRow& _convertPermission(ZMRow& row, const std::vector<std::string>& permissions, int32_t type);
 
   const std::string userId_;
 };

@@ -47,12 +47,13 @@ bool isValidUTF8(const std::string& text) {
 }
 
 ZMError notUTF8Error(const std::string& path) {
-  return ZMError(kZMCocoaErrorDomain, kZMFileReadInapplicableStringEncodingError,
-                 ZMValue{{kZMLocalizedDescriptionKey,
-                          "The file \u201c" + ZMLastPathComponent(path) +
-                              "\u201d couldn\u2019t be opened using text encoding Unicode (UTF-8)."},
-                         {"NSFilePath", path},
-                         {"NSStringEncoding", 4}});
+  return ZMError(
+      kZMCocoaErrorDomain, kZMFileReadInapplicableStringEncodingError,
+      ZMValue{{kZMLocalizedDescriptionKey,
+               "The file \u201c" + ZMLastPathComponent(path) +
+                   "\u201d couldn\u2019t be opened using text encoding Unicode (UTF-8)."},
+              {"NSFilePath", path},
+              {"NSStringEncoding", 4}});
 }
 
 }  // namespace
@@ -130,9 +131,7 @@ bool ZMFileUtils::deleteFile(const std::string& path) {
 
 bool ZMFileUtils::deleteRecursive(const std::string&) { return false; }
 
-bool ZMFileUtils::isExcluded(const std::string&, const std::vector<std::string>&) {
-  return false;
-}
+bool ZMFileUtils::isExcluded(const std::string&, const std::vector<std::string>&) { return false; }
 
 bool ZMFileUtils::ensureDirExists(const std::string& path) {
   const ZMFileManager::Kind kind = ZMFileManager::kindOfItem(path);

@@ -113,16 +113,22 @@ TEST_F(ZMPluginManagerTest, ListAndRemoveWorkOnThePluginRootAndANewRequestSilenc
 }
 
 TEST_F(ZMPluginManagerTest, ARunningGameWithPluginsPrefetchesFromTheHostsSetLast) {
-  const std::string package = "newer package", hash = ZMFileUtils::getFileMD5(
-      [&] { WriteFile(t.root() + "/pkg", package); return t.root() + "/pkg"; }()).value();
+  const std::string package = "newer package", hash = ZMFileUtils::getFileMD5([&] {
+                                                        WriteFile(t.root() + "/pkg", package);
+                                                        return t.root() + "/pkg";
+                                                      }())
+                                                          .value();
   TestHttpServer service;
   std::atomic<int> queries{0};
   service.Post("/ced/runtime/plugin/hash", [&](const httplib::Request&, httplib::Response& res) {
     ++queries;
     res.set_content(ZMValue{{"code", 200},
                             {"plugin_results",
-                             {{{"plugin_id", "p"}, {"version", "1"}, {"hash", hash},
-                               {"url", service.url("/pkg")}}}}}.dump(),
+                             {{{"plugin_id", "p"},
+                               {"version", "1"},
+                               {"hash", hash},
+                               {"url", service.url("/pkg")}}}}}
+                        .dump(),
                     "application/json");
   });
   service.Get("/pkg", [&](const httplib::Request&, httplib::Response& res) {

@@ -130,9 +130,9 @@ TEST(ZMPluginCheckUpdateManager, RecordsEveryEntryAndDownloadsWhatTheCacheLacksO
     Lines gets;
     bool kept;
   } rows[] = {
-      {"a", "", {"GET a"}, true},       {"b", "ok", {}, true},  // intact: not fetched again
-      {"gone", "", {"GET gone"}, false},                       // 404: the next one still comes
-      {"d", "bad", {"GET d"}, true},    {"E", "ok", {"GET E", "GET E"}, false},  // upper case
+      {"a", "", {"GET a"}, true},        {"b", "ok", {}, true},  // intact: not fetched again
+      {"gone", "", {"GET gone"}, false},                         // 404: the next one still comes
+      {"d", "bad", {"GET d"}, true},     {"E", "ok", {"GET E", "GET E"}, false},  // upper case
       {"f", "", {"GET f"}, true},
   };
   ZMValue entries = ZMValue::array();
@@ -147,7 +147,8 @@ TEST(ZMPluginCheckUpdateManager, RecordsEveryEntryAndDownloadsWhatTheCacheLacksO
   }
   service.answer(entries);
   auto manager = at.start({service.server.url("/ced")});
-  ASSERT_TRUE(RunUntil([&] { return Exists(at.package(entries[5]["hash"].get<std::string>(), "f")); }));
+  ASSERT_TRUE(
+      RunUntil([&] { return Exists(at.package(entries[5]["hash"].get<std::string>(), "f")); }));
   DrainMainQueue();
 
   std::lock_guard lock(mutex);
@@ -179,7 +180,8 @@ TEST(ZMPluginCheckUpdateManager, AsksTheFallbackOnlyAfterThePrimaryFails) {
     Service primary("primary", log, mutex), fallback("fallback", log, mutex);
     const std::string hash = at.md5("pp"), package = at.package(hash, "a");
     if (row.primary == "ok") primary.answer(ZMValue::array({Entry("a", hash, primary.pkg("p"))}));
-    if (row.fallback == "ok") fallback.answer(ZMValue::array({Entry("a", hash, fallback.pkg("p"))}));
+    if (row.fallback == "ok")
+      fallback.answer(ZMValue::array({Entry("a", hash, fallback.pkg("p"))}));
     if (row.primary == "down") primary.server.stop();
     const bool downloads = row.expected.back() == "GET p";
     auto manager = at.start({primary.server.url("/ced"), fallback.server.url("/ced")});
@@ -200,16 +202,12 @@ TEST(ZMPluginCheckUpdateManager, HostileNamesWriteNothingOutsideTheRootOrTheCach
   std::mutex mutex;
   Service service("s", log, mutex);
   const std::string good = at.md5("pp"), url = service.pkg("p");
-  const ZMValue entries = ZMValue::array({Entry("../../escape", good, url),
-                                          Entry("a", good, url, "1.0/../../escape"),
-                                          Entry("a", good, url, "."),
-                                          Entry("a", "../../escape", url),
-                                          Entry(std::string("a\0b", 3), good, url),
-                                          Entry("..", good, url),
-                                          Entry("a", std::string("1\0", 2), url),
-                                          Entry(7, good, url),
-                                          "junk",
-                                          Entry("ok", good, url)});
+  const ZMValue entries =
+      ZMValue::array({Entry("../../escape", good, url), Entry("a", good, url, "1.0/../../escape"),
+                      Entry("a", good, url, "."), Entry("a", "../../escape", url),
+                      Entry(std::string("a\0b", 3), good, url), Entry("..", good, url),
+                      Entry("a", std::string("1\0", 2), url), Entry(7, good, url), "junk",
+                      Entry("ok", good, url)});
   service.answer(entries);
   LogCapture lines;
   auto before = at.files();
@@ -251,7 +249,7 @@ TEST(ZMPluginCheckUpdateManager, CancelEndsTheQueryOrTheDownloadsForGood) {
     }));
     DrainMainQueue();
     std::lock_guard lock(mutex);
-    EXPECT_EQ(log, expected);  // neither the fallback nor the next package
+    EXPECT_EQ(log, expected);                      // neither the fallback nor the next package
     EXPECT_TRUE(fs::is_empty(at.cache)) << stall;  // a cut transfer is never moved into place
     EXPECT_EQ(at.configOf("p").is_object(), stall == "p");
     EXPECT_TRUE(at.configOf("q").is_null());

@@ -7,8 +7,8 @@
 #include "support/TestListeners.h"
 #include "support/TestSupport.h"
 
-// A runtime created for user "u1" with its storage roots and plug-in root under a fresh directory, the
-// record store reopened in a fresh Documents directory, and the reference engine in the handle
+// A runtime created for user "u1" with its storage roots and plug-in root under a fresh directory,
+// the record store reopened in a fresh Documents directory, and the reference engine in the handle
 // slot. Ends the runtime and empties the slot on destruction.
 class TestRuntime {
  public:
@@ -29,8 +29,8 @@ class TestRuntime {
   ZMValue options() const;
 
   // Installs `packagePath` as app/version through the facade; true on onInstallSuccess.
-  bool install(const std::string& appId, const std::string& version,
-               const std::string& packagePath, const std::string& extend = "");
+  bool install(const std::string& appId, const std::string& version, const std::string& packagePath,
+               const std::string& extend = "");
   // Makes a package with a "game.config.json" under the root and installs it.
   bool installGame(const std::string& appId, const std::string& version,
                    const std::string& config = R"({"deviceOrientation":"portrait"})");

@@ -24,8 +24,8 @@ void MakeZip(const std::string& path, const std::vector<ZipEntry>& entries) {
     }
     zip_source_t* source = zip_source_buffer(archive, copy, entry.data.size(), copy ? 1 : 0);
     ASSERT_NE(source, nullptr);
-    const zip_int64_t index = zip_file_add(archive, entry.name.c_str(), source,
-                                           ZIP_FL_ENC_UTF_8 | ZIP_FL_OVERWRITE);
+    const zip_int64_t index =
+        zip_file_add(archive, entry.name.c_str(), source, ZIP_FL_ENC_UTF_8 | ZIP_FL_OVERWRITE);
     ASSERT_GE(index, 0) << zip_strerror(archive);
     if (entry.isSymlink) {
       const zip_uint32_t mode = 0120777u << 16;  // S_IFLNK | 0777 in the high bits

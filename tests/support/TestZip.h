@@ -6,8 +6,8 @@
 
 // Builds real zip archives for tests.
 struct ZipEntry {
-  std::string name;     // may hold "../" or start with "/" for hostile archives
-  std::string data;     // ignored for directories and symbolic links
+  std::string name;  // may hold "../" or start with "/" for hostile archives
+  std::string data;  // ignored for directories and symbolic links
   bool isDirectory = false;
   bool isSymlink = false;  // `data` is the link target
 };

@@ -39,9 +39,10 @@ std::string Md5Of(const std::string& path) {
 class PackageServer {
  public:
   explicit PackageServer(std::string body) : body_(std::move(body)) {
-    server_.Get("/games/tap-tap-1.0.0.zip", [this](const httplib::Request&, httplib::Response& res) {
-      res.set_content(body_, "application/zip");
-    });
+    server_.Get("/games/tap-tap-1.0.0.zip",
+                [this](const httplib::Request&, httplib::Response& res) {
+                  res.set_content(body_, "application/zip");
+                });
     port_ = server_.bind_to_any_port("127.0.0.1");
     if (port_ > 0) {
       thread_ = std::thread([this] {
@@ -91,8 +92,8 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
   const std::string work = writable.data();
   settings.root = work + "/root";
 
-  std::cout << "libtavo demo: the whole game cycle for user \"" << settings.user
-            << "\" under " << settings.root << "\n\n";
+  std::cout << "libtavo demo: the whole game cycle for user \"" << settings.user << "\" under "
+            << settings.root << "\n\n";
 
   const std::string packagePath = work + "/tap-tap-1.0.0.zip";
   if (!WriteSamplePackage(packagePath)) {
@@ -133,8 +134,7 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
     };
 
     step("Check before installing",
-         "The game is not installed yet, so the version check must fail.", kExitFailure,
-         [&] {
+         "The game is not installed yet, so the version check must fail.", kExitFailure, [&] {
            session.setReportFailures(false);
            const int status = session.check(kAppId, kVersion);
            session.setReportFailures(true);
@@ -145,10 +145,10 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
          });
     std::string downloaded;
     step("Download", "The package comes over HTTP with progress, and its MD5 is verified.",
-         kExitSuccess, [&] {
-           return session.download(kAppId, kVersion, server.url(), md5, &downloaded);
-         });
-    step("Install", "The engine unzips the package into the app directory; the download is deleted.",
+         kExitSuccess,
+         [&] { return session.download(kAppId, kVersion, server.url(), md5, &downloaded); });
+    step("Install",
+         "The engine unzips the package into the app directory; the download is deleted.",
          kExitSuccess, [&] {
            return session.install(kAppId, kVersion, downloaded, std::nullopt,
                                   std::string(R"({"source":"demo"})"));
@@ -157,13 +157,16 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
          [&] { return session.check(kAppId, kVersion); });
     step("Read the configuration", "game.config.json as the runtime reads it, defaults filled in.",
          kExitSuccess, [&] { return session.config(kAppId, std::nullopt); });
-    step("Run and exit", "The reference engine runs the game headless; the play is counted, and the record's\n"
+    step("Run and exit",
+         "The reference engine runs the game headless; the play is counted, and the record's\n"
          "   extend is replaced by the run's (none here).",
          kExitSuccess, [&] {
            return session.run(kAppId, kVersion, std::nullopt, std::chrono::milliseconds(0), true);
          });
     step("Store host data", "The host keeps its own text with the game's record.", kExitSuccess,
-         [&] { return session.setData(kAppId, {{"extend", R"({"stars":3})"}}); });
+         [&] {
+           return session.setData(kAppId, {{"extend", R"({"stars":3})"}});
+         });
     step("List", "The user's games with the data the host keeps for each.", kExitSuccess,
          [&] { return session.list(); });
     step("Sweep the package cache",
@@ -179,8 +182,7 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
   for (std::size_t i = 0; i < results.size(); ++i) {
     char line[160];
     std::snprintf(line, sizeof line, "  %2zu. %-28s %-10s %7.3f s\n", i + 1,
-                  results[i].name.c_str(), results[i].ok ? "ok" : "UNEXPECTED",
-                  results[i].seconds);
+                  results[i].name.c_str(), results[i].ok ? "ok" : "UNEXPECTED", results[i].seconds);
     std::cout << line;
   }
   std::cout << (failures == 0 ? "Every step did what it should.\n"

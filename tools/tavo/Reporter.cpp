@@ -77,7 +77,8 @@ void Reporter::progress(std::string_view label, int64_t done, int64_t total,
   if (tenth == lastTenth_) return;
   lastTenth_ = tenth;
   std::cout << "  " << label << " " << tenth * 10 << "%";
-  if (unit == "bytes") std::cout << " (" << Amount(done, unit) << " of " << Amount(total, unit) << ")";
+  if (unit == "bytes")
+    std::cout << " (" << Amount(done, unit) << " of " << Amount(total, unit) << ")";
   std::cout << std::endl;
 }
 

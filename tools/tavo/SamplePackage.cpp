@@ -11,8 +11,9 @@ bool WriteSamplePackage(const std::string& path) {
       {"game.config.json",
        "{\n  \"deviceOrientation\" : \"portrait\",\n  \"showStatusBar\" : false,\n"
        "  \"runtimeVersion\" : \"1.0.0\"\n}\n"},
-      {"main.js", "// The demo game: a counter that the reference engine never renders.\n"
-                  "let taps = 0;\nfunction onTap() { taps += 1; }\n"},
+      {"main.js",
+       "// The demo game: a counter that the reference engine never renders.\n"
+       "let taps = 0;\nfunction onTap() { taps += 1; }\n"},
       {"assets/levels.json", "[{\"level\":1,\"goal\":10},{\"level\":2,\"goal\":25}]\n"},
       {"assets/strings/en.json", "{\"title\":\"Tap Tap\",\"start\":\"Start\"}\n"},
   };

@@ -26,8 +26,8 @@ std::shared_ptr<MerinGameView> MakeView(const std::string& appId, const ZMValue&
   auto view = std::make_shared<MerinGameView>();
   view->appId = appId;
   const auto found = config.find("deviceOrientation");
-  const bool portrait =
-      found != config.end() && found->is_string() && found->get_ref<const std::string&>() == "portrait";
+  const bool portrait = found != config.end() && found->is_string() &&
+                        found->get_ref<const std::string&>() == "portrait";
   view->orientation = portrait ? "portrait" : "landscape";
   view->width = portrait ? 720 : 1280;
   view->height = portrait ? 1280 : 720;
@@ -106,7 +106,8 @@ MerinGameHandle::~MerinGameHandle() {
   impl_->engine.stop();
 }
 
-void MerinGameHandle::setOnGameQueryExitListener(std::weak_ptr<ZMOnGameQueryExitListener> listener) {
+void MerinGameHandle::setOnGameQueryExitListener(
+    std::weak_ptr<ZMOnGameQueryExitListener> listener) {
   std::lock_guard lock(impl_->mutex);
   impl_->queryExitListener = std::move(listener);
 }
@@ -138,7 +139,8 @@ void MerinGameHandle::runGame(std::weak_ptr<void> /*viewController*/, const std:
   });
 }
 
-void MerinGameHandle::exitGame(const std::string& appId, std::weak_ptr<ZMCoreExitListener> listener) {
+void MerinGameHandle::exitGame(const std::string& appId,
+                               std::weak_ptr<ZMCoreExitListener> listener) {
   impl_->engine.post([self = impl_, appId, listener = std::move(listener)] {
     bool exited = false;
     {
@@ -154,7 +156,8 @@ void MerinGameHandle::exitGame(const std::string& appId, std::weak_ptr<ZMCoreExi
     if (exited) {
       target->onCoreExitSuccess();
     } else {
-      target->onCoreExitFailure(MakeError("no game running", "no game with app id " + appId + " runs"));
+      target->onCoreExitFailure(
+          MakeError("no game running", "no game with app id " + appId + " runs"));
     }
   });
 }

@@ -78,7 +78,8 @@ class PreadSource {
     ::close(fd_);
   }
 
-  static zip_int64_t callback(void* state, void* data, zip_uint64_t length, zip_source_cmd_t command) {
+  static zip_int64_t callback(void* state, void* data, zip_uint64_t length,
+                              zip_source_cmd_t command) {
     auto* self = static_cast<PreadSource*>(state);
     switch (command) {
       case ZIP_SOURCE_OPEN:
@@ -111,10 +112,9 @@ class PreadSource {
       case ZIP_SOURCE_TELL:
         return static_cast<zip_int64_t>(self->offset_);
       case ZIP_SOURCE_SUPPORTS:
-        return zip_source_make_command_bitmap(ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE,
-                                              ZIP_SOURCE_STAT, ZIP_SOURCE_ERROR, ZIP_SOURCE_FREE,
-                                              ZIP_SOURCE_SEEK, ZIP_SOURCE_TELL, ZIP_SOURCE_SUPPORTS,
-                                              -1);
+        return zip_source_make_command_bitmap(
+            ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE, ZIP_SOURCE_STAT, ZIP_SOURCE_ERROR,
+            ZIP_SOURCE_FREE, ZIP_SOURCE_SEEK, ZIP_SOURCE_TELL, ZIP_SOURCE_SUPPORTS, -1);
       default:
         zip_error_set(&self->error_, ZIP_ER_OPNOTSUPP, 0);
         return -1;
@@ -519,7 +519,8 @@ std::optional<std::string> MerinExtractZip(const std::string& zipPath, const std
                    [](const FileEntry& a, const FileEntry& b) { return a.size > b.size; });
   if (workers == 0) workers = std::clamp(std::thread::hardware_concurrency(), 1u, kMaxWorkers);
   if (plan.totalBytes < kParallelThreshold) workers = 1;
-  workers = static_cast<unsigned>(std::min<size_t>(workers, std::max<size_t>(plan.files.size(), 1)));
+  workers =
+      static_cast<unsigned>(std::min<size_t>(workers, std::max<size_t>(plan.files.size(), 1)));
 
   if (progress) progress(0.0f);
   job.running = workers;
@@ -542,9 +543,8 @@ std::optional<std::string> MerinExtractZip(const std::string& zipPath, const std
   {
     std::unique_lock lock(job.mutex);
     for (;;) {
-      job.changed.wait(lock, [&] {
-        return job.running == 0 || job.percent(job.bytesDone.load()) > reported;
-      });
+      job.changed.wait(
+          lock, [&] { return job.running == 0 || job.percent(job.bytesDone.load()) > reported; });
       const int now = job.percent(job.bytesDone.load());
       if (now > reported) {
         reported = now;

@@ -59,8 +59,8 @@ class MERIN_EXPORT MerinGameHandle : public ZMGameHandle {
   // Checks that options["_rt_file_app_package_path"] holds an installed package (a parsable
   // game.config.json object), then creates the headless view and reports onGameViewCreated and
   // onRunSuccess; otherwise onRunFailure (code -1). A new run replaces the running game.
-  void runGame(std::weak_ptr<void> viewController, const std::string& appId,
-               const ZMValue& options, std::weak_ptr<ZMCoreRunListener> listener) override;
+  void runGame(std::weak_ptr<void> viewController, const std::string& appId, const ZMValue& options,
+               std::weak_ptr<ZMCoreRunListener> listener) override;
   // onCoreExitSuccess when the game `appId` runs (it then stops running), else
   // onCoreExitFailure with domain "no game running", code -1.
   void exitGame(const std::string& appId, std::weak_ptr<ZMCoreExitListener> listener) override;
