@@ -3,13 +3,15 @@
 #include "platform/ZMFormat.h"
 #include "platform/ZMPath.h"
 #include "platform/ZMValueAccess.h"
+#include "plugin/ZMPluginCheckPackageManager.h"
+#include "plugin/ZMPluginCheckUpdateManager.h"
+#include "plugin/ZMPluginInstallPackageManager.h"
+#include "plugin/ZMPluginListTask.h"
+#include "plugin/ZMPluginRemoveListTask.h"
 #include "tavo/ZMFileUtils.h"
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMSystemDirectories.h"
-#include "plugin/ZMPluginCheckUpdateManager.h"
-#include "plugin/ZMPluginListTask.h"
-#include "plugin/ZMPluginRemoveListTask.h"
 #include "util/ZMTaskGroup.h"
 
 namespace {
@@ -21,6 +23,16 @@ void cancelAndClear(std::shared_ptr<Worker>& worker) {
     worker.reset();
   }
 }
+
+// Provider and version are joined into one directory name under the plug-in root. A "/" or NUL
+// in either would make that name reach outside the root (a check deletes a directory it finds
+// without config), so such a request touches nothing. An empty provider is the service's to
+// judge: "_1.0" is a name like any other.
+bool namesPluginDir(const std::string& provider, const std::string& version) {
+  return ZMIsSafePathComponent(provider + "_" + version);
+}
+
+ZMError invalidNameError() { return ZMError("plugin provider or version is invalid", 0); }
 
 }  // namespace
 
@@ -114,8 +126,8 @@ void ZMPluginManager::onRunSuccess(const ZMValue& options) {
   cancelAndClear(pluginCheckUpdateManager_);
   pluginCheckUpdateManager_ = adopt(std::make_shared<ZMPluginCheckUpdateManager>(
       storagePluginPath_, appPackageCache_, pluginServiceHosts_, _getUniqueId(),
-      ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID).value_or(""),
-      ZMDevice::bundleIdentifier(), TAVO_VERSION_TEXT));
+      ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID).value_or(""), ZMDevice::bundleIdentifier(),
+      TAVO_VERSION_TEXT));
   pluginCheckUpdateManager_->execute(std::move(config));
 }
 
@@ -132,13 +144,22 @@ void ZMPluginManager::checkPluginVersion(const ZMValue& info,
     if (host) host->onCheckPluginFailure(info, ZMError("missing info: version", 0));
     return;
   }
-  // WIRE cancelAndClear(pluginCheckPackageManager_);
+  if (!namesPluginDir(*provider, *version)) {
+    if (host) host->onCheckPluginFailure(info, invalidNameError());
+    return;
+  }
+  cancelAndClear(pluginCheckPackageManager_);
   if (host) host->onCheckPluginVersionStart(info);
+  if (tasks_->hasEnded()) return;
+  pluginCheckPackageManager_ = adopt(std::make_shared<ZMPluginCheckPackageManager>(
+      appPackageCache_, getPluginDirFile(storagePluginPath_, *provider, *version),
+      std::move(listener)));
+  pluginCheckPackageManager_->execute(*provider, *version, info);
 }
 
 void ZMPluginManager::installPlugin(const ZMValue& info,
                                     std::weak_ptr<ZMPluginInstallListener> listener) {
-  // WIRE cancelAndClear(pluginInstallPackageManager_);
+  cancelAndClear(pluginInstallPackageManager_);
   auto host = listener.lock();
   if (host) host->onPluginInstallStart(info);
   // Only missing keys are refused here: an empty provider goes on to the service.
@@ -151,6 +172,16 @@ void ZMPluginManager::installPlugin(const ZMValue& info,
       return;
     }
   }
+  if (!namesPluginDir(*provider, *version)) {
+    if (host) host->onPluginInstallFailure(info, invalidNameError());
+    return;
+  }
+  if (tasks_->hasEnded()) return;
+  pluginInstallPackageManager_ = adopt(std::make_shared<ZMPluginInstallPackageManager>(
+      pluginServiceHosts_, appPackageCache_,
+      getPluginDirFile(storagePluginPath_, *provider, *version), _getUniqueId(),
+      ZMDevice::bundleIdentifier(), TAVO_VERSION_TEXT, std::move(listener)));
+  pluginInstallPackageManager_->execute(info, *provider, *version);
 }
 
 void ZMPluginManager::listPlugin(std::weak_ptr<ZMGameListListener> listener) {
@@ -170,8 +201,8 @@ void ZMPluginManager::removePluginList(const ZMValue& list,
 }
 
 void ZMPluginManager::cancelPluginRequest() {
-  // WIRE cancelAndClear(pluginCheckPackageManager_);
-  // WIRE cancelAndClear(pluginInstallPackageManager_);
+  cancelAndClear(pluginCheckPackageManager_);
+  cancelAndClear(pluginInstallPackageManager_);
   cancelAndClear(pluginCheckUpdateManager_);
   cancelAndClear(listTask_);
   cancelAndClear(removeListTask_);

@@ -37,6 +37,8 @@ class ZMTaskBase {
   void postWork(std::function<void()> work);
   // Tells the group that this task's last reply has run, so it need not be kept any longer.
   void finished();
+  // The group set by the owner, or null; a worker puts the tasks it starts into it as well.
+  const std::shared_ptr<ZMTaskGroup>& group() const { return group_; }
 
  private:
   std::atomic<bool> isCancel_{false};

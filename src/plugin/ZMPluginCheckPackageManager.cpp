@@ -1,0 +1,123 @@
+#include "plugin/ZMPluginCheckPackageManager.h"
+
+#include <utility>
+
+#include "platform/ZMFileManager.h"
+#include "platform/ZMFormat.h"
+#include "platform/ZMJSON.h"
+#include "platform/ZMPath.h"
+#include "platform/ZMValueAccess.h"
+#include "plugin/ZMPluginCheckVersionTask.h"
+#include "plugin/ZMPluginManager.h"
+#include "plugin/ZMPluginUnzipPackageTask.h"
+#include "tavo/ZMFileUtils.h"
+#include "util/ZMTaskGroup.h"
+
+ZMPluginCheckPackageManager::ZMPluginCheckPackageManager(
+    std::string cacheDir, std::string pluginDir,
+    std::weak_ptr<ZMPluginCheckVersionListener> listener)
+    : listener_(std::move(listener)),
+      cacheDir_(std::move(cacheDir)),
+      pluginDir_(std::move(pluginDir)) {}
+
+ZMPluginCheckPackageManager::~ZMPluginCheckPackageManager() {
+  // The check may outlive this manager in the task group; a manager let go answers nothing.
+  if (checkVersionTask_) checkVersionTask_->cancel();
+  if (unzipPackageTask_) unzipPackageTask_->cancel();
+}
+
+void ZMPluginCheckPackageManager::execute(const std::string& pluginId, const std::string& version,
+                                          const ZMValue& pluginInfo) {
+  pluginInfo_ = pluginInfo;
+  const auto config =
+      ZMFileUtils::readJSONObjectFromFile(ZMPluginManager::getPluginConfigFile(pluginDir_));
+  const auto updateHash = config ? ZMTextOption(*config, "updateHash") : std::nullopt;
+  // The hash and the directory's name each become one name in the cache; anything that would
+  // reach outside it (or be the cache itself) is no cached update. Without a hash there is
+  // nothing to look for.
+  const std::string stagingName = ZMLastPathComponent(pluginDir_);
+  if (!updateHash || updateHash->find('/') != std::string::npos ||
+      updateHash->find('\0') != std::string::npos || !ZMIsSafePathComponent(stagingName)) {
+    _checkVersion();
+    return;
+  }
+  const std::string packagePath =
+      ZMPluginManager::getPluginPackageDownloadPath(cacheDir_, pluginId, version, *updateHash);
+  if (!ZMFileUtils::isExist(packagePath)) {
+    _checkVersion();
+    return;
+  }
+  // Unpacked beside the package rather than over the installed directory, so that a bad package
+  // never damages a working plug-in; an earlier leftover must not mix in.
+  pluginInstallDirTmpPath_ = ZMPathJoin(cacheDir_, stagingName);
+  ZMFileUtils::deleteFile(pluginInstallDirTmpPath_);
+  if (unzipPackageTask_) {
+    unzipPackageTask_->cancel();
+    unzipPackageTask_.reset();
+  }
+  pluginHash_ = *updateHash;
+  unzipPackageTask_ = std::make_shared<ZMPluginUnzipPackageTask>(pluginInstallDirTmpPath_,
+                                                                 pluginHash_, weak_from_this());
+  unzipPackageTask_->execute(packagePath);
+}
+
+void ZMPluginCheckPackageManager::cancel() {
+  ZMTaskBase::cancel();
+  if (checkVersionTask_) {
+    checkVersionTask_->cancel();
+    checkVersionTask_.reset();
+  }
+  if (unzipPackageTask_) {
+    unzipPackageTask_->cancel();
+    unzipPackageTask_.reset();
+  }
+  finished();
+}
+
+void ZMPluginCheckPackageManager::onInstallStart() {}
+
+void ZMPluginCheckPackageManager::onInstallSuccess() {
+  if (isCancel()) return;
+  _moveStagedPlugin();
+  _checkVersion();
+}
+
+void ZMPluginCheckPackageManager::onInstallFailure(const ZMError&) {
+  if (isCancel()) return;
+  _checkVersion();
+}
+
+void ZMPluginCheckPackageManager::_moveStagedPlugin() {
+  // A directory that cannot be deleted keeps serving; the staged copy waits in the cache.
+  if (!ZMFileUtils::deleteFile(pluginDir_)) return;
+  ZMError error;
+  if (!ZMFileManager::moveItem(pluginInstallDirTmpPath_, pluginDir_, &error)) {
+    ZMFileUtils::deleteFile(pluginInstallDirTmpPath_);
+    ZMLogFormat("move file fail: %@", {error});
+    return;
+  }
+  // Read-modify-write: keys a host or the install put there survive.
+  const std::string configPath = ZMPluginManager::getPluginConfigFile(pluginDir_);
+  auto config = ZMFileUtils::readJSONObjectFromFile(configPath);
+  ZMValue object = config && config->is_object() ? std::move(*config) : ZMValue::object();
+  object["hash"] = pluginHash_;
+  object.erase("updateHash");
+  if (!ZMFileManager::writeFileAtomically(configPath, ZMJSONPrettyString(object), &error)) {
+    // The directory holds a package that its config does not name: it must not pass.
+    ZMFileUtils::deleteFile(pluginDir_);
+    ZMLogFormat("install update plugin error: %@", {error});
+  }
+}
+
+void ZMPluginCheckPackageManager::_checkVersion() {
+  if (checkVersionTask_) {
+    checkVersionTask_->cancel();
+    checkVersionTask_.reset();
+  }
+  checkVersionTask_ = std::make_shared<ZMPluginCheckVersionTask>(pluginInfo_, listener_);
+  // The group keeps the check until it has answered (and cancels it when it ends), so this
+  // manager's own part is over here.
+  if (group()) group()->add(checkVersionTask_);
+  checkVersionTask_->execute(pluginDir_);
+  finished();
+}

@@ -1,0 +1,57 @@
+#include "plugin/ZMPluginUnzipPackageTask.h"
+
+#include <utility>
+
+#include "platform/ZMFormat.h"
+#include "tavo/ZMFileUtils.h"
+#include "tavo/ZMGameHandle.h"
+
+ZMPluginUnzipPackageTask::ZMPluginUnzipPackageTask(std::string installDir, std::string pluginHash,
+                                                   std::weak_ptr<ZMPackageInstallListener> listener)
+    : ZMTask(std::move(listener)),
+      installDir_(std::move(installDir)),
+      pluginHash_(std::move(pluginHash)) {}
+
+void ZMPluginUnzipPackageTask::execute(const std::string& zipFilePath) {
+  zipFilePath_ = zipFilePath;
+  auto handle = ZMGameHandle::getInstance();
+  if (!handle) {
+    // Without an engine nothing can be unpacked; the package is cleaned up as for any failure.
+    onUnzipFailed("no game engine is loaded to unzip the package");
+    return;
+  }
+  handle->unzipFile(zipFilePath_, installDir_, shared_from_this());
+}
+
+void ZMPluginUnzipPackageTask::onUnzipProgress(float progress) {
+  ZMLogFormat("unzip progress:%f", {static_cast<double>(progress)});
+}
+
+void ZMPluginUnzipPackageTask::onUnzipFailed(const std::string& message) {
+  // Neither a bad package nor a half-filled directory is left behind to be mistaken for good.
+  ZMFileUtils::deleteFile(zipFilePath_);
+  ZMFileUtils::deleteFile(installDir_);
+  _complete(ZMError(message, 0));
+}
+
+void ZMPluginUnzipPackageTask::onUnzipSucceed() {
+  if (!ZMFileUtils::deleteFile(zipFilePath_)) {
+    ZMFileUtils::deleteFile(installDir_);
+    _complete(ZMError(ZMFormat("deleteFile failure: %@", {zipFilePath_}), 0), false);
+  }
+  // Reached after a failed deletion too: the owner is told of the failure and then of success.
+  _complete(std::nullopt);
+}
+
+void ZMPluginUnzipPackageTask::_complete(const std::optional<ZMError>& error, bool last) {
+  postStep([error, last](ZMPluginUnzipPackageTask& self) {
+    if (last) self.finished();
+    auto listener = self.listener_.lock();
+    if (!listener) return;
+    if (error) {
+      listener->onInstallFailure(*error);
+    } else {
+      listener->onInstallSuccess();
+    }
+  });
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tavo/ZMCoreListeners.h"
+#include "tavo/ZMGameListeners.h"
+#include "util/ZMTask.h"
+
+// ZMPluginUnzipPackageTask unpacks one plug-in package (a zip) into one directory through the
+// engine's unzip, deletes the package file afterwards, and removes the directory again when the
+// unpack fails. Its owner (an install or version-check flow) hears the outcome through
+// ZMPackageInstallListener on the main queue; onInstallStart is never sent.
+//
+// A package that unpacks but cannot be deleted is reported twice, on purpose: first
+// onInstallFailure ("deleteFile failure: <package>", the directory already deleted), then
+// onInstallSuccess. Owners rely on seeing both.
+//
+// Ownership: the owner keeps the task (std::make_shared) and is held weakly as its listener; the
+// engine holds the task until its unzip ends, so the file clean-up always runs. The replies hold
+// the task weakly: a task its owner dropped reports nothing.
+//
+// Threads: execute() and cancel() run on the main thread; the engine calls back on its own
+// thread, where the files are deleted; the outcome is posted to the main queue. cancel() does
+// not stop the unzip (the engine cannot stop half way): it silences the outcome.
+class ZMPluginUnzipPackageTask : public ZMUnzipGamePackageListener,
+                                 public ZMTask<ZMPluginUnzipPackageTask, ZMPackageInstallListener> {
+ public:
+  // `initWithInstallDir:hash:listener:`. `pluginHash` is kept for the owner only.
+  ZMPluginUnzipPackageTask(std::string installDir, std::string pluginHash,
+                           std::weak_ptr<ZMPackageInstallListener> listener);
+
+  // Unpacks the package at `zipFilePath` into installDir(); returns at once.
+  void execute(const std::string& zipFilePath);
+
+  // ZMUnzipGamePackageListener, on the engine's thread.
+  void onUnzipSucceed() override;
+  void onUnzipProgress(float progress) override;
+  void onUnzipFailed(const std::string& message) override;
+
+  const std::string& installDir() const { return installDir_; }
+  const std::string& pluginHash() const { return pluginHash_; }
+  // Set by execute() before the engine starts; read-only afterwards.
+  const std::string& zipFilePath() const { return zipFilePath_; }
+
+ private:
+  // Posts onInstallFailure for an error, else onInstallSuccess. `last` is false only for the
+  // failure that a success of the same unzip follows.
+  void _complete(const std::optional<ZMError>& error, bool last = true);
+
+  const std::string installDir_;
+  const std::string pluginHash_;
+  std::string zipFilePath_;
+};
