@@ -1,8 +1,12 @@
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -175,6 +179,92 @@ TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
   WriteFile(dir / "file", "x");
   root = dir / "file";
   EXPECT_EQ(tavo({"list"}).status, 2);
+}
+
+}  // namespace
+
+namespace {
+
+// `tavo serve DIR` as a child process: its base URL is its first line on stdout.
+class ServedPlugins {
+ public:
+  explicit ServedPlugins(const std::string& dir, const std::string& log) {
+    const std::string command = "exec " + Quote(TAVO_BINARY) + " serve " + Quote(dir) + " 2>" +
+                                Quote(log) + " & echo pid $!";
+    pipe_ = ::popen(command.c_str(), "r");
+    char line[256];
+    while ((pid_ == 0 || url.empty()) && std::fgets(line, sizeof line, pipe_)) {
+      std::string text(line);
+      text.pop_back();
+      if (text.rfind("pid ", 0) == 0) pid_ = std::stoi(text.substr(4));
+      if (text.rfind("http://", 0) == 0) url = text;
+    }
+  }
+  // Interrupted, it stops: its output closes within 10 s.
+  bool stop() {
+    ::kill(pid_, SIGINT);
+    pollfd output{::fileno(pipe_), POLLIN, 0};
+    char buffer[256];
+    bool closed = false;
+    while (!closed && ::poll(&output, 1, 10000) == 1) {
+      closed = ::read(output.fd, buffer, sizeof buffer) <= 0;
+    }
+    if (!closed) ::kill(pid_, SIGKILL);
+    ::pclose(pipe_);
+    return closed;
+  }
+  std::string url;
+
+ private:
+  FILE* pipe_ = nullptr;
+  int pid_ = 0;
+};
+
+TEST_F(TavoCli, PluginCycleAgainstTheReferenceService) {
+  std::filesystem::create_directories(dir / "pk");
+  MakeZip(dir / "pk/demo_1.0.zip", {{"main.js", "console.log(1)"}});
+  ServedPlugins service(dir / "pk", dir / "serve.log");
+  ASSERT_TRUE(service.url.ends_with("/ced")) << service.url;
+  const std::vector<std::string> at = {"--plugin-service", "http://127.0.0.1:1/ced",
+                                       "--plugin-service", service.url};
+  auto plugin = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), "plugin");
+    args.insert(args.end(), at.begin(), at.end());
+    return args;
+  };
+  const ZMValue demo = {{"provider", "demo"}, {"version", "1.0"}};
+  using Names = std::vector<std::string>;
+
+  // The fallback answers when the primary cannot be reached.
+  const Result installed = trace(plugin({"install", "--provider", "demo", "--version", "1.0"}));
+  EXPECT_EQ(installed.json().back(),
+            (ZMValue{{"event", "onPluginInstallSuccess"}, {"args", {demo}}}));
+  EXPECT_EQ(ReadFile(root + "/Caches/plugin/demo_1.0/main.js"), "console.log(1)");
+  EXPECT_EQ(trace(plugin({"list"})).json().back()["args"][0],
+            ZMValue::array({{{"provider", "demo"},
+                             {"version", "1.0"},
+                             {"path", root + "/Caches/plugin/demo_1.0"}}}));
+  EXPECT_EQ(trace(plugin({"check", "--info", demo.dump()})).events(),
+            (Names{"onInitializeSuccess", "onCheckPluginVersionStart", "onCheckPluginSuccess"}));
+  EXPECT_EQ(trace(plugin({"remove", "--provider", "demo", "--version", "1.0"})).events(),
+            (Names{"onInitializeSuccess", "onPluginRemoveStart", "onPluginRemoveFinish",
+                   "onPluginRemoveSuccess"}));
+
+  // Failures exit 1 with the error on stderr; --info goes to the manager as given.
+  Result r = tavo(plugin({"check", "--provider", "demo", "--version", "1.0"}));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Error:plugin config no exist."), std::string::npos) << r.err;
+  r = tavo(plugin({"install", "--info", R"({"provider":"demo"})", "--trace"}));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.events(),
+            (Names{"onInitializeSuccess", "onPluginInstallStart", "onPluginInstallFailure"}));
+  EXPECT_EQ(tavo(plugin({"install", "--provider", "nope", "--version", "1"})).status, 1);
+  EXPECT_EQ(tavo(plugin({"remove", "--provider", "a"})).status, 1) << "unpaired";
+
+  EXPECT_TRUE(service.stop());
+  const std::string log = ReadFile(dir / "serve.log");
+  EXPECT_NE(log.find("POST /ced/runtime/plugin/url code 200, 1 result(s)"), std::string::npos);
+  EXPECT_NE(log.find("GET /ced/packages/demo_1.0.zip 200"), std::string::npos) << log;
 }
 
 }  // namespace

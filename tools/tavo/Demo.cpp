@@ -14,12 +14,15 @@
 #include <thread>
 #include <vector>
 
+#include "PluginService.h"
 #include "SamplePackage.h"
 
 namespace {
 
 constexpr const char* kAppId = "tap-tap";
 constexpr const char* kVersion = "1.0.0";
+constexpr const char* kPlugin = "tavo-physics";
+constexpr const char* kPluginVersion = "1.0";
 
 std::string ReadAll(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -109,7 +112,25 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
     return kExitFailure;
   }
   std::cout << "Made a sample game package (" << std::filesystem::file_size(packagePath)
-            << " bytes, MD5 " << md5 << ")\nand serves it at " << server.url() << "\n\n";
+            << " bytes, MD5 " << md5 << ")\nand serves it at " << server.url() << "\n";
+
+  // The game declares one plug-in; a plug-in service in this process serves its packages.
+  const std::string pluginDir = work + "/plugins";
+  const std::string pluginPackage = pluginDir + "/" + kPlugin + "_" + kPluginVersion + ".zip";
+  std::filesystem::create_directories(pluginDir);
+  PluginService plugins(pluginDir, [](const std::string&) {});
+  if (!WriteSamplePlugin(pluginPackage, 1) || !plugins.bind(0)) {
+    reporter.failure("demo", "cannot set up the plug-in service");
+    std::filesystem::remove_all(work);
+    return kExitFailure;
+  }
+  plugins.start();
+  settings.pluginServices = {plugins.baseUrl()};
+  std::cout << "The game declares the plug-in " << kPlugin << " " << kPluginVersion
+            << ", which a plug-in service\nserves at " << plugins.baseUrl() << "\n\n";
+  const ZMValue pluginInfo = {{"provider", kPlugin}, {"version", kPluginVersion}};
+  const std::string installedPlugin =
+      settings.root + "/Caches/plugin/" + kPlugin + "_" + kPluginVersion + "/plugin.js";
 
   std::vector<StepResult> results;
   int failures = 0;
@@ -157,12 +178,30 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
          [&] { return session.check(kAppId, kVersion); });
     step("Read the configuration", "game.config.json as the runtime reads it, defaults filled in.",
          kExitSuccess, [&] { return session.config(kAppId, std::nullopt); });
+    step("Install the game's plug-in",
+         "The plug-in service says where the package is and what its MD5 is; it is downloaded,\n"
+         "   checked and unpacked under the plug-in root.",
+         kExitSuccess, [&] { return session.pluginInstall(pluginInfo); });
     step("Run and exit",
-         "The reference engine runs the game headless; the play is counted, and the record's\n"
-         "   extend is replaced by the run's (none here).",
+         "The reference engine runs the game headless for a second; the play is counted, and the\n"
+         "   record's extend is replaced by the run's (none here). Meanwhile the service has a\n"
+         "   newer package of the same plug-in version: the running game's plug-ins are asked\n"
+         "   about, and the newer package is prefetched into the package cache.",
          kExitSuccess, [&] {
-           return session.run(kAppId, kVersion, std::nullopt, std::chrono::milliseconds(0), true);
+           if (!WriteSamplePlugin(pluginPackage, 2)) return kExitFailure;
+           return session.run(kAppId, kVersion, std::nullopt, std::chrono::milliseconds(1000),
+                              true);
          });
+    step("Check the plug-in",
+         "The check first installs the prefetched package, then finds the plug-in in place.",
+         kExitSuccess, [&] {
+           const int status = session.pluginCheck(pluginInfo);
+           const std::string text = ReadAll(installedPlugin);
+           std::cout << "  plugin.js now reads: " << text;
+           return text.find("revision 2") == std::string::npos ? kExitFailure : status;
+         });
+    step("List plug-ins", "Every installed plug-in with its directory.", kExitSuccess,
+         [&] { return session.pluginList(); });
     step("Store host data", "The host keeps its own text with the game's record.", kExitSuccess,
          [&] {
            return session.setData(kAppId, {{"extend", R"({"stars":3})"}});
@@ -174,6 +213,8 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
          kExitSuccess, [&] { return session.sweep({"zgp"}, 1440); });
     step("Remove", "The record goes first, then the game's files.", kExitSuccess,
          [&] { return session.remove({kAppId}); });
+    step("Remove the plug-in", "Its directory and the config beside it go.", kExitSuccess,
+         [&] { return session.pluginRemove(ZMValue::array({pluginInfo})); });
     step("List again", "Nothing is left for this user.", kExitSuccess,
          [&] { return session.list(); });
   }

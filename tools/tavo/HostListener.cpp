@@ -32,6 +32,11 @@ ZMValue HostListener::items() const {
 
 void HostListener::succeed() { finished_ = true; }
 
+void HostListener::setItems(ZMValue items) {
+  std::lock_guard lock(mutex_);
+  items_ = std::move(items);
+}
+
 void HostListener::fail(const ZMError& error, bool last) {
   {
     std::lock_guard lock(mutex_);

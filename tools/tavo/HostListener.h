@@ -66,12 +66,15 @@ class HostListener : public ZMGameRunListener,
   void onGameDataSetSuccess() override;
   void onGameDataSetFailure(const ZMError& error) override;
 
- private:
+ protected:
   void succeed();
   // Records a failure; `last` says whether the operation ends with it.
   void fail(const ZMError& error, bool last = true);
+  void setItems(ZMValue items);
 
   Reporter& reporter_;
+
+ private:
   std::atomic<bool> finished_{false};
   std::atomic<int64_t> deleted_{0};
   mutable std::mutex mutex_;

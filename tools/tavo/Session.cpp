@@ -18,9 +18,10 @@ class InitListener : public ZMRuntimeInitListener {
     runtime = std::move(r);
   }
   void onInitializeFailure(const ZMException& e) override {
-    reporter_.event("onInitializeFailure",
-                    ZMValue::array({ZMValue{{"name", e.name()},
-                                            {"reason", e.reason() ? ZMValue(*e.reason()) : ZMValue()}}}));
+    reporter_.event(
+        "onInitializeFailure",
+        ZMValue::array({ZMValue{{"name", e.name()},
+                                {"reason", e.reason() ? ZMValue(*e.reason()) : ZMValue()}}}));
     failure = e.name() + ": " + e.reason().value_or("(no reason)");
   }
 
@@ -63,6 +64,12 @@ bool Session::start() {
     return false;
   }
   runtime_ = listener->runtime;
+  plugins_ = runtime_->getManager("plugin_manager", ZMValue::object());
+  if (!plugins_) {
+    reporter_.failure("the runtime could not start", "no plug-in manager");
+    return false;
+  }
+  if (!settings_.pluginServices.empty()) plugins_->setPluginServiceHosts(settings_.pluginServices);
   return true;
 }
 
@@ -87,9 +94,8 @@ int Session::check(const std::string& appId, const std::string& version) {
   return finish("check", *l);
 }
 
-int Session::download(const std::string& appId, const std::string& version,
-                      const std::string& url, const std::optional<std::string>& hash,
-                      std::string* path) {
+int Session::download(const std::string& appId, const std::string& version, const std::string& url,
+                      const std::optional<std::string>& hash, std::string* path) {
   auto l = listener();
   ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, appId},
                      {ZM_KEY_GAME_PACKAGE_VERSION, version},
@@ -186,8 +192,8 @@ int Session::config(const std::string& appId, const std::optional<std::string>& 
   if (version) options[ZM_KEY_GAME_PACKAGE_VERSION] = *version;
   auto config = runtime_->getGameConfig(options);
   if (!config) {
-    reporter_.failure("config", "no installed configuration for " + appId +
-                                    (version ? " " + *version : ""));
+    reporter_.failure("config",
+                      "no installed configuration for " + appId + (version ? " " + *version : ""));
     return kExitFailure;
   }
   ZMValue value = {{"deviceOrientation", config->deviceOrientation()},
@@ -216,14 +222,51 @@ int Session::info() {
     return kExitSuccess;
   }
   reporter_.say("libtavo " + value["version"].get<std::string>());
-  const std::pair<const char*, const char*> rows[] = {
-      {"user", "user"},           {"record store", "database"}, {"caches", "caches"},
-      {"installed apps", "apps"}, {"user data", "userData"},    {"engine core", "engineCore"},
-      {"package cache", "packageCache"}, {"engine", "engine"}};
+  const std::pair<const char*, const char*> rows[] = {{"user", "user"},
+                                                      {"record store", "database"},
+                                                      {"caches", "caches"},
+                                                      {"installed apps", "apps"},
+                                                      {"user data", "userData"},
+                                                      {"engine core", "engineCore"},
+                                                      {"package cache", "packageCache"},
+                                                      {"engine", "engine"}};
   for (const auto& [label, key] : rows) {
     std::string line = label;
     line.resize(15, ' ');
     reporter_.say(line + value[key].get<std::string>());
   }
   return kExitSuccess;
+}
+
+int Session::pluginCheck(const ZMValue& info) {
+  auto l = pluginListener();
+  reporter_.say("Checking plug-in " + info.dump());
+  plugins().checkPluginVersion(info, l);
+  return finish("plugin check", *l);
+}
+
+int Session::pluginInstall(const ZMValue& info) {
+  auto l = pluginListener();
+  reporter_.say("Installing plug-in " + info.dump() + " from " +
+                ZMValue(plugins().pluginServiceHosts()).dump());
+  plugins().installPlugin(info, l);
+  return finish("plugin install", *l);
+}
+
+int Session::pluginList(ZMValue* items) {
+  auto l = pluginListener();
+  reporter_.say("Plug-ins:");
+  plugins().listPlugin(l);
+  const int status = finish("plugin list", *l);
+  if (items) *items = l->items();
+  return status;
+}
+
+int Session::pluginRemove(const ZMValue& list, ZMValue* removed) {
+  auto l = pluginListener();
+  reporter_.say("Removing plug-ins " + list.dump());
+  plugins().removePluginList(list, l);
+  const int status = finish("plugin remove", *l);
+  if (removed) *removed = l->items();
+  return status;
 }

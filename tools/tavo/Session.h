@@ -7,14 +7,15 @@
 #include <vector>
 
 #include "HostListener.h"
+#include "PluginListener.h"
 #include "Reporter.h"
 #include "tavo/tavo.h"
 
 // Exit statuses of `tavo`.
 inline constexpr int kExitSuccess = 0;
-inline constexpr int kExitFailure = 1;      // the operation's failure callback
-inline constexpr int kExitNoRuntime = 2;    // the runtime could not start
-inline constexpr int kExitTimedOut = 3;     // no last callback within --timeout
+inline constexpr int kExitFailure = 1;    // the operation's failure callback
+inline constexpr int kExitNoRuntime = 2;  // the runtime could not start
+inline constexpr int kExitTimedOut = 3;   // no last callback within --timeout
 
 // One runtime for one user, and the host operations `tavo` offers on it. Each operation starts
 // the runtime's call, drains the main queue until its last callback, reports it and returns an
@@ -26,6 +27,8 @@ class Session {
     std::string root;  // empty: the XDG directories
     std::chrono::seconds timeout{600};
     bool verbose = false;  // the library's log lines on stderr
+    // Plug-in service base URLs, primary first; empty: the built-in ones.
+    std::vector<std::string> pluginServices;
   };
 
   Session(Reporter& reporter, Settings settings);
@@ -64,16 +67,28 @@ class Session {
              ZMValue* out = nullptr);
   int info();
 
+  // Plug-in operations. `info` is handed to the plug-in manager exactly as given: a plug-in info
+  // object ({"provider", "version"}) for check and install, a list of them for remove.
+  int pluginCheck(const ZMValue& info);
+  int pluginInstall(const ZMValue& info);
+  int pluginList(ZMValue* items = nullptr);
+  int pluginRemove(const ZMValue& list, ZMValue* removed = nullptr);
+
  private:
   // Drains the main queue until `listener` has heard its last callback; reports a failure.
   int finish(const std::string& what, const HostListener& listener);
   std::shared_ptr<HostListener> listener() { return std::make_shared<HostListener>(reporter_); }
+  std::shared_ptr<PluginListener> pluginListener() {
+    return std::make_shared<PluginListener>(reporter_);
+  }
+  ZMZimoGamePluginManager& plugins() { return *plugins_; }
 
   Reporter& reporter_;
   Settings settings_;
   bool reportFailures_ = true;
   std::optional<ZMError> lastError_;
   std::shared_ptr<ZMZimoGameRuntime> runtime_;
+  std::shared_ptr<ZMZimoGamePluginManager> plugins_;
   // The host object the game's view is attached to: the runtime holds it weakly.
   std::shared_ptr<int> viewController_ = std::make_shared<int>(0);
 };

@@ -1,6 +1,8 @@
 // tavo: a command-line host for libtavo, built on its public headers. One subcommand per host
 // operation of the runtime, plus `demo`, which walks the whole game cycle on its own.
 
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include "Demo.h"
+#include "PluginService.h"
 #include "Reporter.h"
 #include "Session.h"
 #include "merin/MerinGameHandle.h"
@@ -38,13 +41,57 @@ std::optional<std::string> AddAuth(ZMValue& info, const std::string& assignment)
   return std::nullopt;
 }
 
+// What `plugin check|install|remove` hands to the manager: --info as given, or the objects that
+// --provider and --version make, paired in order.
+std::optional<std::string> PluginArgument(const std::optional<std::string>& info,
+                                          const std::vector<std::string>& providers,
+                                          const std::vector<std::string>& versions, bool many,
+                                          ZMValue& argument) {
+  if (info) {
+    argument = ZMValue::parse(*info, nullptr, false);
+    if (argument.is_discarded()) return "--info is not JSON";
+    return std::nullopt;
+  }
+  if (providers.size() != versions.size() || providers.empty()) {
+    return "give --provider and --version (as many of each), or --info";
+  }
+  ZMValue list = ZMValue::array();
+  for (std::size_t i = 0; i < providers.size(); ++i) {
+    list.push_back({{"provider", providers[i]}, {"version", versions[i]}});
+  }
+  argument = many ? list : list[0];
+  return std::nullopt;
+}
+
+// `tavo serve`: the base URL on stdout first, one line per request on stderr, until SIGINT or
+// SIGTERM.
+int ServePlugins(const std::string& directory, int port) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // before any thread starts: sigwait gets them
+  PluginService service(directory, [](const std::string& line) { std::cerr << line << std::endl; });
+  if (!service.bind(port)) {
+    std::cerr << "tavo serve: cannot listen on 127.0.0.1:" << port << std::endl;
+    return kExitFailure;
+  }
+  std::cout << service.baseUrl() << std::endl;
+  service.start();
+  int received = 0;
+  sigwait(&signals, &received);
+  service.stop();
+  return kExitSuccess;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"tavo: try libtavo's game runtime from a terminal.\n"
-               "Exit status: 0 on the operation's success callback, 1 on its failure callback\n"
-               "(the error's domain and code on stderr), 2 when the runtime cannot start,\n"
-               "3 when no last callback comes within --timeout."};
+  CLI::App app{
+      "tavo: try libtavo's game runtime from a terminal.\n"
+      "Exit status: 0 on the operation's success callback, 1 on its failure callback\n"
+      "(the error's domain and code on stderr), 2 when the runtime cannot start,\n"
+      "3 when no last callback comes within --timeout."};
   app.require_subcommand(1);
   app.fallthrough();  // the global options may follow the subcommand
 
@@ -60,6 +107,9 @@ int main(int argc, char** argv) {
   app.add_flag("--verbose", settings.verbose, "Print the library's log lines on stderr");
   app.add_option("--timeout", timeoutSeconds, "Seconds to wait for an operation's last callback")
       ->capture_default_str();
+  app.add_option("--plugin-service", settings.pluginServices,
+                 "Plug-in service base URL, e.g. http://127.0.0.1:8080/ced (repeatable: primary, "
+                 "then fallback); replaces the built-in ones");
 
   std::string appId, version, url, package;
   std::optional<std::string> hash, extend, subpackageRoot, reserve, data;
@@ -123,8 +173,45 @@ int main(int argc, char** argv) {
       "demo", "Walk the whole game cycle against a local server and a temporary root");
   demo->add_flag("--keep", keep, "Keep the temporary root and package");
 
+  std::string serveDir;
+  int servePort = 0;
+  auto* serve = app.add_subcommand(
+      "serve",
+      "Serve the plug-in packages of DIR (named <provider>_<version>.zip) as a plug-in "
+      "service on 127.0.0.1; prints its base URL first and runs until interrupted");
+  serve->add_option("DIR", serveDir, "Directory of plug-in packages")->required();
+  serve->add_option("--port", servePort, "Port (default: a free one)");
+
+  std::vector<std::string> providers, versions;
+  std::optional<std::string> pluginInfo;
+  auto* plugin = app.add_subcommand("plugin", "Check, install, list and remove plug-ins");
+  plugin->require_subcommand(1);
+  auto* pluginCheck = plugin->add_subcommand("check",
+                                             "Check that a plug-in is installed (installing a "
+                                             "prefetched update first)");
+  auto* pluginInstall =
+      plugin->add_subcommand("install", "Install a plug-in from the plug-in service");
+  auto* pluginList = plugin->add_subcommand("list", "List the installed plug-ins");
+  auto* pluginRemove = plugin->add_subcommand("remove", "Remove plug-ins");
+  for (auto* command : {pluginCheck, pluginInstall, pluginRemove}) {
+    const bool many = command == pluginRemove;
+    auto* byName = many ? command->add_option("--provider", providers, "Provider (repeatable)")
+                        : command->add_option("--provider", providers, "Provider")->expected(1);
+    auto* byVersion =
+        many ? command->add_option("--version", versions, "Version (repeatable, paired in order)")
+             : command->add_option("--version", versions, "Version")->expected(1);
+    command
+        ->add_option("--info", pluginInfo,
+                     many ? "The list of plug-in info objects, as JSON, handed over as given"
+                          : "The plug-in info object, as JSON, handed over as given")
+        ->excludes(byName)
+        ->excludes(byVersion);
+  }
+
   CLI11_PARSE(app, argc, argv);
   settings.timeout = std::chrono::seconds(timeoutSeconds);
+
+  if (serve->parsed()) return ServePlugins(serveDir, servePort);
 
   MerinGameHandle::install();  // the reference headless engine runs the games
   Reporter reporter(trace, isatty(STDOUT_FILENO) == 1);
@@ -157,8 +244,21 @@ int main(int argc, char** argv) {
     }
   }
 
+  ZMValue pluginArgument;
+  if (plugin->parsed() && !pluginList->parsed()) {
+    const bool many = pluginRemove->parsed();
+    if (auto problem = PluginArgument(pluginInfo, providers, versions, many, pluginArgument)) {
+      reporter.failure("plugin", *problem);
+      return kExitFailure;
+    }
+  }
+
   Session session(reporter, settings);
   if (!session.start()) return kExitNoRuntime;
+  if (pluginCheck->parsed()) return session.pluginCheck(pluginArgument);
+  if (pluginInstall->parsed()) return session.pluginInstall(pluginArgument);
+  if (pluginList->parsed()) return session.pluginList();
+  if (pluginRemove->parsed()) return session.pluginRemove(pluginArgument);
   if (check->parsed()) return session.check(appId, version);
   if (download->parsed()) return session.download(appId, version, url, hash);
   if (install->parsed()) return session.install(appId, version, package, subpackageRoot, extend);
