@@ -129,8 +129,8 @@ std::optional<std::pair<std::string, std::string>> PluginService::package(
       !S_ISREG(info.st_mode)) {
     return std::nullopt;
   }
-  const int64_t modified = static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 +
-                           info.st_mtim.tv_nsec;
+  const int64_t modified =
+      static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
   std::lock_guard lock(mutex_);
   Package& known = packages_[name];
   if (known.size != info.st_size || known.modified != modified) {

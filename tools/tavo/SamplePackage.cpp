@@ -37,7 +37,8 @@ bool WriteSamplePackage(const std::string& path) {
       {"game.config.json",
        "{\n  \"deviceOrientation\" : \"portrait\",\n  \"showStatusBar\" : false,\n"
        "  \"runtimeVersion\" : \"1.0.0\",\n"
-       "  \"plugins\" : {\"physics\" : {\"provider\" : \"tavo-physics\", \"version\" : \"1.0\"}}\n}\n"},
+       "  \"plugins\" : {\"physics\" : {\"provider\" : \"tavo-physics\", \"version\" : "
+       "\"1.0\"}}\n}\n"},
       {"main.js",
        "// The demo game: a counter that the reference engine never renders.\n"
        "let taps = 0;\nfunction onTap() { taps += 1; }\n"},
