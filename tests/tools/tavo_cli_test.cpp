@@ -10,7 +10,10 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
+
+#include <httplib.h>
 
 #include "support/TestHttpServer.h"
 #include "support/TestSupport.h"
@@ -260,6 +263,25 @@ TEST_F(TavoCli, PluginCycleAgainstTheReferenceService) {
             (Names{"onInitializeSuccess", "onPluginInstallStart", "onPluginInstallFailure"}));
   EXPECT_EQ(tavo(plugin({"install", "--provider", "nope", "--version", "1"})).status, 1);
   EXPECT_EQ(tavo(plugin({"remove", "--provider", "a"})).status, 1) << "unpaired";
+
+  // Hostile bodies: unreadable lists get code 400; raw "&" and "=" in values do not confuse the
+  // list, which is the body's last field; a huge list is answered.
+  httplib::Client client(service.url.substr(0, service.url.size() - 4));
+  std::string huge = "plugin_list=[";
+  for (int i = 0; i < 20000; ++i) huge += R"({"plugin_id":"x","version":"1"},)";
+  huge += R"({"plugin_id":"demo","version":"1.0"}])";
+  for (const auto& [body, code, results] : std::vector<std::tuple<std::string, int, std::size_t>>{
+           {R"(client_id=a&plugin_list=[{"plugin_id":"demo")", 400, 0},
+           {"", 400, 0},
+           {R"(device_id=a&plugin_list=[]&b=c&plugin_list=[{"plugin_id":"demo","version":"1.0"}])",
+            200, 1},
+           {huge, 200, 1}}) {
+    const auto reply = client.Post("/ced/runtime/plugin/url", body, "text/plain");
+    ASSERT_TRUE(reply);
+    const ZMValue answer = ZMValue::parse(reply->body, nullptr, false);
+    EXPECT_EQ(answer["code"], code) << body.substr(0, 60);
+    EXPECT_EQ(answer.value("plugin_results", ZMValue::array()).size(), results);
+  }
 
   EXPECT_TRUE(service.stop());
   const std::string log = ReadFile(dir / "serve.log");
