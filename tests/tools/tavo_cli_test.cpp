@@ -168,6 +168,10 @@ TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
     EXPECT_EQ(r.status, 1) << c.args[0] << ": " << r.err;
     EXPECT_NE(r.err.find(c.stderrHas), std::string::npos) << c.args[0] << ": " << r.err;
   }
+  // The runtime is silent for a user without games: remove-all still ends, at once.
+  const Result none = tavo({"remove-all", "--timeout", "30"});
+  EXPECT_EQ(none.status, 0) << none.err;
+  EXPECT_NE(none.out.find("No games of tavo-user to remove"), std::string::npos) << none.out;
   // A usage error is neither success nor an operation's failure.
   const Result usage = tavo({"check", "--app", "g"});
   EXPECT_NE(usage.status, 0);

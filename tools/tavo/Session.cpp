@@ -167,6 +167,15 @@ int Session::remove(const std::vector<std::string>& appIds) {
 }
 
 int Session::removeAll() {
+  // The runtime says nothing at all when the user has no games, so there would be nothing to
+  // wait for: look first.
+  auto games = listener();
+  runtime_->listGame(games);
+  if (finish("list", *games) != kExitSuccess) return kExitFailure;
+  if (games->items().empty()) {
+    reporter_.say("No games of " + settings_.user + " to remove");
+    return kExitSuccess;
+  }
   auto l = listener();
   reporter_.say("Removing every game of " + settings_.user);
   runtime_->removeGameAll(l);
