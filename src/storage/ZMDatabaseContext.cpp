@@ -100,12 +100,16 @@ ZMAppRowFields readFields(sqlite3_stmt* stmt, int first) {
 
 }  // namespace
 
+constexpr int kBusyTimeoutMs = 5000;
+
 std::shared_ptr<ZMDatabaseContext> ZMDatabaseContext::open(const std::string& path,
                                                            ZMError* error) {
   sqlite3* db = nullptr;
   const int rc =
       sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-  // Opening is lazy: the table statement is what first reads the file.
+  // Another process may hold the file's lock for a moment: wait for it from the first statement
+  // on. Opening is lazy: the table statement is what first reads the file.
+  if (db) sqlite3_busy_timeout(db, kBusyTimeoutMs);
   if (rc != SQLITE_OK || !execute(db, kCreateTable)) {
     if (error) {
       *error =
@@ -117,7 +121,6 @@ std::shared_ptr<ZMDatabaseContext> ZMDatabaseContext::open(const std::string& pa
     sqlite3_close(db);
     return nullptr;
   }
-  sqlite3_busy_timeout(db, 5000);
   return std::shared_ptr<ZMDatabaseContext>(new ZMDatabaseContext(db));
 }
 

@@ -55,7 +55,10 @@ bool ZMDatabaseHelper::createDataBase() {
     ZMError error;
     if (!ZMFileManager::createDirectory(documents, &error)) return;
     auto context = ZMDatabaseContext::open(ZMPathJoin(documents, kStoreFileName), &error);
-    if (!context) return;
+    if (!context) {
+      ZMLogFormat("%@", {error});  // the host hears only "create database error"
+      return;
+    }
     if (savesFailForTesting_) context->setQueryOnly(true);
     context_ = std::move(context);
     opened = true;

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "storage/RawStore.h"
@@ -93,19 +93,29 @@ TEST(ZMDatabaseHelper, UnopenedStoreAnswersNothingAndWritesNothing) {
   EXPECT_EQ(Store().getPeopleCount("g1"), 0);
 }
 
-TEST(ZMDatabaseHelper, BackgroundCallersRunOnTheMainThread) {
+TEST(ZMDatabaseHelper, BackgroundCallersAreSerialisedWithoutTheMainQueue) {
   FreshStore store;
-  std::atomic<int> finished{0};
-  std::vector<std::jthread> threads;  // joined once the test is done with the main queue
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 10; ++i) {
-        Store().insertOrUpdateExtraAndPlay("u1", "g1", std::nullopt);
-        EXPECT_EQ(Store().getPeopleCount("g1"), 1);
-      }
-      ++finished;
-    });
+  {
+    std::vector<std::jthread> threads;  // the main queue is never drained: nobody waits for it
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&] {
+        for (int i = 0; i < 10; ++i) {
+          Store().insertOrUpdateExtraAndPlay("u1", "g1", std::nullopt);
+          EXPECT_EQ(Store().getPeopleCount("g1"), 1);
+        }
+      });
+    }
   }
-  EXPECT_TRUE(RunUntil([&] { return finished == 4; }));
   EXPECT_EQ(store.raw("SELECT played FROM AppRow"), Rows{"40"});
+}
+
+TEST(ZMDatabaseHelper, AStoreThatCannotOpenSaysWhyInTheLog) {
+  ScopedSystemDirectories dirs;
+  std::filesystem::create_directories(dirs.documents() + "/zimo_client_sdk.db");
+  LogCapture log;
+  EXPECT_FALSE(Store().createDataBase());
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_NE(log.lines()[0].find("unable to open database file"), std::string::npos)
+      << log.lines()[0];
+  Store().resetForTesting();
 }
