@@ -1,13 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <thread>
 
 #include "merin/MerinGameHandle.h"
 #include "plugin/ZMPluginInstallPackageManager.h"
 #include "plugin/ZMPluginUnzipPackageTask.h"
-#include "support/TestHttpServer.h"
 #include "support/TestListeners.h"
+#include "support/TestPluginService.h"
 #include "support/TestSupport.h"
 #include "support/TestZip.h"
 #include "util/ZMTaskGroup.h"
@@ -16,16 +15,12 @@ namespace {
 
 using Events = std::vector<std::string>;
 
-// Service hosts "/a/ced" and "/b/ced" with a reply each (`lists` one naming the package), the
-// package at "/p.zip" (404 while empty), and the reference engine noting what it is asked to
-// unzip, or, with `hold`, keeping the request for the test to answer.
+// A service with hosts "a" and "b", and the reference engine noting what it is asked to unzip,
+// or, with `hold`, keeping the request for the test to answer (all of it on the main queue).
 struct Install : MerinGameHandle {
   TempDir dir;
-  TestHttpServer server;
-  std::mutex mutex;
-  Events queries, unzips;
-  std::map<std::string, std::string> replies;
-  std::string package;
+  TestPluginService service;
+  Events unzips;
   bool hold = false;
   std::shared_ptr<ZMUnzipGamePackageListener> held;
   std::shared_ptr<PluginInstallRecorder> host = std::make_shared<PluginInstallRecorder>();
@@ -33,47 +28,28 @@ struct Install : MerinGameHandle {
   std::shared_ptr<ZMPluginInstallPackageManager> manager;
   const std::string plugin = dir / "plugin/p_1.0";
 
-  Install() {
-    server.Post(R"(/(\w)/ced/runtime/plugin/url)", [this](const auto& request, auto& response) {
-      std::lock_guard lock(mutex);
-      queries.push_back(request.matches[1].str());
-      response.set_content(replies[request.matches[1].str()], "application/json");
-    });
-    server.Get("/p.zip", [this](const auto&, auto& response) {
-      std::lock_guard lock(mutex);
-      package.empty() ? void(response.status = 404) : response.set_content(package, "x/zip");
-    });
-    server.start();
-    ZMFileUtils::ensureDirExists(dir / "cache");  // the runtime made it long before
-  }
+  Install() { ZMFileUtils::ensureDirExists(dir / "cache"); }  // the runtime made it long before
   void unzipFile(const std::string& zip, const std::string& dir,
                  std::shared_ptr<ZMUnzipGamePackageListener> listener) override {
-    std::lock_guard lock(mutex);
     unzips.push_back(zip + " -> " + dir);
     hold ? void(held = std::move(listener)) : MerinGameHandle::unzipFile(zip, dir, listener);
   }
-  std::string service(const std::string& name) { return server.url("/" + name + "/ced"); }
-  // The server's threads read these under the lock.
-  Events asked() {
-    std::lock_guard lock(mutex);
-    return queries;
-  }
-  void answer(const std::string& name, const std::string& reply) {
-    std::lock_guard lock(mutex);
-    replies[name] = reply;
-  }
-  // Serves `body` as the package, listed by host `name` with its MD5.
-  void lists(const std::string& name, const std::string& body) {
+  // Host `name` lists `body` with its MD5 as the package, served unless empty.
+  std::string lists(const std::string& name, const std::string& body) {
     WriteFile(dir / "p.zip", body);
-    answer(name, R"({"code":200,"plugin_results":[{"plugin_id":"p","version":"1.0","hash":")" +
-                     *ZMFileUtils::getFileMD5(dir / "p.zip") + R"(","url":")" +
-                     server.url("/p.zip") + "\"}]}");
-    std::lock_guard lock(mutex);
-    package = body;
+    const std::string hash = *ZMFileUtils::getFileMD5(dir / "p.zip");
+    if (!body.empty()) service.serve("p.zip", body);
+    service.lists(name, ZMValue::array({{{"plugin_id", "p"},
+                                         {"version", "1.0"},
+                                         {"hash", hash},
+                                         {"url", service.package("p.zip")}}}));
+    return hash;
   }
-  Events run(std::vector<std::string> hosts) {
-    manager = std::make_shared<ZMPluginInstallPackageManager>(
-        std::move(hosts), dir / "cache", plugin, "dev", "com.example.host", "1.0.0", host);
+  Events run(const Events& names) {
+    Events hosts;
+    for (const auto& name : names) hosts.push_back(service.host(name));
+    manager = std::make_shared<ZMPluginInstallPackageManager>(hosts, dir / "cache", plugin, "dev",
+                                                              "com.example.host", "1.0.0", host);
     group->add(manager);
     manager->execute({{"provider", "p"}, {"version", "1.0"}}, "p", "1.0");
     EXPECT_TRUE(hold || RunUntil([&] { return host->size() > 0; }));
@@ -92,14 +68,12 @@ std::shared_ptr<Install> Start() {
 
 TEST(ZMPluginInstallPackageManager, AsksHostsInOrderThenDownloadsUnpacksAndRecordsTheHash) {
   auto t = Start();
-  MakeZip(t->dir / "p.zip", {{"lib/x.so", "X"}});
-  t->lists("b", ReadFile(t->dir / "p.zip"));
-  const std::string hash = *ZMFileUtils::getFileMD5(t->dir / "p.zip");
-  t->answer("a", R"({"code":500})");
+  MakeZip(t->dir / "zip", {{"lib/x.so", "X"}});
+  const std::string zip = ReadFile(t->dir / "zip"), hash = t->lists("b", zip);
   WriteFile(t->plugin + ".detail.json", R"({"updateHash":"u","hash":"old"})");
 
-  EXPECT_EQ(t->run({t->service("a"), t->service("b")}), Events{"success:p"});
-  EXPECT_EQ(t->asked(), (Events{"a", "b"}));
+  EXPECT_EQ(t->run({"a", "b"}), Events{"success:p"});  // a answers code 500
+  EXPECT_EQ(t->service.log(), (Events{"a url", "b url", "GET p.zip"}));
   EXPECT_GT(t->host->progressCalls, 0);
   EXPECT_EQ(t->host->distinctThreads(), std::set{std::this_thread::get_id()});
   EXPECT_EQ(t->unzips, Events{t->dir / "cache/" + hash + "_p_1.0.zip -> " + t->plugin});
@@ -110,29 +84,28 @@ TEST(ZMPluginInstallPackageManager, AsksHostsInOrderThenDownloadsUnpacksAndRecor
   EXPECT_EQ(t->group->sizeForTesting(), 0u) << "the finished run is let go";
 
   // Only the query moves on to the next host; a failed download or unpack ends the install.
-  // Replies of hosts a and b ("lists" names the package), the package, the queries made, and
-  // how the one callback begins.
+  // Replies of hosts a and b ("lists:<package>" names the package), what the service saw, and how
+  // the one failure begins.
   struct Row {
-    std::string a, b, package;
-    Events queries;
+    std::string a, b;
+    Events log;
     std::string failure;
   } rows[] = {
-      {R"({"code":404})", "not json", "", {"a", "b"}, "failure:p|get plugin url error (null)|0"},
-      {"not json", R"({"code":404})", "", {"a", "b"}, "failure:p|get plugin url error 404|0"},
-      {"", "", "", {}, "failure:p||0"},  // no host at all
-      {"lists", "", "", {"a"}, "failure:p|NSNetServicesErrorDomain|404"},
-      {"lists", "", "corrupt", {"a"}, "failure:p|"},
+      {R"({"code":404})", "not json", {"a url", "b url"}, "get plugin url error (null)|0"},
+      {"not json", R"({"code":404})", {"a url", "b url"}, "get plugin url error 404|0"},
+      {"", "", {}, "|0"},  // no host at all
+      {"lists:", "", {"a url", "GET p.zip"}, "NSNetServicesErrorDomain|404"},
+      {"lists:corrupt", "", {"a url", "GET p.zip"}, ""},
   };
   for (const auto& row : rows) {
     auto u = Start();
-    u->answer("a", row.a);
-    u->answer("b", row.b);
-    if (row.a == "lists") u->lists("a", row.package);
-    const auto events =
-        u->run(row.queries.empty() ? Events{} : Events{u->service("a"), u->service("b")});
-    EXPECT_EQ(u->asked(), row.queries);
+    u->service.answer("a", row.a);
+    u->service.answer("b", row.b);
+    if (row.a.starts_with("lists:")) u->lists("a", row.a.substr(6));
+    const auto events = u->run(row.log.empty() ? Events{} : Events{"a", "b"});
+    EXPECT_EQ(u->service.log(), row.log);
     ASSERT_EQ(events.size(), 1u);
-    EXPECT_TRUE(events[0].starts_with(row.failure)) << events[0];
+    EXPECT_TRUE(events[0].starts_with("failure:p|" + row.failure)) << events[0];
     EXPECT_FALSE(Exists(u->plugin) || Exists(u->plugin + ".detail.json"));
     EXPECT_EQ(ListDir(u->dir / "cache"), Events{});
     EXPECT_EQ(u->group->sizeForTesting(), 0u);
@@ -141,12 +114,9 @@ TEST(ZMPluginInstallPackageManager, AsksHostsInOrderThenDownloadsUnpacksAndRecor
   // Cancelled while the engine unpacks: the unpack still cleans up, the host hears nothing.
   auto c = Start();
   c->hold = true;
-  c->lists("a", ReadFile(t->dir / "p.zip"));
-  c->run({c->service("a")});
-  ASSERT_TRUE(RunUntil([&] {
-    std::lock_guard lock(c->mutex);
-    return c->held != nullptr;
-  }));
+  c->lists("a", zip);
+  c->run({"a"});
+  ASSERT_TRUE(RunUntil([&] { return c->held != nullptr; }));
   c->manager->cancel();
   std::thread([held = std::move(c->held)] { held->onUnzipSucceed(); }).join();
   DrainMainQueue();
