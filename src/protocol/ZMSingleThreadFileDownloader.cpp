@@ -75,6 +75,7 @@ void ZMSingleThreadFileDownloader::didFinishDownloadingToLocation(ZMURLSession&,
     _notifyFailure(-1, "move file fail", error);
     return;
   }
+  fileMD5_ = task.downloadedMD5();
   _notifySuccess(filePath_);
 }
 

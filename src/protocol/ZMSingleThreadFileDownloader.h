@@ -37,6 +37,9 @@ class ZMSingleThreadFileDownloader
   const std::string& filePath() const { return filePath_; }
   const std::string& url() const { return url_; }
   const std::string& tag() const { return tag_; }
+  // The MD5 of the file at filePath() as it was written (32 lower-case hex digits), set just
+  // before onDownloadSuccess; null when the transfer could not compute it. Main queue only.
+  const std::optional<std::string>& fileMD5() const { return fileMD5_; }
 
   // Replaces the idle time-out of downloaders started afterwards; 0 restores kTimeoutInterval.
   static void setTimeoutIntervalForTesting(double seconds);
@@ -67,4 +70,5 @@ class ZMSingleThreadFileDownloader
   std::mutex mutex_;  // session_ and task_, which start() and cancel() set up on first use
   std::shared_ptr<ZMURLSession> session_;
   std::weak_ptr<ZMURLSessionTask> task_;
+  std::optional<std::string> fileMD5_;
 };

@@ -39,6 +39,11 @@ std::optional<ZMHTTPURLResponse> ZMURLSessionTask::response() const {
   return response_;
 }
 
+std::optional<std::string> ZMURLSessionTask::downloadedMD5() const {
+  std::lock_guard lock(mutex_);
+  return downloadedMD5_;
+}
+
 std::optional<ZMError> ZMURLSessionTask::error() const {
   std::lock_guard lock(mutex_);
   return error_;
@@ -55,7 +60,7 @@ void ZMURLSessionTask::resume() {
   if (session->invalidated_.load()) {
     state_.store(State::canceling);
     ZMURLSessionEngine::complete(
-        shared_from_this(), {ZMURLCancelledError(request_.url), std::nullopt, std::nullopt, {}});
+        shared_from_this(), ZMURLSessionEngine::Outcome::failed(ZMURLCancelledError(request_.url)));
     return;
   }
   session->engine_->start(shared_from_this());
@@ -66,8 +71,8 @@ void ZMURLSessionTask::cancel() {
   for (;;) {
     if (state == State::suspended) {
       if (!state_.compare_exchange_weak(state, State::canceling)) continue;
-      ZMURLSessionEngine::complete(
-          shared_from_this(), {ZMURLCancelledError(request_.url), std::nullopt, std::nullopt, {}});
+      ZMURLSessionEngine::complete(shared_from_this(), ZMURLSessionEngine::Outcome::failed(
+                                                           ZMURLCancelledError(request_.url)));
       return;
     }
     if (state != State::running) return;

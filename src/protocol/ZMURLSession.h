@@ -106,6 +106,9 @@ class ZMURLSessionTask : public std::enable_shared_from_this<ZMURLSessionTask> {
   std::optional<ZMError> error() const;
   int64_t countOfBytesReceived() const { return bytesReceived_.load(); }
   int64_t countOfBytesExpectedToReceive() const { return bytesExpected_.load(); }
+  // A download's MD5 (32 lower-case hex digits), computed from the bytes as they were written to
+  // its file; null before the file is handed over, for data tasks, or when it could not be made.
+  std::optional<std::string> downloadedMD5() const;
 
   // Starts a suspended task; does nothing otherwise. On an invalidated session the task
   // completes as cancelled. Any thread.
@@ -137,6 +140,7 @@ class ZMURLSessionTask : public std::enable_shared_from_this<ZMURLSessionTask> {
   mutable std::mutex mutex_;
   std::optional<ZMHTTPURLResponse> response_;
   std::optional<ZMError> error_;
+  std::optional<std::string> downloadedMD5_;
 };
 
 // Delegate callbacks arrive on the main queue. Every one has an empty default.

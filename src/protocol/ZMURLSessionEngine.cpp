@@ -95,6 +95,20 @@ int64_t contentLength(const ZMHTTPHeaderFields& fields) {
   return length;
 }
 
+// The digest as 32 lower-case hex digits; empty without a context or when it cannot finish.
+std::string hexDigest(EVP_MD_CTX* context) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (!context || EVP_DigestFinal_ex(context, digest, &length) != 1) return {};
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string text;
+  for (unsigned int i = 0; i < length; ++i) {
+    text += kHex[digest[i] >> 4];
+    text += kHex[digest[i] & 0x0f];
+  }
+  return text;
+}
+
 }  // namespace
 
 namespace {
@@ -234,11 +248,11 @@ void ZMURLSessionEngine::run() {
 void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
   const std::string& url = task->request_.url;
   if (task->state_.load() != ZMURLSessionTask::State::running) {  // cancelled before it began
-    complete(std::move(task), {cancelledError(url), std::nullopt, std::nullopt, {}});
+    complete(std::move(task), Outcome::failed(cancelledError(url)));
     return;
   }
   if (auto error = checkURL(url)) {
-    complete(std::move(task), {std::move(error), std::nullopt, std::nullopt, {}});
+    complete(std::move(task), Outcome::failed(std::move(*error)));
     return;
   }
   auto transfer = std::make_unique<Transfer>();
@@ -250,23 +264,24 @@ void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
     if (fd < 0) {
       const int err = errno;
       complete(std::move(transfer->task),
-               {urlError(kZMURLErrorCannotCreateFile, "The file couldn\u2019t be created.", url,
-                         pattern + ": " + std::strerror(err)),
-                std::nullopt,
-                std::nullopt,
-                {}});
+               Outcome::failed(urlError(kZMURLErrorCannotCreateFile,
+                                        "The file couldn\u2019t be created.", url,
+                                        pattern + ": " + std::strerror(err))));
       return;
     }
     transfer->fd = fd;
     transfer->location = std::move(pattern);
+    transfer->md5 = EVP_MD_CTX_new();
+    if (transfer->md5 && EVP_DigestInit_ex(transfer->md5, EVP_md5(), nullptr) != 1) {
+      EVP_MD_CTX_free(transfer->md5);
+      transfer->md5 = nullptr;  // no digest then: the file is hashed when it is verified
+    }
   }
   if (!configure(*transfer)) {
     release(*transfer, true);
     complete(std::move(transfer->task),
-             {urlError(kZMURLErrorUnknown, "unknown error", url, "transfer setup failed"),
-              std::nullopt,
-              std::nullopt,
-              {}});
+             Outcome::failed(
+                 urlError(kZMURLErrorUnknown, "unknown error", url, "transfer setup failed")));
     return;
   }
   transfer->lastActivity = Clock::now();
@@ -351,6 +366,8 @@ void ZMURLSessionEngine::release(Transfer& transfer, bool removeFile) {
     ::close(transfer.fd);
     transfer.fd = -1;
   }
+  EVP_MD_CTX_free(transfer.md5);
+  transfer.md5 = nullptr;
   if (removeFile && !transfer.location.empty()) {
     ::unlink(transfer.location.c_str());
     transfer.location.clear();
@@ -385,6 +402,7 @@ void ZMURLSessionEngine::finish(CURL* easy, CURLcode result) {
     if (transfer->task->kind_ == ZMURLSessionTask::Kind::download) {
       outcome.location = std::move(transfer->location);
       transfer->location.clear();
+      outcome.md5 = hexDigest(transfer->md5);
     } else {
       outcome.data = std::move(transfer->data);
     }
@@ -565,6 +583,11 @@ bool ZMURLSessionEngine::flush(Transfer& transfer) {
     }
     written += static_cast<size_t>(n);
   }
+  // A digest that cannot be updated is dropped, never trusted.
+  if (transfer.md5 && EVP_DigestUpdate(transfer.md5, data, length) != 1) {
+    EVP_MD_CTX_free(transfer.md5);
+    transfer.md5 = nullptr;
+  }
   transfer.pending.clear();
   ZMURLSessionTask& task = *transfer.task;
   task.bytesReceived_.fetch_add(static_cast<int64_t>(length));
@@ -636,6 +659,10 @@ void ZMURLSessionEngine::deliver(const std::shared_ptr<ZMURLSessionTask>& task, 
     return;
   }
   if (task->kind_ == ZMURLSessionTask::Kind::download && !outcome.error) {
+    {
+      std::lock_guard lock(task->mutex_);
+      if (!outcome.md5.empty()) task->downloadedMD5_ = outcome.md5;
+    }
     if (auto delegate = session->delegate_.lock()) {
       delegate->didFinishDownloadingToLocation(*session, *task, outcome.location);
     }

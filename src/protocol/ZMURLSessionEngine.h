@@ -1,6 +1,7 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <openssl/evp.h>
 
 #include <chrono>
 #include <cstdint>
@@ -28,6 +29,13 @@ class ZMURLSessionEngine {
     std::optional<ZMHTTPURLResponse> response;
     std::optional<std::string> data;  // data tasks that succeeded
     std::string location;             // download tasks that succeeded
+    std::string md5;                  // of the bytes written to `location`, lower-case hex
+
+    static Outcome failed(ZMError error) {
+      Outcome outcome;
+      outcome.error = std::move(error);
+      return outcome;
+    }
   };
 
   static std::shared_ptr<ZMURLSessionEngine> acquire();
@@ -63,6 +71,8 @@ class ZMURLSessionEngine {
     curl_off_t lastDown = 0;
     curl_off_t lastUp = 0;
     int writeErrno = 0;
+    // MD5 of the bytes written so far, so the file need not be read again to be verified.
+    EVP_MD_CTX* md5 = nullptr;
     char errorBuffer[CURL_ERROR_SIZE] = {};
   };
   struct Command {

@@ -37,7 +37,10 @@ void ZMVerifiedPackageDownload::_checkPackageHash(const std::string& path) {
     listener->onDownloadSuccess(path);
     return;
   }
-  const auto digest = ZMFileUtils::getFileMD5(savePath_);
+  // The transfer hashed the bytes as it wrote them; the file is read again only when it could
+  // not.
+  const auto digest = downloader_ && downloader_->fileMD5() ? downloader_->fileMD5()
+                                                            : ZMFileUtils::getFileMD5(savePath_);
   // A missing file ("") or a failed digest (null) never matches; the comparison is exact, so an
   // upper-case hash never matches either.
   if (hash_ && digest && !digest->empty() && *digest == *hash_) {

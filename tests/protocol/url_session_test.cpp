@@ -19,6 +19,7 @@
 #include "support/TestHttpServer.h"
 #include "support/TestListeners.h"
 #include "support/TestSupport.h"
+#include "tavo/ZMFileUtils.h"
 
 using namespace std::chrono_literals;
 
@@ -37,10 +38,14 @@ struct Recorder : ZMURLSessionDelegate, EventLog {
     note("progress");
     if (std::exchange(cancelMidway, false)) current.cancel();
   }
-  void didFinishDownloadingToLocation(ZMURLSession&, ZMURLSessionTask&,
+  std::optional<std::string> md5AtFinish, fileMD5AtFinish;
+
+  void didFinishDownloadingToLocation(ZMURLSession&, ZMURLSessionTask& current,
                                       const std::string& path) override {
     location = path;
     contentAtFinish = ReadFile(path);
+    md5AtFinish = current.downloadedMD5();
+    fileMD5AtFinish = ZMFileUtils::getFileMD5(path);
     note("finish");
   }
   void didCompleteWithError(ZMURLSession&, ZMURLSessionTask&,
@@ -121,6 +126,9 @@ TEST_F(ZMURLSessionTest, DownloadFollowsRedirectsWithCookiesThroughATemporaryFil
   }
   EXPECT_EQ(sum, static_cast<int64_t>(body.size()));
   EXPECT_TRUE(recorder->contentAtFinish == body);  // the redirect's own body is not kept
+  // The digest made while writing is the file's, so verifying never reads the file again.
+  EXPECT_EQ(recorder->md5AtFinish, recorder->fileMD5AtFinish);
+  EXPECT_EQ(recorder->md5AtFinish->size(), 32u);
   EXPECT_EQ(recorder->location.rfind(dirs.temporary() + "/", 0), 0u) << recorder->location;
   EXPECT_FALSE(Exists(recorder->location));  // removed once the callback returned
   EXPECT_EQ(recorder->task->response()->statusCode, 200);
