@@ -131,6 +131,10 @@ TEST_F(MerinUnzip, ReportsUnreadableArchivesWithTheReason) {
     EXPECT_TRUE(message.starts_with(prefix)) << message;
     EXPECT_GT(message.size(), prefix.size()) << "the libzip reason follows";
   }
+  // A zero-byte file opens as an archive without entries: nothing to install is a failure.
+  WriteFile(dir_ / "empty.zip", "");
+  EXPECT_EQ(unzip(dir_ / "empty.zip", dir_ / "dest")->last(),
+            "failed: no entries in zip archive \"" + (dir_ / "empty.zip") + "\"");
 }
 
 TEST_F(MerinUnzip, QueuedUnzipsFinishWhenTheHandleIsDroppedOverwritingWhatIsThere) {

@@ -243,6 +243,9 @@ bool NormalizeName(const std::string& name, std::string* path) {
 std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath, Plan* plan) {
   const std::string where = " in zip archive " + Quoted(zipPath);
   plan->entryCount = zip_get_num_entries(archive, 0);
+  // libzip opens an empty file as an empty archive; no real package is empty, and installing
+  // nothing would leave a game that claims to be there.
+  if (plan->entryCount <= 0) return "no entries" + where;
   std::map<std::string, size_t> fileByPath;
   for (zip_int64_t i = 0; i < plan->entryCount; ++i) {
     const auto index = static_cast<zip_uint64_t>(i);
