@@ -95,6 +95,25 @@ int64_t contentLength(const ZMHTTPHeaderFields& fields) {
   return length;
 }
 
+// Whether a body of `received` bytes fails the final response's declared length: a
+// Content-Length that cannot be read (not a plain number, or past 64 bits, which curl takes as no
+// length at all) or that the body did not reach. A chunked body, or one that has none by its
+// status, declares nothing.
+bool failsDeclaredLength(const ZMHTTPHeaderFields& fields, long status, int64_t received) {
+  if (status < 200 || status == 204 || status == 304) return false;
+  for (const auto& [name, value] : fields) {
+    if (equalsIgnoringCase(name, "Transfer-Encoding")) return false;
+  }
+  for (const auto& [name, value] : fields) {
+    if (!equalsIgnoringCase(name, "Content-Length")) continue;
+    int64_t declared = -1;
+    const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), declared);
+    if (ec != std::errc() || end != value.data() + value.size() || declared < 0) return true;
+    if (declared != received) return true;
+  }
+  return false;
+}
+
 // The digest as 32 lower-case hex digits; empty without a context or when it cannot finish.
 std::string hexDigest(EVP_MD_CTX* context) {
   unsigned char digest[EVP_MAX_MD_SIZE];
@@ -397,6 +416,12 @@ void ZMURLSessionEngine::finish(CURL* easy, CURLcode result) {
       outcome.error = urlError(kZMURLErrorCannotWriteToFile, "The file couldn\u2019t be written.",
                                transfer->task->request_.url, std::strerror(err));
     }
+  }
+  if (!outcome.error && transfer->task->kind_ == ZMURLSessionTask::Kind::download &&
+      failsDeclaredLength(transfer->headerFields, status, transfer->task->bytesReceived_.load())) {
+    outcome.error =
+        urlError(kURLErrorBadServerResponse, "bad server response", transfer->task->request_.url,
+                 "the body does not match its declared Content-Length");
   }
   if (!outcome.error) {
     if (transfer->task->kind_ == ZMURLSessionTask::Kind::download) {

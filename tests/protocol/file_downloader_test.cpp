@@ -42,18 +42,20 @@ struct FileRecorder : ZMOnFileDownloadListener, EventLog {
   void onDownloadRetry(int32_t n) override { note("retry", int64_t{n}); }
 };
 
-// Answers one connection with a 200 that declares `declared` bytes, sends `sent` of them and
-// resets the connection (RST): a lost connection, which a clean close cannot imitate.
+// Answers one connection with a 200 whose Content-Length is `declared`, sends `sent` bytes and
+// resets the connection (RST): a lost connection, which a clean close cannot imitate. With
+// `reset` false it closes cleanly.
 struct ResettingServer {
-  ResettingServer(std::size_t declared, std::size_t sent) {
+  ResettingServer(const std::string& declared, std::size_t sent, bool reset = true) {
     sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     auto* raw = reinterpret_cast<sockaddr*>(&address);
     socklen_t length = sizeof address;
     if (::bind(listener, raw, length) || ::listen(listener, 1)) std::abort();
     ::getsockname(listener, raw, &length);
     url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/pkg";
-    thread = std::thread([this, reply = "HTTP/1.1 200 OK\r\nContent-Length: " +
-                                        std::to_string(declared) + "\r\n\r\n" + PatternBody(sent)] {
+    thread = std::thread([this, reset,
+                          reply = "HTTP/1.1 200 OK\r\nContent-Length: " + declared +
+                                  "\r\nConnection: close\r\n\r\n" + PatternBody(sent)] {
       const int connection = ::accept(listener, nullptr, nullptr);
       if (connection < 0) return;  // woken by the destructor
       // One read takes the request (what is left unread is reset as well); a client that never
@@ -61,8 +63,8 @@ struct ResettingServer {
       char request[4096];
       (void)!::recv(connection, request, sizeof request, 0);
       (void)!::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
-      const linger reset{1, 0};  // close() sends RST, not FIN
-      ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+      const linger abort{1, 0};  // close() sends RST, not FIN
+      if (reset) ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
       ::close(connection);
     });
   }
@@ -166,7 +168,9 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
   server.Get("/stall-body", PartialBody(server, 200000, 50000, true));
   server.Get("/short", PartialBody(server, 200000, 50000, false));
   server.start();
-  ResettingServer resetting(200000, 50000);
+  ResettingServer resetting("200000", 50000);
+  // A length past 64 bits, which the transfer alone would take as no length at all.
+  ResettingServer overflowing("99999999999999999999999", 50000, false);
 
   struct Case {
     std::string url;
@@ -188,6 +192,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
            {server.url("/stall-body"), "200|download fail", url + "|-1001"},
            {server.url("/short"), "200|download fail", url + "|-1005", "bytes remaining"},
            {resetting.url, "200|download fail", url + "|-1005", "reset by peer"},
+           {overflowing.url, "200|download fail", url + "|-1011", "declared Content-Length"},
        }) {
     auto recorder = download(c.url);
     EXPECT_EQ(recorder->last(), "failure:" + c.failure) << c.url;
