@@ -1,6 +1,13 @@
 #include "protocol/ZMURLSession.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <ctime>
 
 #include "protocol/ZMURLSessionEngine.h"
 #include "tavo/ZMSystemDirectories.h"
@@ -156,4 +163,29 @@ void ZMURLSession::invalidateAndCancel() {
 
 void ZMURLSession::finishTasksAndInvalidate() {
   if (!shared_) invalidated_.store(true);
+}
+
+int64_t ZMURLSession::removeStaleDownloads(const std::string& directory) {
+  constexpr std::string_view kPrefix = "tavo-download-";
+  // Younger files are left alone: their writer may not have taken its lock yet.
+  constexpr time_t kMinimumAge = 60;
+  DIR* dir = ::opendir(directory.c_str());
+  if (!dir) return 0;
+  int64_t removed = 0;
+  const time_t now = ::time(nullptr);
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name.size() != kPrefix.size() + 6 || !name.starts_with(kPrefix)) continue;
+    const std::string path = directory + "/" + name;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) continue;
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && now - info.st_mtime >= kMinimumAge &&
+        ::flock(fd, LOCK_EX | LOCK_NB) == 0 && ::unlink(path.c_str()) == 0) {
+      ++removed;
+    }
+    ::close(fd);
+  }
+  ::closedir(dir);
+  return removed;
 }

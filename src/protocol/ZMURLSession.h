@@ -173,6 +173,11 @@ class ZMURLSession : public std::enable_shared_from_this<ZMURLSession> {
   static std::shared_ptr<ZMURLSession> sharedSession();
   static std::shared_ptr<ZMURLSession> sessionWithConfiguration(
       ZMURLSessionConfiguration configuration, std::weak_ptr<ZMURLSessionDelegate> delegate = {});
+  // Deletes from `directory` the download files ("tavo-download-XXXXXX") that a process killed
+  // mid-download left behind: those older than a minute whose lock nobody holds. A download in
+  // progress, in this process or another, holds its file's lock, so its file stays. Returns how
+  // many were deleted.
+  static int64_t removeStaleDownloads(const std::string& directory);
 
   ZMURLSession(Token, ZMURLSessionConfiguration configuration,
                std::weak_ptr<ZMURLSessionDelegate> delegate, bool shared);

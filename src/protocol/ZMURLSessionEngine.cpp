@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -288,6 +289,8 @@ void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
                                         pattern + ": " + std::strerror(err))));
       return;
     }
+    // Held until the file is closed: it tells a sweep in any process that this one is alive.
+    (void)::flock(fd, LOCK_EX | LOCK_NB);
     transfer->fd = fd;
     transfer->location = std::move(pattern);
     transfer->md5 = EVP_MD_CTX_new();

@@ -7,6 +7,7 @@
 #include "platform/ZMFormat.h"
 #include "platform/ZMPath.h"
 #include "platform/ZMValueAccess.h"
+#include "protocol/ZMURLSession.h"
 #include "runtime/ZMGameRuntime2.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "storage/ZMPermissionUtil.h"
@@ -67,6 +68,8 @@ void ZMGameRuntime::create(const std::string& userId, const ZMValue& options,
   for (const std::string* root : {&layout->app, &layout->core, &layout->cache, &layout->user}) {
     ZMFileUtils::ensureDirExists(*root);
   }
+  // Downloads cut short by a killed process leave their temporary files; nothing else would.
+  ZMURLSession::removeStaleDownloads(ZMSystemDirectories::temporaryDirectory());
 
   gameRuntime2_ = ZMGameRuntime2::initWithUserId(userId_, layout, effective, listener);
 

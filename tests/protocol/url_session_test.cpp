@@ -1,10 +1,13 @@
 #include "protocol/ZMURLSession.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <sys/file.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -267,4 +270,21 @@ TEST_F(ZMURLSessionTest, StalledTransferEndsOnIdleTimeoutCancelOrExit) {
   EXPECT_EQ(cancelled->error->domain, kZMURLErrorDomain);
   EXPECT_EQ(cancelled->error->localizedDescription(), "cancelled");
   EXPECT_EQ(cancelled->task->error(), cancelled->error);
+}
+
+TEST_F(ZMURLSessionTest, OnlyDownloadFilesNobodyHoldsAreSweptAsStale) {
+  const std::string tmp = dirs.temporary();
+  for (const char* name : {"tavo-download-dead01", "tavo-download-live01", "tavo-download-new001",
+                           "tavo-download-toolong", "game.1.zgp"}) {
+    WriteFile(tmp + "/" + name, "x");
+    if (std::string(name) != "tavo-download-new001") SetAgeSeconds(tmp + "/" + name, 3600);
+  }
+  // A live download holds its file's lock, as a writer in another process would.
+  const int live = ::open((tmp + "/tavo-download-live01").c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(::flock(live, LOCK_EX | LOCK_NB), 0);
+  EXPECT_EQ(ZMURLSession::removeStaleDownloads(tmp), 1);
+  ::close(live);
+  EXPECT_EQ(ListDir(tmp),
+            (std::vector<std::string>{"game.1.zgp", "tavo-download-live01", "tavo-download-new001",
+                                      "tavo-download-toolong"}));
 }
