@@ -118,9 +118,18 @@ std::optional<double> ZMFileManager::modificationDate(const std::string& path) {
 }
 
 std::optional<std::string> ZMFileManager::readFile(const std::string& path, ZMError* error) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // O_NONBLOCK: opening a FIFO where a file belongs must not wait for a writer.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
     fail(error, errno, false, "Could not open", path);
+    return std::nullopt;
+  }
+  // Only a regular file is read: a FIFO, socket or device could block or never end.
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    const int err = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    ::close(fd);
+    fail(error, err, false, "Could not read", path);
     return std::nullopt;
   }
   std::string data;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,9 +47,12 @@ char* FileMD5HashCreateWithPath(const char* path, size_t chunkSize) {
 
   DigestSession session;
   do {
-    session.fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    session.fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO must not block
   } while (session.fd < 0 && errno == EINTR);
   if (session.fd < 0) return nullptr;
+  // Only regular files have a digest: a FIFO, socket or device could block or never end.
+  struct stat st {};
+  if (::fstat(session.fd, &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
   ::posix_fadvise(session.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
 
   session.context = EVP_MD_CTX_new();

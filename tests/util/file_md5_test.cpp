@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -49,5 +50,7 @@ TEST(FileMD5HashCreateWithPath, OneDigestForEveryChunkSizeNullWhenUnreadableNoth
   EXPECT_EQ(Digest("", 0), std::nullopt);
   EXPECT_EQ(Digest(dir / "missing.bin", 8192), std::nullopt);
   EXPECT_EQ(Digest(dir / "folder", 8192), std::nullopt);  // opens, but cannot be read
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+  EXPECT_EQ(Digest(dir / "fifo", 8192), std::nullopt);  // at once: nobody will ever write
   EXPECT_EQ(OpenDescriptors(), descriptors);
 }

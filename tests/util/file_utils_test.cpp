@@ -69,6 +69,10 @@ TEST(ZMFileUtils, ReadersRequireStrictUTF8AndJSONContainers) {
   WriteFile(dir / "text", text);
   EXPECT_EQ(ZMFileUtils::readStringFromFile(dir / "text"), text);
   EXPECT_EQ(ZMFileUtils::readStringFromFile(dir / "missing"), std::nullopt);
+  // A FIFO where a file belongs is unreadable at once, not waited on.
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+  EXPECT_EQ(ZMFileUtils::readStringFromFile(dir / "fifo"), std::nullopt);
+  EXPECT_EQ(ZMFileUtils::readJSONObjectFromFile(dir / "fifo"), std::nullopt);
 
   // A stray byte, an overlong "/", an encoded surrogate, a cut sequence, a code point > U+10FFFF.
   const std::string invalid[] = {"ok\xff", "\xc0\xaf", "\xed\xa0\x80", "end\xe2\x82",
@@ -98,8 +102,8 @@ TEST(ZMFileUtils, ReadersRequireStrictUTF8AndJSONContainers) {
   EXPECT_EQ(
       log.startingWith("read json file error: Error Domain=NSCocoaErrorDomain Code=3840 ").size(),
       std::size(bad));
-  // One line for each bad file and for the directory, none for what reads well.
-  EXPECT_EQ(log.lines().size(), std::size(invalid) + 1 + std::size(bad));
+  // One line for each bad file, the directory and the FIFO's two reads; none for good reads.
+  EXPECT_EQ(log.lines().size(), std::size(invalid) + 1 + std::size(bad) + 2);
 }
 
 TEST(ZMFileUtils, DirectoriesAreMadeCheckedOrRefused) {

@@ -170,7 +170,9 @@ class PreadSource {
 
 ZipPtr OpenArchive(const std::string& path, std::string* error) {
   const std::string prefix = "cannot open zip archive " + Quoted(path) + ": ";
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // O_NONBLOCK: a FIFO where the package belongs must not wait for a writer; it is then refused
+  // as not a regular file.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
     *error = prefix + ErrnoText(errno);
     return nullptr;
