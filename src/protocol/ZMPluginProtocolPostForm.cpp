@@ -136,3 +136,27 @@ ZMError ZMPluginProtocolPostForm::cancelledError() {
   return ZMError(kZMURLErrorDomain, kZMURLErrorCancelled,
                  ZMValue{{kZMLocalizedDescriptionKey, "cancelled"}});
 }
+
+void ZMPluginProtocolRequest::send(const std::string& url, std::string body,
+                                   ZMURLSession::DataCompletion reply) {
+  std::lock_guard lock(mutex_);
+  // The previous request's reply then comes as cancelled.
+  if (task_) task_->cancel();
+  const uint64_t serial = ++*serial_;
+  task_ = ZMPluginProtocolPostForm::post(
+      url, std::move(body),
+      [serials = serial_, serial, reply = std::move(reply)](
+          const std::optional<std::string>& data, const std::optional<ZMHTTPURLResponse>& response,
+          const std::optional<ZMError>& error) {
+        const bool current = serials->load() == serial;
+        reply(data, response, current ? error : ZMPluginProtocolPostForm::cancelledError());
+      });
+}
+
+void ZMPluginProtocolRequest::cancel() {
+  std::lock_guard lock(mutex_);
+  if (!task_) return;
+  ++*serial_;
+  task_->cancel();
+  task_.reset();
+}

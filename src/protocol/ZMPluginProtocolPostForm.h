@@ -1,8 +1,10 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -60,4 +62,20 @@ class ZMPluginProtocolPostForm {
   // The error a completion reports when its request was cancelled after its reply had already
   // been handed over: it counts as cancelled like any other.
   static ZMError cancelledError();
+};
+
+// ZMPluginProtocolRequest is the one request a service query has in flight. send() cancels the
+// request held and starts the next; cancel() ends it. A reply whose request was replaced or
+// cancelled meanwhile is handed over as cancelled, even when it had already arrived, so each
+// query reports at most its latest request. Safe on any thread; replies run on the main queue.
+class ZMPluginProtocolRequest {
+ public:
+  void send(const std::string& url, std::string body, ZMURLSession::DataCompletion reply);
+  void cancel();
+
+ private:
+  std::mutex mutex_;  // task_
+  std::shared_ptr<ZMURLSessionTask> task_;
+  // Counts sends and cancels; shared with the replies, which may outlive this object.
+  const std::shared_ptr<std::atomic<uint64_t>> serial_ = std::make_shared<std::atomic<uint64_t>>(0);
 };

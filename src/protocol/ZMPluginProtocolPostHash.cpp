@@ -65,33 +65,21 @@ bool ZMPluginProtocolPostHash::execute(const ZMZimoGameConfig& config) {
                                  {"os_version", Form::osVersion()},
                                  {"plugin_list", *pluginList}});
 
-  std::lock_guard lock(mutex_);
-  if (dataTask_) dataTask_->cancel();
-  const uint64_t serial = ++serial_;
-  dataTask_ = Form::post(url_, std::move(body), _completion(serial));
+  request_.send(url_, std::move(body), _completion());
   return true;
 }
 
-ZMURLSession::DataCompletion ZMPluginProtocolPostHash::_completion(uint64_t serial) {
+ZMURLSession::DataCompletion ZMPluginProtocolPostHash::_completion() {
   // The session delivers on the main queue already. The reply holds this object weakly, so that
-  // releasing it silences the reply, and counts as cancelled once another request replaced it.
-  return [weak = weak_from_this(), serial](const std::optional<std::string>& data,
-                                           const std::optional<ZMHTTPURLResponse>& response,
-                                           const std::optional<ZMError>& error) {
-    auto self = weak.lock();
-    if (!self) return;
-    const bool current = self->serial_.load() == serial;
-    self->_onCompleteWithData(data, response, current ? error : Form::cancelledError());
+  // releasing it silences the reply.
+  return [weak = weak_from_this()](const std::optional<std::string>& data,
+                                   const std::optional<ZMHTTPURLResponse>& response,
+                                   const std::optional<ZMError>& error) {
+    if (auto self = weak.lock()) self->_onCompleteWithData(data, response, error);
   };
 }
 
-void ZMPluginProtocolPostHash::cancel() {
-  std::lock_guard lock(mutex_);
-  if (!dataTask_) return;
-  ++serial_;
-  dataTask_->cancel();
-  dataTask_.reset();
-}
+void ZMPluginProtocolPostHash::cancel() { request_.cancel(); }
 
 void ZMPluginProtocolPostHash::_onCompleteWithData(const std::optional<std::string>& data,
                                                    const std::optional<ZMHTTPURLResponse>&,

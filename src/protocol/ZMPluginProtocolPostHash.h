@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "protocol/ZMPluginProtocolPostForm.h"
 #include "protocol/ZMPluginProtocolPostHashListener.h"
 #include "protocol/ZMURLSession.h"
 #include "tavo/ZMZimoGameConfig.h"
@@ -63,8 +64,8 @@ class ZMPluginProtocolPostHash : public std::enable_shared_from_this<ZMPluginPro
   const std::string& runtimeVersion() const { return runtimeVersion_; }
 
  private:
-  // The completion of the request numbered `serial`.
-  ZMURLSession::DataCompletion _completion(uint64_t serial);
+  // The reply step, holding this object weakly.
+  ZMURLSession::DataCompletion _completion();
   void _notifyList(const ZMValue& pluginResults);
   void _notifyFailure(const ZMError& error);
 
@@ -77,9 +78,5 @@ class ZMPluginProtocolPostHash : public std::enable_shared_from_this<ZMPluginPro
   const std::string runtimeVersion_;
   const PluginConfigFile pluginConfigFile_;
 
-  std::mutex mutex_;  // dataTask_, replaced by execute and cancel on the caller's thread
-  std::shared_ptr<ZMURLSessionTask> dataTask_;
-  // Counts executions and cancels; a completion whose request is no longer the current one
-  // counts as cancelled even when its reply had already arrived.
-  std::atomic<uint64_t> serial_{0};
+  ZMPluginProtocolRequest request_;  // `dataTask`
 };

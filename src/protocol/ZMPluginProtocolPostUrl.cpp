@@ -33,35 +33,26 @@ void ZMPluginProtocolPostUrl::execute(const std::string& pluginId, const std::st
                                  {"os_version", Form::osVersion()},
                                  {"plugin_list", *pluginList}});
 
-  std::lock_guard lock(mutex_);
+  {
+    std::lock_guard lock(mutex_);
+    pluginId_ = pluginId;
+    version_ = version;
+  }
   // The previous request's completion then logs the cancellation and reports nothing.
-  if (dataTask_) dataTask_->cancel();
-  const uint64_t serial = ++serial_;
-  pluginId_ = pluginId;
-  version_ = version;
-  dataTask_ = Form::post(url_, std::move(body), _completion(serial));
+  request_.send(url_, std::move(body), _completion());
 }
 
-ZMURLSession::DataCompletion ZMPluginProtocolPostUrl::_completion(uint64_t serial) {
+ZMURLSession::DataCompletion ZMPluginProtocolPostUrl::_completion() {
   // The session delivers on the main queue already. The reply holds this object weakly, so that
-  // releasing it silences the reply, and counts as cancelled once another request replaced it.
-  return [weak = weak_from_this(), serial](const std::optional<std::string>& data,
-                                           const std::optional<ZMHTTPURLResponse>& response,
-                                           const std::optional<ZMError>& error) {
-    auto self = weak.lock();
-    if (!self) return;
-    const bool current = self->serial_.load() == serial;
-    self->_onCompleteWithData(data, response, current ? error : Form::cancelledError());
+  // releasing it silences the reply.
+  return [weak = weak_from_this()](const std::optional<std::string>& data,
+                                   const std::optional<ZMHTTPURLResponse>& response,
+                                   const std::optional<ZMError>& error) {
+    if (auto self = weak.lock()) self->_onCompleteWithData(data, response, error);
   };
 }
 
-void ZMPluginProtocolPostUrl::cancel() {
-  std::lock_guard lock(mutex_);
-  if (!dataTask_) return;
-  ++serial_;
-  dataTask_->cancel();
-  dataTask_.reset();
-}
+void ZMPluginProtocolPostUrl::cancel() { request_.cancel(); }
 
 void ZMPluginProtocolPostUrl::_onCompleteWithData(const std::optional<std::string>& data,
                                                   const std::optional<ZMHTTPURLResponse>&,

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "protocol/ZMPluginProtocolPostForm.h"
 #include "protocol/ZMPluginProtocolPostUrlListener.h"
 #include "protocol/ZMURLSession.h"
 
@@ -49,8 +50,8 @@ class ZMPluginProtocolPostUrl : public std::enable_shared_from_this<ZMPluginProt
   const std::string& runtimeVersion() const { return runtimeVersion_; }
 
  private:
-  // The completion of the request numbered `serial`.
-  ZMURLSession::DataCompletion _completion(uint64_t serial);
+  // The reply step, holding this object weakly.
+  ZMURLSession::DataCompletion _completion();
   void _notifySuccess(const std::string& pluginId, const std::string& version,
                       const std::optional<std::string>& hash,
                       const std::optional<std::string>& url);
@@ -62,11 +63,8 @@ class ZMPluginProtocolPostUrl : public std::enable_shared_from_this<ZMPluginProt
   const std::string bundleId_;
   const std::string runtimeVersion_;
 
-  std::mutex mutex_;  // pluginId_, version_ and dataTask_: set by execute, read by the completion
+  std::mutex mutex_;  // pluginId_ and version_: set by execute, read by the completion
   std::string pluginId_;
   std::string version_;
-  std::shared_ptr<ZMURLSessionTask> dataTask_;
-  // Counts executions and cancels; a completion whose request is no longer the current one
-  // counts as cancelled even when its reply had already arrived.
-  std::atomic<uint64_t> serial_{0};
+  ZMPluginProtocolRequest request_;  // `dataTask`
 };
