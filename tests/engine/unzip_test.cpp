@@ -137,6 +137,46 @@ TEST_F(MerinUnzip, ReportsUnreadableArchivesWithTheReason) {
             "failed: no entries in zip archive \"" + (dir_ / "empty.zip") + "\"");
 }
 
+// Rewrites the uncompressed size that both headers of the archive's only entry declare.
+void DeclareSize(const std::string& zip, uint32_t size) {
+  std::string bytes = ReadFile(zip);
+  for (const auto& [signature, offset] :
+       {std::pair{std::string("PK\x03\x04", 4), 22}, std::pair{std::string("PK\x01\x02", 4), 24}}) {
+    const size_t at = bytes.find(signature);
+    ASSERT_NE(at, std::string::npos);
+    for (int i = 0; i < 4; ++i) bytes[at + offset + i] = static_cast<char>(size >> (8 * i));
+  }
+  WriteFile(zip, bytes);
+}
+
+TEST_F(MerinUnzip, BoundsWhatAnArchiveCanMakeItWrite) {
+  // An entry holding more than it declares is cut off at its declared size.
+  MakeZip(dir_ / "liar.zip", {{"big.bin", std::string(512 * 1024, 'z')}});
+  DeclareSize(dir_ / "liar.zip", 1024);
+  EXPECT_EQ(unzip(dir_ / "liar.zip", dir_ / "liar")->last(),
+            "failed: cannot extract \"big.bin\" from zip archive \"" + (dir_ / "liar.zip") +
+                "\": it holds more than the 1024 bytes it declares");
+  EXPECT_LE(fs::file_size(dir_ / "liar/big.bin"), 1024u);
+
+  // Nesting: a chain as deep as allowed is made, one level more is refused before anything.
+  auto chain = [](int depth) {
+    std::vector<ZipEntry> entries;
+    std::string path;
+    for (int i = 0; i < depth; ++i) entries.push_back({path += "d/", "", true});
+    entries.push_back({path + "leaf.txt", "leaf"});
+    return entries;
+  };
+  MakeZip(dir_ / "deep.zip", chain(255));
+  EXPECT_EQ(unzip(dir_ / "deep.zip", dir_ / "deep")->last(), "succeed");
+  std::string leaf = dir_ / "deep";
+  for (int i = 0; i < 255; ++i) leaf += "/d";
+  EXPECT_EQ(ReadFile(leaf + "/leaf.txt"), "leaf");
+  MakeZip(dir_ / "deeper.zip", chain(3000));
+  const std::string message = unzip(dir_ / "deeper.zip", dir_ / "deeper")->last();
+  EXPECT_TRUE(message.find("nested deeper than 256 directories") != std::string::npos) << message;
+  EXPECT_FALSE(fs::exists(dir_ / "deeper"));
+}
+
 TEST_F(MerinUnzip, QueuedUnzipsFinishWhenTheHandleIsDroppedOverwritingWhatIsThere) {
   MakeZip(dir_ / "pkg.zip", {{"big.bin", RandomBytes(2 * 1024 * 1024, 3)}, {"x/y.txt", "y"}});
   WriteFile(dir_ / "0/x/y.txt", "previous content that is longer");

@@ -29,6 +29,9 @@ constexpr unsigned kMaxWorkers = 8;
 // Up to this many directories stay open for the workers; past it each worker walks from the
 // destination again.
 constexpr size_t kMaxOpenDirectories = 256;
+// Entries nested deeper than this are refused: no game package comes near it, and every
+// directory of a path may be walked again for the files below it.
+constexpr size_t kMaxDepth = 256;
 
 struct ZipDiscard {
   void operator()(zip_t* archive) const { zip_discard(archive); }
@@ -283,14 +286,17 @@ std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath,
       if (isDirectory) continue;  // the destination itself
       return "refusing unsafe entry name " + Quoted(name) + where;
     }
-    for (size_t slash = path.find('/'); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-      plan->dirs.insert(path.substr(0, slash));
+    if (static_cast<size_t>(std::count(path.begin(), path.end(), '/')) >= kMaxDepth) {
+      return "refusing entry " + Quoted(name) + " nested deeper than " + std::to_string(kMaxDepth) +
+             " directories" + where;
     }
-    if (isDirectory) {
-      plan->dirs.insert(path);
-      continue;
+    // Parents from the nearest up, stopping at one already planned (its own parents are then
+    // planned too): each name costs its own length, however deep the tree.
+    for (size_t end = isDirectory ? path.size() : path.rfind('/'); end != std::string::npos;
+         end = end == 0 ? std::string::npos : path.rfind('/', end - 1)) {
+      if (!plan->dirs.insert(path.substr(0, end)).second) break;
     }
+    if (isDirectory) continue;
     if ((st.valid & ZIP_STAT_ENCRYPTION_METHOD) && st.encryption_method != ZIP_EM_NONE) {
       return "refusing encrypted entry " + Quoted(name) + where;
     }
@@ -401,6 +407,41 @@ struct Extraction {
   }
 };
 
+// Makes the planned directories in their sorted order, where a parent comes right before its
+// first child: each is made below the nearest open ancestor on a stack of the current path, so a
+// deep chain costs one mkdir and one open per directory instead of a walk from the top for each.
+std::optional<std::string> CreateDirectories(Extraction& job) {
+  const bool keepOpen = job.plan.dirs.size() <= kMaxOpenDirectories;
+  struct Open {
+    const std::string* path;
+    int fd;
+    Fd owned;  // when the workers do not keep it
+  };
+  std::vector<Open> stack;
+  std::string error;
+  for (const auto& dir : job.plan.dirs) {
+    while (!stack.empty()) {
+      const std::string& top = *stack.back().path;
+      if (dir.size() > top.size() && dir[top.size()] == '/' && dir.starts_with(top)) break;
+      stack.pop_back();
+    }
+    const std::string* parentPath = stack.empty() ? nullptr : stack.back().path;
+    Fd fd = OpenDirectory(stack.empty() ? job.root : stack.back().fd,
+                          parentPath ? dir.substr(parentPath->size() + 1) : dir, true,
+                          parentPath ? job.destDir + "/" + *parentPath : job.destDir, &error);
+    if (!fd.valid()) return error;
+    if (keepOpen) {
+      const int raw = fd.get();
+      job.directories.emplace(dir, std::move(fd));
+      stack.push_back({&dir, raw, Fd()});
+    } else {
+      const int raw = fd.get();
+      stack.push_back({&dir, raw, std::move(fd)});
+    }
+  }
+  return std::nullopt;
+}
+
 class Worker {
  public:
   Worker(Extraction& job, ZipPtr archive) : job_(job), archive_(std::move(archive)) {}
@@ -464,9 +505,16 @@ class Worker {
     uint64_t total = 0;
     for (;;) {
       if (job_.failed.load(std::memory_order_relaxed)) return std::nullopt;
-      const zip_int64_t count = zip_fread(file, buffer_.data(), buffer_.size());
+      // Never more than one byte past the declared size: an entry that holds more than it
+      // declares is corrupt, and its excess is never written.
+      const uint64_t wanted = std::min<uint64_t>(buffer_.size(), entry.size - total + 1);
+      const zip_int64_t count = zip_fread(file, buffer_.data(), wanted);
       if (count < 0) return "cannot extract " + source + ": " + zip_file_strerror(file);
       if (count == 0) break;
+      if (total + static_cast<uint64_t>(count) > entry.size) {
+        return "cannot extract " + source + ": it holds more than the " +
+               std::to_string(entry.size) + " bytes it declares";
+      }
       if (!WriteAll(out.get(), buffer_.data(), static_cast<size_t>(count))) {
         return "cannot write " + Quoted(target) + ": " + ErrnoText(errno);
       }
@@ -512,11 +560,7 @@ std::optional<std::string> MerinExtractZip(const std::string& zipPath, const std
     return "cannot create destination directory " + Quoted(destDir) + ": " + reason;
   }
   Extraction job(zipPath, destDir, plan, root.get());
-  for (const auto& dir : plan.dirs) {
-    Fd fd = OpenDirectory(root.get(), dir, true, destDir, &error);
-    if (!fd.valid()) return error;
-    if (plan.dirs.size() <= kMaxOpenDirectories) job.directories.emplace(dir, std::move(fd));
-  }
+  if (auto failure = CreateDirectories(job)) return failure;
 
   // Largest entries first, so that the last ones handed out are small and the workers finish
   // together.
