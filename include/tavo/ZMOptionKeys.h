@@ -9,6 +9,13 @@ inline constexpr const char* ZM_KEY_STORAGE_PATH_USER = "rt_storage_path_user";
 inline constexpr const char* ZM_KEY_STORAGE_PATH_CACHE = "rt_storage_path_cache";
 inline constexpr const char* ZM_KEY_STORAGE_PATH_CORE = "rt_storage_path_core";
 inline constexpr const char* ZM_KEY_STORAGE_PATH_PLUGIN = "rt_storage_path_plugin";
+// Limits on unpacking one game or plug-in package, as a positive whole number (or text reading
+// as one): the total size its entries declare (default 4 GiB), and that total over the size of
+// the archive (default 1000). A package beyond either fails its install before anything is
+// unpacked or cleared.
+inline constexpr const char* ZM_KEY_PACKAGE_MAX_UNPACKED_BYTES = "rt_package_max_unpacked_bytes";
+inline constexpr const char* ZM_KEY_PACKAGE_MAX_COMPRESSION_RATIO =
+    "rt_package_max_compression_ratio";
 
 // Game packages (check, download, install, getGameConfig) and the "detail.json" members.
 inline constexpr const char* ZM_KEY_GAME_PACKAGE_APP_ID = "rt_game_package_app_id";

@@ -13,13 +13,14 @@
 ZMGameInstallPackageTask::ZMGameInstallPackageTask(std::weak_ptr<ZMPackageInstallListener> listener,
                                                    std::string userId, int64_t reqId,
                                                    std::string appDir, std::string installDir,
-                                                   std::string detailFile)
+                                                   std::string detailFile, ZMPackageLimits limits)
     : ZMTask(std::move(listener)),
       userId_(std::move(userId)),
       reqId_(reqId),
       appDir_(std::move(appDir)),
       installDir_(std::move(installDir)),
-      detailFilePath_(std::move(detailFile)) {}
+      detailFilePath_(std::move(detailFile)),
+      limits_(limits) {}
 
 void ZMGameInstallPackageTask::execute(const ZMValue& options) { _installGame(options); }
 
@@ -44,8 +45,13 @@ void ZMGameInstallPackageTask::_installGame(const ZMValue& options) {
       return;
     }
   }
-  if (!isSubpackage()) ZMFileUtils::deleteFileInFolder(appDir_, {});
   packagePath_ = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_PATH).value_or("");
+  // A package too big to unpack fails while the installed game is still there.
+  if (auto refusal = limits_.check(packagePath_)) {
+    _complete(ZMError(*refusal, -1, ZMValue::object()));
+    return;
+  }
+  if (!isSubpackage()) ZMFileUtils::deleteFileInFolder(appDir_, {});
   auto handle = ZMGameHandle::getInstance();
   if (!handle) {
     onUnzipFailed("no game engine is loaded to unzip the package");

@@ -8,6 +8,7 @@
 #include "tavo/ZMCoreListeners.h"
 #include "tavo/ZMGameListeners.h"
 #include "tavo/ZMValue.h"
+#include "util/ZMPackageLimits.h"
 #include "util/ZMTask.h"
 
 // ZMGameInstallPackageTask turns a downloaded package (a zip) into an installed game: a whole
@@ -23,7 +24,7 @@ class ZMGameInstallPackageTask : public ZMUnzipGamePackageListener,
  public:
   ZMGameInstallPackageTask(std::weak_ptr<ZMPackageInstallListener> listener, std::string userId,
                            int64_t reqId, std::string appDir, std::string installDir,
-                           std::string detailFile);
+                           std::string detailFile, ZMPackageLimits limits = {});
 
   void execute(const ZMValue& options);
 
@@ -41,6 +42,7 @@ class ZMGameInstallPackageTask : public ZMUnzipGamePackageListener,
   const std::string appDir_;
   const std::string installDir_;
   const std::string detailFilePath_;
+  const ZMPackageLimits limits_;
   // Set by execute on the caller's thread before the engine starts; read-only afterwards.
   std::string packagePath_;
   ZMValue info_;

@@ -15,9 +15,10 @@
 
 ZMPluginCheckPackageManager::ZMPluginCheckPackageManager(
     std::string cacheDir, std::string pluginDir,
-    std::weak_ptr<ZMPluginCheckVersionListener> listener)
+    std::weak_ptr<ZMPluginCheckVersionListener> listener, ZMPackageLimits limits)
     : listener_(std::move(listener)),
       cacheDir_(std::move(cacheDir)),
+      limits_(limits),
       pluginDir_(std::move(pluginDir)) {}
 
 ZMPluginCheckPackageManager::~ZMPluginCheckPackageManager() {
@@ -56,8 +57,8 @@ void ZMPluginCheckPackageManager::execute(const std::string& pluginId, const std
     unzipPackageTask_.reset();
   }
   pluginHash_ = *updateHash;
-  unzipPackageTask_ = std::make_shared<ZMPluginUnzipPackageTask>(pluginInstallDirTmpPath_,
-                                                                 pluginHash_, weak_from_this());
+  unzipPackageTask_ = std::make_shared<ZMPluginUnzipPackageTask>(
+      pluginInstallDirTmpPath_, pluginHash_, weak_from_this(), limits_);
   unzipPackageTask_->execute(packagePath);
 }
 

@@ -6,6 +6,7 @@
 #include "tavo/ZMGameListeners.h"
 #include "tavo/ZMPluginListeners.h"
 #include "tavo/ZMValue.h"
+#include "util/ZMPackageLimits.h"
 #include "util/ZMTask.h"
 
 class ZMPluginCheckVersionTask;
@@ -35,7 +36,8 @@ class ZMPluginCheckPackageManager
   // `initWithCacheDir:pluginDir:listener:`: the package cache and the installed plug-in
   // directory (plug-in root + "/" + provider + "_" + version).
   ZMPluginCheckPackageManager(std::string cacheDir, std::string pluginDir,
-                              std::weak_ptr<ZMPluginCheckVersionListener> listener);
+                              std::weak_ptr<ZMPluginCheckVersionListener> listener,
+                              ZMPackageLimits limits = {});
   ~ZMPluginCheckPackageManager() override;
 
   // `execute:version:pluginInfo:`. Installs the cached update named by the config, if it is
@@ -66,6 +68,7 @@ class ZMPluginCheckPackageManager
 
   const std::weak_ptr<ZMPluginCheckVersionListener> listener_;
   const std::string cacheDir_;
+  const ZMPackageLimits limits_;
   const std::string pluginDir_;
   ZMValue pluginInfo_;
   std::string pluginInstallDirTmpPath_;

@@ -15,8 +15,9 @@
 ZMPluginInstallPackageManager::ZMPluginInstallPackageManager(
     std::vector<std::string> hosts, std::string cacheDir, std::string installDir,
     std::optional<std::string> deviceId, std::string appBundleId, std::string runtimeVersion,
-    std::weak_ptr<ZMPluginInstallListener> listener)
+    std::weak_ptr<ZMPluginInstallListener> listener, ZMPackageLimits limits)
     : listener_(std::move(listener)),
+      limits_(limits),
       hostArray_(std::move(hosts)),
       cacheDir_(std::move(cacheDir)),
       installDir_(std::move(installDir)),
@@ -140,7 +141,7 @@ void ZMPluginInstallPackageManager::onDownloadSuccess(const std::string& path) {
   }
   // Straight into the installed directory: an unpack that fails removes it again.
   unzipPackageTask_ = std::make_shared<ZMPluginUnzipPackageTask>(
-      installDir_, pluginHash_.value_or(""), weak_from_this());
+      installDir_, pluginHash_.value_or(""), weak_from_this(), limits_);
   const auto unzip = unzipPackageTask_;
   unzip->execute(path);
 }

@@ -10,6 +10,7 @@
 #include "tavo/ZMGameListeners.h"
 #include "tavo/ZMPluginListeners.h"
 #include "tavo/ZMValue.h"
+#include "util/ZMPackageLimits.h"
 #include "util/ZMTask.h"
 
 class ZMPluginProtocolPostUrl;
@@ -48,7 +49,8 @@ class ZMPluginInstallPackageManager
   ZMPluginInstallPackageManager(std::vector<std::string> hosts, std::string cacheDir,
                                 std::string installDir, std::optional<std::string> deviceId,
                                 std::string appBundleId, std::string runtimeVersion,
-                                std::weak_ptr<ZMPluginInstallListener> listener);
+                                std::weak_ptr<ZMPluginInstallListener> listener,
+                                ZMPackageLimits limits = {});
   ~ZMPluginInstallPackageManager() override;
 
   // Installs `pluginId` at `version`; `info` is handed back in every callback. Returns at once.
@@ -87,6 +89,7 @@ class ZMPluginInstallPackageManager
   void _succeed();
 
   const std::weak_ptr<ZMPluginInstallListener> listener_;
+  const ZMPackageLimits limits_;
   const std::vector<std::string> hostArray_;
   const std::string cacheDir_;
   const std::string installDir_;

@@ -153,7 +153,7 @@ void ZMPluginManager::checkPluginVersion(const ZMValue& info,
   if (tasks_->hasEnded()) return;
   pluginCheckPackageManager_ = adopt(std::make_shared<ZMPluginCheckPackageManager>(
       appPackageCache_, getPluginDirFile(storagePluginPath_, *provider, *version),
-      std::move(listener)));
+      std::move(listener), layout_->packageLimits));
   pluginCheckPackageManager_->execute(*provider, *version, info);
 }
 
@@ -180,7 +180,8 @@ void ZMPluginManager::installPlugin(const ZMValue& info,
   pluginInstallPackageManager_ = adopt(std::make_shared<ZMPluginInstallPackageManager>(
       pluginServiceHosts_, appPackageCache_,
       getPluginDirFile(storagePluginPath_, *provider, *version), _getUniqueId(),
-      ZMDevice::bundleIdentifier(), TAVO_VERSION_TEXT, std::move(listener)));
+      ZMDevice::bundleIdentifier(), TAVO_VERSION_TEXT, std::move(listener),
+      layout_->packageLimits));
   pluginInstallPackageManager_->execute(info, *provider, *version);
 }
 

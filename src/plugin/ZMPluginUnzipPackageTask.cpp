@@ -7,13 +7,19 @@
 #include "tavo/ZMGameHandle.h"
 
 ZMPluginUnzipPackageTask::ZMPluginUnzipPackageTask(std::string installDir, std::string pluginHash,
-                                                   std::weak_ptr<ZMPackageInstallListener> listener)
+                                                   std::weak_ptr<ZMPackageInstallListener> listener,
+                                                   ZMPackageLimits limits)
     : ZMTask(std::move(listener)),
       installDir_(std::move(installDir)),
-      pluginHash_(std::move(pluginHash)) {}
+      pluginHash_(std::move(pluginHash)),
+      limits_(limits) {}
 
 void ZMPluginUnzipPackageTask::execute(const std::string& zipFilePath) {
   zipFilePath_ = zipFilePath;
+  if (auto refusal = limits_.check(zipFilePath_)) {
+    onUnzipFailed(*refusal);
+    return;
+  }
   auto handle = ZMGameHandle::getInstance();
   if (!handle) {
     // Without an engine nothing can be unpacked; the package is cleaned up as for any failure.

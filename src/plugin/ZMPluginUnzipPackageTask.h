@@ -6,6 +6,7 @@
 
 #include "tavo/ZMCoreListeners.h"
 #include "tavo/ZMGameListeners.h"
+#include "util/ZMPackageLimits.h"
 #include "util/ZMTask.h"
 
 // ZMPluginUnzipPackageTask unpacks one plug-in package (a zip) into one directory through the
@@ -29,7 +30,8 @@ class ZMPluginUnzipPackageTask : public ZMUnzipGamePackageListener,
  public:
   // `initWithInstallDir:hash:listener:`. `pluginHash` is kept for the owner only.
   ZMPluginUnzipPackageTask(std::string installDir, std::string pluginHash,
-                           std::weak_ptr<ZMPackageInstallListener> listener);
+                           std::weak_ptr<ZMPackageInstallListener> listener,
+                           ZMPackageLimits limits = {});
 
   // Unpacks the package at `zipFilePath` into installDir(); returns at once.
   void execute(const std::string& zipFilePath);
@@ -51,5 +53,6 @@ class ZMPluginUnzipPackageTask : public ZMUnzipGamePackageListener,
 
   const std::string installDir_;
   const std::string pluginHash_;
+  const ZMPackageLimits limits_;
   std::string zipFilePath_;
 };

@@ -101,7 +101,7 @@ void ZMGameRuntime::installGamePackage(const ZMValue& options,
   cancelAndClear(gameInstallTask_);
   if (auto host = listener.lock()) host->onInstallStart();
   gameInstallTask_ = adopt(std::make_shared<ZMGameInstallPackageTask>(
-      std::move(listener), userId_, 1, appDir, installDir, detailFile));
+      std::move(listener), userId_, 1, appDir, installDir, detailFile, layout_->packageLimits));
   gameInstallTask_->execute(options);
 }
 

@@ -31,6 +31,7 @@ ZMStorageLayout ZMStorageLayout::fromOptions(const std::string& userId, const ZM
       rootOption(options, ZM_KEY_STORAGE_PATH_CACHE, ZMSystemDirectories::temporaryDirectory());
   layout.core = rootOption(options, ZM_KEY_STORAGE_PATH_CORE, ZMPathJoin(base, "core"));
   layout.plugin = rootOption(options, ZM_KEY_STORAGE_PATH_PLUGIN, ZMPathJoin(base, "plugin"));
+  layout.packageLimits = ZMPackageLimits::fromOptions(options);
   return layout;
 }
 

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "tavo/ZMValue.h"
+#include "util/ZMPackageLimits.h"
 
 // ZMStorageLayout says where a runtime keeps everything on disk: the roots fixed once when the
 // runtime is created, and every path derived from them. It is an immutable value that touches
@@ -22,6 +23,8 @@
 struct ZMStorageLayout {
   std::string userId;
   std::string app, user, cache, core, plugin;
+  // How much one package may unpack into these roots; from the same creation options.
+  ZMPackageLimits packageLimits;
 
   // The roots for `options` (a null or non-object value counts as no options): an option that
   // is absent, not text or empty falls back to its default.

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <random>
 
 #include "merin/MerinGameHandle.h"
 #include "support/TestListeners.h"
@@ -24,13 +23,6 @@ struct UnzipRecorder : ZMUnzipGamePackageListener, EventLog {
     progressThreads.insert(std::this_thread::get_id());
   }
 };
-
-std::string RandomBytes(size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string data(size, '\0');
-  for (auto& c : data) c = static_cast<char>(random());
-  return data;
-}
 
 class MerinUnzip : public ::testing::Test {
  protected:
@@ -137,22 +129,10 @@ TEST_F(MerinUnzip, ReportsUnreadableArchivesWithTheReason) {
             "failed: no entries in zip archive \"" + (dir_ / "empty.zip") + "\"");
 }
 
-// Rewrites the uncompressed size that both headers of the archive's only entry declare.
-void DeclareSize(const std::string& zip, uint32_t size) {
-  std::string bytes = ReadFile(zip);
-  for (const auto& [signature, offset] :
-       {std::pair{std::string("PK\x03\x04", 4), 22}, std::pair{std::string("PK\x01\x02", 4), 24}}) {
-    const size_t at = bytes.find(signature);
-    ASSERT_NE(at, std::string::npos);
-    for (int i = 0; i < 4; ++i) bytes[at + offset + i] = static_cast<char>(size >> (8 * i));
-  }
-  WriteFile(zip, bytes);
-}
-
 TEST_F(MerinUnzip, BoundsWhatAnArchiveCanMakeItWrite) {
   // An entry holding more than it declares is cut off at its declared size.
   MakeZip(dir_ / "liar.zip", {{"big.bin", std::string(512 * 1024, 'z')}});
-  DeclareSize(dir_ / "liar.zip", 1024);
+  DeclareEntrySize(dir_ / "liar.zip", 1024);
   EXPECT_EQ(unzip(dir_ / "liar.zip", dir_ / "liar")->last(),
             "failed: cannot extract \"big.bin\" from zip archive \"" + (dir_ / "liar.zip") +
                 "\": it holds more than the 1024 bytes it declares");

@@ -109,6 +109,42 @@ TEST_F(ZMGameInstallPackageTask, BadPackagesFailCleanlyAndWriteNothingOutside) {
             "onInstallFailure:no game engine is loaded to unzip the package|-1");
 }
 
+TEST_F(ZMGameInstallPackageTask, PackagesBeyondTheUnpackLimitsAreRefusedBeforeAnythingIsCleared) {
+  ASSERT_TRUE(t.installGame("g1", "1.0"));
+  const std::string bomb = t.root() + "/bomb.zip", big = t.root() + "/big.zip";
+  MakeZip(bomb, {{"a.bin", std::string(1000, 'a')}});
+  DeclareEntrySize(bomb, 200'000'000);
+  MakeZip(big, {{"a.bin", std::string(5000, 'b')}, {"b.bin", RandomBytes(5000, 1)}});
+  const std::string bombSize = std::to_string(std::filesystem::file_size(bomb));
+  const std::string bigSize = std::to_string(std::filesystem::file_size(big));
+  const std::vector<std::tuple<ZMValue, std::string, std::string>> cases{
+      // Defaults: no more than 1000 times the archive's size.
+      {ZMValue::object(), bomb,
+       "package \"" + bomb + "\" would unpack to 200000000 bytes from " + bombSize +
+           ", more than the limit of 1000 times its size"},
+      {{{"rt_package_max_unpacked_bytes", "9999"}},
+       big,
+       "package \"" + big + "\" would unpack to 10000 bytes, more than the limit of 9999"},
+      {{{"rt_package_max_compression_ratio", 1}},
+       big,
+       "package \"" + big + "\" would unpack to 10000 bytes from " + bigSize +
+           ", more than the limit of 1 times its size"}};
+  for (const auto& [limits, zip, failure] : cases) {
+    t.extraOptions = limits;
+    t.switchUser("u1");
+    EXPECT_EQ(install(options("g1", "2.0", zip)),
+              (Events{"onInstallStart", "onInstallFailure:" + failure + "|-1"}));
+    EXPECT_EQ(t.checkVersion("g1", "1.0"), "onCheckVersionSuccess");
+    EXPECT_TRUE(Exists(t.app() + "/g1/1.0/game.config.json"));
+    EXPECT_TRUE(ListDir(t.app() + "/g1/2.0").empty());
+  }
+  // Limits set above what a package holds let it through.
+  t.extraOptions = {{"rt_package_max_unpacked_bytes", 10000},
+                    {"rt_package_max_compression_ratio", "2"}};
+  t.switchUser("u1");
+  EXPECT_EQ(install(options("g1", "2.0", big)).back(), "onInstallSuccess");
+}
+
 TEST_F(ZMGameInstallPackageTask, MissingOrUnsafeIdsAreRefusedBeforeAnythingIsCleared) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
   MakeGamePackage(package, "{}");

@@ -126,6 +126,24 @@ TEST(ZMPluginInstallPackageManager, AsksHostsInOrderThenDownloadsUnpacksAndRecor
   ZMGameHandle::setInstance(nullptr);
 }
 
+TEST(ZMPluginUnzipPackageTask, APackageBeyondTheLimitsIsDeletedUnopened) {
+  auto t = Start();
+  const std::string zip = t->dir / "cache/h_p_1.0.zip";
+  WriteFile(zip, "");
+  MakeZip(zip, {{"lib.so", std::string(4096, 'x')}});
+  auto listener = std::make_shared<InstallRecorder>();
+  auto task = std::make_shared<ZMPluginUnzipPackageTask>(t->plugin, "h", listener,
+                                                         ZMPackageLimits{.maxUnpackedBytes = 4095});
+  task->execute(zip);
+  EXPECT_TRUE(RunUntil([&] { return listener->size() == 1; }));
+  EXPECT_EQ(listener->last(), "onInstallFailure:package \"" + zip +
+                                  "\" would unpack to 4096 bytes, more than the limit of 4095|0");
+  EXPECT_TRUE(t->unzips.empty()) << "the engine is never asked";
+  EXPECT_FALSE(Exists(zip));
+  EXPECT_FALSE(Exists(t->plugin));
+  ZMGameHandle::setInstance(nullptr);
+}
+
 TEST(ZMPluginUnzipPackageTask, AnUndeletablePackageIsReportedAsFailureThenSuccess) {
   auto t = Start();
   t->hold = true;

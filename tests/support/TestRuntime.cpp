@@ -20,11 +20,13 @@ TestRuntime::~TestRuntime() {
 }
 
 ZMValue TestRuntime::options() const {
-  return {{ZM_KEY_STORAGE_PATH_APP, app()},
-          {ZM_KEY_STORAGE_PATH_USER, user()},
-          {ZM_KEY_STORAGE_PATH_CACHE, cache()},
-          {ZM_KEY_STORAGE_PATH_CORE, root() + "/core"},
-          {ZM_KEY_STORAGE_PATH_PLUGIN, plugin()}};
+  ZMValue options = {{ZM_KEY_STORAGE_PATH_APP, app()},
+                     {ZM_KEY_STORAGE_PATH_USER, user()},
+                     {ZM_KEY_STORAGE_PATH_CACHE, cache()},
+                     {ZM_KEY_STORAGE_PATH_CORE, root() + "/core"},
+                     {ZM_KEY_STORAGE_PATH_PLUGIN, plugin()}};
+  options.update(extraOptions);
+  return options;
 }
 
 void TestRuntime::switchUser(const std::string& userId) {

@@ -26,7 +26,9 @@ class TestRuntime {
   std::string user() const { return root() + "/user"; }
   std::string cache() const { return root() + "/cache"; }
   std::string plugin() const { return root() + "/plugin"; }
+  // The creation options: the roots above plus `extraOptions`.
   ZMValue options() const;
+  ZMValue extraOptions = ZMValue::object();
 
   // Installs `packagePath` as app/version through the facade; true on onInstallSuccess.
   bool install(const std::string& appId, const std::string& version, const std::string& packagePath,

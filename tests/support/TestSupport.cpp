@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <thread>
 
@@ -132,4 +133,11 @@ void SetAgeSeconds(const std::string& path, double secondsAgo) {
   times[0].tv_nsec = times[1].tv_nsec =
       static_cast<long>((when - static_cast<double>(static_cast<time_t>(when))) * 1e9);
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+}
+
+std::string RandomBytes(size_t size, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string data(size, '\0');
+  for (auto& c : data) c = static_cast<char>(random());
+  return data;
 }

@@ -66,6 +66,8 @@ std::string ReadFile(const std::string& path);
 bool Exists(const std::string& path);
 // Immediate entry names, sorted.
 std::vector<std::string> ListDir(const std::string& path);
+// `size` bytes that do not compress, the same for the same seed.
+std::string RandomBytes(size_t size, unsigned seed);
 // Sets the modification time to `secondsAgo` before now.
 void SetAgeSeconds(const std::string& path, double secondsAgo);
 

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/TestSupport.h"
+
 void MakeZip(const std::string& path, const std::vector<ZipEntry>& entries) {
   int err = 0;
   zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err);
@@ -42,4 +44,15 @@ void MakeGamePackage(const std::string& path, const std::string& config,
   std::vector<ZipEntry> entries{{"game.config.json", config}};
   for (const auto& [name, data] : files) entries.push_back({name, data});
   MakeZip(path, entries);
+}
+
+void DeclareEntrySize(const std::string& zip, uint32_t size) {
+  std::string bytes = ReadFile(zip);
+  for (const auto& [signature, offset] :
+       {std::pair{std::string("PK\x03\x04", 4), 22}, std::pair{std::string("PK\x01\x02", 4), 24}}) {
+    const size_t at = bytes.find(signature);
+    ASSERT_NE(at, std::string::npos);
+    for (int i = 0; i < 4; ++i) bytes[at + offset + i] = static_cast<char>(size >> (8 * i));
+  }
+  WriteFile(zip, bytes);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,6 +15,9 @@ struct ZipEntry {
 
 // Writes a zip archive at `path`; aborts the test on failure.
 void MakeZip(const std::string& path, const std::vector<ZipEntry>& entries);
+// Rewrites the uncompressed size that both headers of the archive's first entry declare, making
+// an archive that lies about what it unpacks to.
+void DeclareEntrySize(const std::string& zip, uint32_t size);
 // A game package: "game.config.json" holding `config` plus the given extra files.
 void MakeGamePackage(const std::string& path, const std::string& config,
                      const std::vector<std::pair<std::string, std::string>>& files = {});
