@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages libtavo builds with, when any is missing. Idempotent: a machine
+# Installs the Debian packages libtavo builds with (and any named as arguments), when any is
+# missing. Idempotent: a machine
 # that has them all is left untouched. Runs apt-get as root, or through sudo.
 set -euo pipefail
 
@@ -8,6 +9,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev libsqlite3-dev nlohmann-json3-dev libzip-dev libasio-dev
   libcli11-dev libcpp-httplib-dev googletest libgtest-dev libbenchmark-dev
   curl zip unzip libarchive-tools ca-certificates openssl time
+  "$@"  # extra packages a caller needs (scripts/fuzz: Clang and libFuzzer)
 )
 
 missing=()

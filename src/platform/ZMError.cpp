@@ -17,6 +17,7 @@ std::string ZMError::localizedDescription() const {
 std::string ZMError::description() const {
   std::string text = "Error Domain=" + domain + " Code=" + std::to_string(code) + " \"" +
                      localizedDescription() + "\"";
-  if (userInfo && !userInfo->empty()) text += " UserInfo=" + userInfo->dump();
+  if (userInfo && !userInfo->empty())
+    text += " UserInfo=" + userInfo->dump(-1, ' ', false, ZMValue::error_handler_t::replace);
   return text;
 }

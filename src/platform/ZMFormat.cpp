@@ -13,7 +13,8 @@ ZMFormatArg::ZMFormatArg(const ZMValue& value) {
   if (value.is_string()) {
     value_ = value.get<std::string>();
   } else {
-    value_ = value.dump();
+    // Text from files and the network may not be UTF-8; a log line must never throw.
+    value_ = value.dump(-1, ' ', false, ZMValue::error_handler_t::replace);
   }
 }
 

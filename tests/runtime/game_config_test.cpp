@@ -29,9 +29,18 @@ TEST(ZMGameConfig, DefaultsStoredValuesAndPluginsInFileOrder) {
   }
 
   WriteFile(dir / "bad.json", "{not json");
-  for (const std::string& missing : {std::string(), dir / "missing.json", dir / "bad.json"}) {
+  // Found by fuzzing: the parser's message quotes bytes that are not UTF-8, and logging the
+  // failure threw out of the read.
+  WriteFile(dir / "binary.json", "[1\xd0\x8e,\x16");
+  LogCapture log;
+  for (const std::string& missing :
+       {std::string(), dir / "missing.json", dir / "bad.json", dir / "binary.json"}) {
     EXPECT_FALSE(ZMGameConfig::createGameCofingWithPath(missing)) << missing;
   }
+  const auto lines = log.lines();
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.find("\xEF\xBF\xBD") != std::string::npos;
+  })) << "the stray bytes are logged as U+FFFD";
 }
 
 TEST(ZMGameRuntimeGetGameConfig, FindsTheInstalledConfiguration) {

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <memory>
 
+#include "Reporter.h"
 #include "tavo/ZMFileUtils.h"
 
 namespace {
@@ -46,10 +47,10 @@ PluginService::PluginService(std::string directory, std::function<void(const std
     server_.Post(std::string("/ced/runtime/plugin/") + query,
                  [this, query](const httplib::Request& request, httplib::Response& response) {
                    const ZMValue reply = answer(query, request.body);
-                   response.set_content(reply.dump(), "application/json");
+                   response.set_content(ToJSON(reply), "application/json");
                    const auto results = reply.value("plugin_results", ZMValue::array());
                    log_("POST /ced/runtime/plugin/" + std::string(query) + " code " +
-                        reply["code"].dump() + ", " + std::to_string(results.size()) +
+                        ToJSON(reply["code"]) + ", " + std::to_string(results.size()) +
                         " result(s)");
                  });
   }

@@ -3,6 +3,10 @@
 #include <cstdio>
 #include <iostream>
 
+std::string ToJSON(const ZMValue& value, int indent) {
+  return value.dump(indent, ' ', false, ZMValue::error_handler_t::replace);
+}
+
 namespace {
 
 std::string Amount(int64_t value, std::string_view unit) {
@@ -27,7 +31,7 @@ void Reporter::event(std::string_view name, const ZMValue& args) {
   line["event"] = std::string(name);
   line["args"] = args;
   std::lock_guard lock(mutex_);
-  std::cout << line.dump() << std::endl;
+  std::cout << ToJSON(line) << std::endl;
 }
 
 void Reporter::say(std::string_view line) {
@@ -41,9 +45,9 @@ void Reporter::result(const ZMValue& value) {
   std::lock_guard lock(mutex_);
   endBarLocked();
   if (trace_) {
-    std::cout << ZMValue{{"result", value}}.dump() << std::endl;
+    std::cout << ToJSON(ZMValue{{"result", value}}) << std::endl;
   } else {
-    std::cout << value.dump(2) << std::endl;
+    std::cout << ToJSON(value, 2) << std::endl;
   }
 }
 

@@ -8,6 +8,10 @@
 #include "tavo/ZMError.h"
 #include "tavo/ZMValue.h"
 
+// `value` as JSON text; text that is not UTF-8 (file names, replies) is shown with U+FFFD
+// instead of throwing.
+std::string ToJSON(const ZMValue& value, int indent = -1);
+
 // Where a command's output goes. Under --trace, stdout carries nothing but the listener
 // callbacks the host receives, one JSON object per line in delivery order; otherwise it carries
 // plain sentences and, when it is a terminal, a progress bar. Failures always go to stderr.

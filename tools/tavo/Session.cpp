@@ -154,14 +154,14 @@ int Session::list(ZMValue* items) {
 
 int Session::setData(const std::string& appId, const ZMValue& info) {
   auto l = listener();
-  reporter_.say("Storing " + info.dump() + " for " + appId);
+  reporter_.say("Storing " + ToJSON(info) + " for " + appId);
   runtime_->setGameData(appId, info, l);
   return finish("set-data", *l);
 }
 
 int Session::remove(const std::vector<std::string>& appIds) {
   auto l = listener();
-  reporter_.say("Removing " + ZMValue(appIds).dump());
+  reporter_.say("Removing " + ToJSON(ZMValue(appIds)));
   runtime_->removeGameList(appIds, l);
   return finish("remove", *l);
 }
@@ -185,8 +185,8 @@ int Session::removeAll() {
 int Session::sweep(const std::vector<std::string>& extensions, const ZMValue& keepMinutes,
                    int64_t* deleted) {
   auto l = listener();
-  reporter_.say("Sweeping the package cache: " + ZMValue(extensions).dump() + " older than " +
-                keepMinutes.dump() + " min");
+  reporter_.say("Sweeping the package cache: " + ToJSON(ZMValue(extensions)) + " older than " +
+                ToJSON(keepMinutes) + " min");
   runtime_->checkFileAvailability({{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, extensions},
                                    {ZM_KEY_CHECK_FILE_KEEP_TIME, keepMinutes}},
                                   l);
@@ -249,15 +249,15 @@ int Session::info() {
 
 int Session::pluginCheck(const ZMValue& info) {
   auto l = pluginListener();
-  reporter_.say("Checking plug-in " + info.dump());
+  reporter_.say("Checking plug-in " + ToJSON(info));
   plugins().checkPluginVersion(info, l);
   return finish("plugin check", *l);
 }
 
 int Session::pluginInstall(const ZMValue& info) {
   auto l = pluginListener();
-  reporter_.say("Installing plug-in " + info.dump() + " from " +
-                ZMValue(plugins().pluginServiceHosts()).dump());
+  reporter_.say("Installing plug-in " + ToJSON(info) + " from " +
+                ToJSON(ZMValue(plugins().pluginServiceHosts())));
   plugins().installPlugin(info, l);
   return finish("plugin install", *l);
 }
@@ -273,7 +273,7 @@ int Session::pluginList(ZMValue* items) {
 
 int Session::pluginRemove(const ZMValue& list, ZMValue* removed) {
   auto l = pluginListener();
-  reporter_.say("Removing plug-ins " + list.dump());
+  reporter_.say("Removing plug-ins " + ToJSON(list));
   plugins().removePluginList(list, l);
   const int status = finish("plugin remove", *l);
   if (removed) *removed = l->items();
