@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 
 #include "platform/ZMPath.h"
@@ -14,10 +16,20 @@
 
 namespace {
 
-// The integer value of a number or of a numeric text ("10" reads as 10); 0 otherwise.
+// The integer value of a number or of a numeric text ("10" reads as 10); 0 otherwise. Values
+// beyond 64 bits are clamped, for numbers as strtoll does for texts.
 int64_t integerValue(const ZMValue& value) {
+  if (value.is_number_unsigned()) {
+    return static_cast<int64_t>(std::min<uint64_t>(value.get<uint64_t>(), INT64_MAX));
+  }
   if (value.is_number_integer()) return value.get<int64_t>();
-  if (value.is_number()) return static_cast<int64_t>(value.get<double>());
+  if (value.is_number()) {
+    const double number = value.get<double>();
+    if (std::isnan(number)) return 0;
+    if (number >= 0x1p63) return INT64_MAX;
+    if (number < -0x1p63) return INT64_MIN;
+    return static_cast<int64_t>(number);
+  }
   if (value.is_boolean()) return value.get<bool>() ? 1 : 0;
   if (value.is_string()) return std::strtoll(value.get<std::string>().c_str(), nullptr, 10);
   return 0;
@@ -74,7 +86,7 @@ void ZMCheckFileAvailabilityTask::_checkCacheTempFileTask(
   const int directory = ::open(cachePath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const int at = directory >= 0 ? directory : AT_FDCWD;
   for (const auto& name : *names) {
-    if (isCancel()) break;
+    if (hasOwnerEnded()) break;
     if (!_compareExtensionName(extensions, name)) continue;
     std::string path = ZMPathJoin(cachePath, name);
     const char* target = directory >= 0 ? name.c_str() : path.c_str();
@@ -89,7 +101,7 @@ void ZMCheckFileAvailabilityTask::_checkCacheTempFileTask(
       ZMFileUtils::deleteFile(path);
     }
     if (!listener_.expired()) {
-      postReply([path = std::move(path)](ZMCheckFileAvailabilityListener& listener) {
+      postReplyDespiteCancel([path = std::move(path)](ZMCheckFileAvailabilityListener& listener) {
         listener.onCheckProgress(path);
       });
     }

@@ -15,7 +15,12 @@
 // listed (exact, case-sensitive) and whose age has reached the keep time (minutes) is deleted.
 // onCheckStart is called on the caller's thread; the sweep runs on the global queue; each
 // deletion and the final result are separate main-queue replies, so every progress callback
-// precedes the result. Cancelling stops the sweep before its next entry and silences the rest.
+// precedes the result.
+//
+// Cancelling differs from the other tasks on purpose: the sweep is the host's way to free disk
+// space, so a cancelled sweep still deletes every stale entry and reports each deletion; only
+// its result (success or failure) is not sent. Ending the runtime stops it before its next
+// entry, silently.
 class ZMCheckFileAvailabilityTask
     : public ZMTask<ZMCheckFileAvailabilityTask, ZMCheckFileAvailabilityListener> {
  public:

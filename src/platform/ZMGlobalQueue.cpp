@@ -2,17 +2,33 @@
 
 #include <asio/post.hpp>
 #include <asio/thread_pool.hpp>
+#include <atomic>
 #include <utility>
 
 namespace {
 
-asio::thread_pool& pool() {
-  // Destroyed at exit: the destructor stops the pool and joins its threads, so a block already
-  // running finishes before the process ends; blocks not yet started are dropped.
-  static asio::thread_pool p(ZMGlobalQueue::kThreadCount);
+std::atomic<bool> gEnding{false};
+
+// Destroyed at exit: blocks not yet started are dropped, and the running ones are told to stop
+// at their next step and then waited for, so none runs on while the process tears down.
+struct Pool {
+  asio::thread_pool threads{ZMGlobalQueue::kThreadCount};
+  ~Pool() {
+    gEnding = true;
+    threads.stop();
+    threads.join();
+  }
+};
+
+Pool& pool() {
+  static Pool p;
   return p;
 }
 
 }  // namespace
 
-void ZMGlobalQueue::post(std::function<void()> block) { asio::post(pool(), std::move(block)); }
+void ZMGlobalQueue::post(std::function<void()> block) {
+  asio::post(pool().threads, std::move(block));
+}
+
+bool ZMGlobalQueue::isEnding() { return gEnding.load(std::memory_order_relaxed); }

@@ -14,4 +14,8 @@ class ZMGlobalQueue {
   static constexpr std::size_t kThreadCount = 4;
 
   static void post(std::function<void()> block);
+
+  // True once the process has begun to exit: the pool no longer starts blocks and waits only for
+  // the ones running, which check this (through ZMTaskBase::isCancel) to stop at their next step.
+  static bool isEnding();
 };

@@ -5,6 +5,7 @@
 #include <memory>
 #include <utility>
 
+#include "platform/ZMGlobalQueue.h"
 #include "tavo/ZMMainQueue.h"
 
 class ZMTaskGroup;
@@ -17,7 +18,9 @@ class ZMTaskGroup;
 // checks the flag when it runs). Background work stops at its next step; a step under way (one
 // file written, one directory deleted, one record saved) finishes, so nothing is left half done.
 // Work on another thread's behalf (a transfer, an unzip) is stopped as far as its owner allows;
-// a task that differs says so beside its own cancel().
+// a task that differs says so beside its own cancel(). When the process exits, every task
+// counts as cancelled, so work still running stops at its next step and exit does not wait for
+// the rest; the same holds for work that goes on after a cancel once its owner has ended.
 //
 // Thread rules: cancel() and isCancel() are safe from any thread. Tasks are created, started and
 // cancelled on the main thread.
@@ -25,7 +28,11 @@ class ZMTaskBase {
  public:
   virtual ~ZMTaskBase() = default;
   virtual void cancel() { isCancel_ = true; }
-  bool isCancel() const { return isCancel_; }
+  bool isCancel() const { return isCancel_ || ZMGlobalQueue::isEnding(); }
+
+  // True once nothing may run on this task's behalf: the group has ended (its owner's done()) or
+  // the process is exiting. Work that a plain cancel does not stop stops here.
+  bool hasOwnerEnded() const;
 
   // The group that tracks this task's background work, set by the owner before the task starts;
   // without one, work goes straight to the global queue.
@@ -71,6 +78,16 @@ class ZMTask : public ZMTaskBase, public std::enable_shared_from_this<Derived> {
   void postReply(Reply reply) {
     postStep([reply = std::move(reply)](Derived& self) mutable {
       if (auto listener = self.listener_.lock()) reply(*listener);
+    });
+  }
+  // The same, delivered also after a cancel (never after the owner has ended), for a task whose
+  // cancel deliberately silences only its outcome.
+  template <typename Reply>
+  void postReplyDespiteCancel(Reply reply) {
+    ZMMainQueue::post([weak = this->weak_from_this(), reply = std::move(reply)]() mutable {
+      auto self = weak.lock();
+      if (!self || self->hasOwnerEnded()) return;
+      if (auto listener = self->listener_.lock()) reply(*listener);
     });
   }
   // The same for the last reply of a run: afterwards the task's group lets go of it.

@@ -14,6 +14,10 @@ void ZMTaskBase::postWork(std::function<void()> work) {
   }
 }
 
+bool ZMTaskBase::hasOwnerEnded() const {
+  return ZMGlobalQueue::isEnding() || (group_ && group_->hasEnded());
+}
+
 void ZMTaskBase::finished() {
   if (group_) group_->remove(this);
 }

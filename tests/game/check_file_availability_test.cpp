@@ -74,7 +74,7 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, DeletesListedExtensionsOnceTheirAgeReach
   EXPECT_EQ(ReadFile(outside + "/kept.bin"), "keep");
 }
 
-TEST_F(ZMCheckFileAvailabilityTaskTest, MissingOptionsFailInOrder) {
+TEST_F(ZMCheckFileAvailabilityTaskTest, MissingOptionsFailInOrderAndHugeKeepTimesAreClamped) {
   for (const auto& [extensions, keep, missing] :
        std::vector<std::tuple<ZMValue, ZMValue, std::string>>{
            {nullptr, nullptr, "EXTENSION_NAME_ARRAY"},
@@ -83,9 +83,17 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, MissingOptionsFailInOrder) {
     EXPECT_EQ(sweep(extensions, keep).back(),
               "onCheckFailure:missing options: ZM_KEY_CHECK_FILE_" + missing + "|0");
   }
+  // Past 64 bits, a keep time is as long as can be, not missing: nothing is old enough.
+  const std::string old = aged("old.zgp", 3600);
+  for (const ZMValue& huge :
+       {ZMValue(1e30), ZMValue(UINT64_MAX), ZMValue("99999999999999999999")}) {
+    EXPECT_EQ(sweep({"zgp"}, huge), (Events{"onCheckStart", "onCheckSuccess"})) << huge;
+  }
+  EXPECT_TRUE(Exists(old));
 }
 
-TEST_F(ZMCheckFileAvailabilityTaskTest, CancelStopsTheSweepAndSilencesIt) {
+// A cancel silences only the result: the stale file still goes, and its progress is heard.
+TEST_F(ZMCheckFileAvailabilityTaskTest, ACancelledSweepStillDeletesAndReportsProgress) {
   const std::string old = aged("old.zgp", 3600);
   // Every pool thread is held, so the sweep cannot start before the cancel. The held blocks
   // share what they wait on, as one may still be waking up when the test ends.
@@ -99,17 +107,18 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, CancelStopsTheSweepAndSilencesIt) {
     });
   }
   held->wait();
-  auto first = std::make_shared<SweepRecorder>();
+  auto sweep = std::make_shared<SweepRecorder>();
   // A keep time given as text works like the number.
   t.runtime->checkFileAvailability(
       {{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}}, {ZM_KEY_CHECK_FILE_KEEP_TIME, "1"}},
-      first);
+      sweep);
   t.runtime->cancelGamePackageRequest();
   release.set_value();
-  t.runtime->done();  // returns once the sweep's work has run
+  ASSERT_TRUE(RunUntil([&] { return sweep->size() == 2; }));
+  t.runtime->done();
   DrainMainQueue();
-  EXPECT_EQ(first->events(), (Events{"onCheckStart"}));
-  EXPECT_TRUE(Exists(old));
+  EXPECT_EQ(sweep->events(), (Events{"onCheckStart", "onCheckProgress:" + old}));
+  EXPECT_FALSE(Exists(old));
 }
 
 }  // namespace

@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "platform/ZMGlobalQueue.h"
 #include "support/TestSupport.h"
 #include "util/ZMTask.h"
 #include "util/ZMTaskGroup.h"
@@ -82,6 +86,28 @@ TEST(ZMTaskGroup, EndCancelsWaitsForRunningWorkAndSkipsTheRest) {
   DrainMainQueue();
   EXPECT_FALSE(ran);
   EXPECT_TRUE(heard->replies.empty());
+}
+
+// A process that exits while a task's work runs: the work sees itself cancelled and stops at its
+// next step, so exit waits for one step, not for the whole job (here a minute of steps).
+TEST(ZMTaskDeathTest, ExitStopsRunningWorkAtItsNextStep) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        auto task = std::make_shared<EchoTask>(std::weak_ptr<Heard>());
+        std::promise<void> started;
+        ZMGlobalQueue::post([task, &started] {
+          started.set_value();
+          const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+          while (!task->isCancel() && std::chrono::steady_clock::now() < end) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));  // one step
+          }
+          std::fputs(task->isCancel() ? "stopped at exit\n" : "ran to the end\n", stderr);
+        });
+        started.get_future().wait();
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "stopped at exit");
 }
 
 }  // namespace
