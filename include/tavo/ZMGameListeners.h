@@ -2,9 +2,12 @@
 
 // Listener interfaces that a host implements for the game operations of ZMZimoGameRuntime.
 // The host owns its listeners (std::shared_ptr); libtavo holds them weakly, so a listener the
-// host has dropped hears nothing more. "Start" callbacks and validation failures are called
-// synchronously on the caller's thread; every other callback arrives on ZMMainQueue unless the
-// operation says otherwise.
+// host has dropped hears nothing more. "Start" callbacks are called synchronously on the
+// caller's thread, and so are the refusals the runtime makes before it starts any work: those
+// of runGame and exitGame, downloadGamePackage's for an app id that would leave the package
+// cache, and every outcome of setGameData. Every other callback, the option and id checks of
+// checkGameVersion, installGamePackage and checkFileAvailability included, arrives on
+// ZMMainQueue unless the operation says otherwise.
 
 #include <cstdint>
 #include <memory>

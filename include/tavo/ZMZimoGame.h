@@ -26,9 +26,11 @@ class TAVO_EXPORT ZMRuntimeInitListener {
 // ZMZimoGameRuntime is the host's view of the runtime: one per process, created by
 // ZMZimoGame::initRuntime. Every operation is asynchronous towards its listener (see
 // ZMGameListeners.h for which queue each callback uses) and is meant to be called from the
-// main thread. An app id that is empty, ".", "..", or holds "/" or a NUL byte is refused with
-// the operation's failure callback (or, where there is none, ignored with a log line), so that
-// no operation touches anything outside the storage roots.
+// main thread. An app id that could leave the storage roots (empty, ".", "..", or holding "/" or
+// a NUL byte) never reaches the file system: setGameData, installGamePackage and runGame refuse
+// it with their failure callback, downloadGamePackage does when it holds a separator (other such
+// ids name a file inside the package cache), checkGameVersion reports it as not installed,
+// getGameConfig returns null, and removeGameList passes over it like an id without a record.
 class TAVO_EXPORT ZMZimoGameRuntime {
  public:
   virtual ~ZMZimoGameRuntime() = default;
@@ -49,7 +51,9 @@ class TAVO_EXPORT ZMZimoGameRuntime {
   // "rt_game_package_extend_data".
   virtual void installGamePackage(const ZMValue& options,
                                   std::weak_ptr<ZMPackageInstallListener> listener) = 0;
-  // Cancels the current check, download, install and sweep; their listeners hear nothing more.
+  // Cancels the current check, download and install, whose listeners hear nothing more, and the
+  // current sweep, which still deletes every stale entry and reports each deletion, but not its
+  // result.
   virtual void cancelGamePackageRequest() = 0;
   virtual std::optional<std::string> getVersionInfo() = 0;
   virtual void setGameQueryExitListener(std::weak_ptr<ZMGameQueryExitListener> listener) = 0;
@@ -57,6 +61,8 @@ class TAVO_EXPORT ZMZimoGameRuntime {
   // Info keys: "extend", "reserve", "auth_*" ("played" is ignored).
   virtual void setGameData(const std::string& appId, const ZMValue& info,
                            std::weak_ptr<ZMGameDataListener> listener) = 0;
+  // Removes the user's records and files of the listed games. An empty list, like removeGameAll
+  // for a user without records, sends no callback at all.
   virtual void removeGameList(const std::vector<std::string>& appIds,
                               std::weak_ptr<ZMGameRemoveListener> listener) = 0;
   virtual void removeGameAll(std::weak_ptr<ZMGameRemoveListener> listener) = 0;

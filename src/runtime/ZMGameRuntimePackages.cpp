@@ -177,20 +177,13 @@ void ZMGameRuntime::setGameData(const std::string& appId, const ZMValue& info,
 void ZMGameRuntime::removeGameList(const std::vector<std::string>& appIds,
                                    std::weak_ptr<ZMGameRemoveListener> listener) {
   if (appIds.empty()) return;
-  for (const auto& appId : appIds) {
-    if (auto error = appIdError(appId)) {
-      // Refused before anything is touched; the run still ends the usual way.
-      if (auto host = listener.lock()) {
-        host->onRemoveFailure(*error);
-        host->onRemoveSuccess(std::nullopt);
-      }
-      return;
-    }
-  }
   GameUninstallPackageTaskInfo info;
-  info.list = appIds;
   info.userId = userId_;
   for (const auto& appId : appIds) {
+    // An id that could leave the roots can name no record (setGameData and installs refuse
+    // it): it is skipped like any id without one, and no path is made from it.
+    if (appIdError(appId)) continue;
+    info.list.push_back(appId);
     info.appIdArrays.push_back(getAppDirPath(appId));
     info.userTempDirPathArrays.push_back(getUserCachePath(appId));
     info.userDataDirPathArrays.push_back(getUserDirPath(appId));

@@ -40,7 +40,8 @@ TEST(ZMGameUninstallPackageTask, RecordsGoBeforeFilesAndAFailedDeletionEndsTheRu
     WriteFile(t.user() + "/u1_" + appId + "/data/d.bin", "d");
   }
   auto& store = ZMDatabaseHelper::getInstance();
-  t.runtime->removeGameList({"never", "a1"}, listener);
+  // Ids without a record, and ids that could name none, are passed over.
+  t.runtime->removeGameList({"never", "../a2", "a1", "a1/.."}, listener);
   ASSERT_TRUE(RunUntil([&] { return listener->last().starts_with("onRemoveSuccess"); }));
   EXPECT_EQ(listener->events(), (Events{"onRemoveStart:a1|(null)", "onRemoveFinish:a1|(null)",
                                         "onRemoveSuccess:[a1]"}));
