@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -101,8 +102,12 @@ TEST_F(MerinHeadlessRun, RunShowsAViewSizedByOrientationAndExitEndsOnlyThatGame)
 }
 
 TEST_F(MerinHeadlessRun, RunNeedsAReadableConfigurationAndDoneFinishesTheQueue) {
+  const ZMValue fifo = packageOptions("fifo", std::nullopt);
+  ASSERT_EQ(::mkfifo((dir_ / "fifo/game.config.json").c_str(), 0600), 0);
   for (const auto& [options, expected] : std::vector<std::pair<ZMValue, std::string>>{
-           {packageOptions("none", std::nullopt), "run failure:game.config.json not found|-1"},
+           // Without a configuration, the defaults, as the runtime has them.
+           {packageOptions("none", std::nullopt), "run success"},
+           {fifo, "run failure:game.config.json is unreadable|-1"},
            {packageOptions("bad", "{\"deviceOrientation\": "),
             "run failure:game.config.json is invalid|-1"},
            {packageOptions("array", "[1, 2]"), "run failure:game.config.json is invalid|-1"},

@@ -1,8 +1,13 @@
 #include "merin/MerinGameHandle.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
-#include <fstream>
 #include <future>
 #include <mutex>
 #include <utility>
@@ -46,10 +51,31 @@ std::optional<ZMError> ReadGameConfig(const ZMValue& options, ZMValue* config) {
     return MakeError("missing run option: " + key, "the run options name no package directory");
   }
   const std::string path = dir->get_ref<const std::string&>() + "/" + kGameConfigFile;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return MakeError("game.config.json not found", "no game configuration at " + path);
+  // A game without a configuration runs with the defaults, as the runtime reads it. Only a
+  // regular file is read, without waiting: a FIFO there must not hold the engine's thread.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0 && errno == ENOENT) {
+    *config = ZMValue::object();
+    return std::nullopt;
+  }
+  std::string text;
+  int error = fd < 0 ? errno : 0;
+  struct stat st {};
+  if (fd >= 0 && (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) error = EINVAL;
+  for (char buffer[16384]; fd >= 0 && error == 0;) {
+    const ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) error = errno;
+    if (got <= 0) break;
+    text.append(buffer, static_cast<size_t>(got));
+  }
+  if (fd >= 0) ::close(fd);
+  if (error != 0) {
+    return MakeError("game.config.json is unreadable",
+                     path + ": " + (error == EINVAL ? "not a regular file" : std::strerror(error)));
+  }
   try {
-    *config = ZMValue::parse(in);
+    *config = ZMValue::parse(text);
   } catch (const nlohmann::json::exception& e) {
     return MakeError("game.config.json is invalid", path + ": " + e.what());
   }
