@@ -406,9 +406,11 @@ void ZMURLSessionEngine::finish(CURL* easy, CURLcode result) {
 
   Outcome outcome;
   outcome.response = responseOf(*transfer, status);
+  // Also before a failure: the bytes that did arrive are reported as progress.
+  const bool flushed = flush(*transfer);
   if (result != CURLE_OK) {
     outcome.error = errorOf(result, *transfer);
-  } else if (!flush(*transfer)) {
+  } else if (!flushed) {
     outcome.error = writeError(*transfer);
   }
   if (transfer->fd >= 0) {
@@ -444,6 +446,7 @@ void ZMURLSessionEngine::end(uint64_t taskIdentifier, ZMError error) {
   auto it = transfers_.find(taskIdentifier);
   if (it == transfers_.end()) return;
   Transfer& transfer = *it->second;
+  flush(transfer);  // what arrived before the failure is reported; a write error changes nothing
   long status = 0;
   curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
   Outcome outcome;

@@ -177,22 +177,24 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
     std::string failure;     // code|message, as the listener hears it
     std::string error;       // domain|code of the error passed along
     std::string cause = "";  // in the error's debug description
+    int64_t received = 0;    // bytes heard as progress before the failure; -1: not checked
   };
   const std::string url = kZMURLErrorDomain, status = kZMNetServicesErrorDomain;
   for (const Case& c : std::vector<Case>{
            // Only 200 succeeds: a status error carries the status, in the listener's code too.
-           {server.url("/status/404"), "404|404", status + "|404"},
+           {server.url("/status/404"), "404|404", status + "|404", "", 4},
            {server.url("/status/204"), "204|204", status + "|204"},
-           {server.url("/status/206"), "206|206", status + "|206"},
+           {server.url("/status/206"), "206|206", status + "|206", "", 4},
            // Transfer errors carry the response's status, or 0 when none came. -1004 cannot
            // connect, -1000 bad URL, -1001 timed out (idle), -1005 connection lost.
            {"http://127.0.0.1:9/pkg", "0|download fail", url + "|-1004"},
            {"not a url", "0|download fail", url + "|-1000"},
            {server.url("/stall-head"), "0|download fail", url + "|-1001"},
-           {server.url("/stall-body"), "200|download fail", url + "|-1001"},
-           {server.url("/short"), "200|download fail", url + "|-1005", "bytes remaining"},
-           {resetting.url, "200|download fail", url + "|-1005", "reset by peer"},
-           {overflowing.url, "200|download fail", url + "|-1011", "declared Content-Length"},
+           {server.url("/stall-body"), "200|download fail", url + "|-1001", "", 50000},
+           {server.url("/short"), "200|download fail", url + "|-1005", "bytes remaining", 50000},
+           // A reset may discard what the peer sent last.
+           {resetting.url, "200|download fail", url + "|-1005", "reset by peer", -1},
+           {overflowing.url, "200|download fail", url + "|-1011", "declared Content-Length", 50000},
        }) {
     auto recorder = download(c.url);
     EXPECT_EQ(recorder->last(), "failure:" + c.failure) << c.url;
@@ -201,6 +203,10 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
               std::string::npos)
         << recorder->error->userInfo->dump();
     EXPECT_FALSE(Exists(savePath)) << c.url;
+    if (c.received >= 0) {
+      EXPECT_EQ(recorder->progress.empty() ? 0 : recorder->progress.back().first, c.received)
+          << c.url;
+    }
   }
 }
 
