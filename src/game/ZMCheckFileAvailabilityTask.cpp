@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 
@@ -15,6 +16,9 @@
 #include "util/ZMCoreFileUtil.h"
 
 namespace {
+
+constexpr std::size_t kProgressBatch = 256;
+constexpr auto kProgressDelay = std::chrono::milliseconds(20);
 
 // The integer value of a number or of a numeric text ("10" reads as 10); 0 otherwise. Values
 // beyond 64 bits are clamped, for numbers as strtoll does for texts.
@@ -85,6 +89,19 @@ void ZMCheckFileAvailabilityTask::_checkCacheTempFileTask(
   // paths do the same.
   const int directory = ::open(cachePath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const int at = directory >= 0 ? directory : AT_FDCWD;
+  // Deletions are reported in batches, one main-queue block per batch, each path still its own
+  // callback and in order: a block per file costs the host's thread a wake-up per file. A batch
+  // is sent when full or when it has waited long enough, so a slow disk still shows progress.
+  std::vector<std::string> batch;
+  auto lastSent = std::chrono::steady_clock::now();
+  auto send = [&] {
+    if (batch.empty()) return;
+    postReplyDespiteCancel([paths = std::move(batch)](ZMCheckFileAvailabilityListener& listener) {
+      for (const auto& path : paths) listener.onCheckProgress(path);
+    });
+    batch.clear();
+    lastSent = std::chrono::steady_clock::now();
+  };
   for (const auto& name : *names) {
     if (hasOwnerEnded()) break;
     if (!_compareExtensionName(extensions, name)) continue;
@@ -100,12 +117,14 @@ void ZMCheckFileAvailabilityTask::_checkCacheTempFileTask(
     if (S_ISDIR(st.st_mode) || (::unlinkat(at, target, 0) != 0 && errno != ENOENT)) {
       ZMFileUtils::deleteFile(path);
     }
-    if (!listener_.expired()) {
-      postReplyDespiteCancel([path = std::move(path)](ZMCheckFileAvailabilityListener& listener) {
-        listener.onCheckProgress(path);
-      });
+    if (listener_.expired()) continue;
+    batch.push_back(std::move(path));
+    if (batch.size() >= kProgressBatch ||
+        std::chrono::steady_clock::now() - lastSent >= kProgressDelay) {
+      send();
     }
   }
+  send();
   if (directory >= 0) ::close(directory);
   _complete(std::nullopt);
 }

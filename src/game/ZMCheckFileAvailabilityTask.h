@@ -14,8 +14,8 @@
 // ZMCheckFileAvailabilityTask sweeps the package cache: every direct entry whose extension is
 // listed (exact, case-sensitive) and whose age has reached the keep time (minutes) is deleted.
 // onCheckStart is called on the caller's thread; the sweep runs on the global queue; each
-// deletion and the final result are separate main-queue replies, so every progress callback
-// precedes the result.
+// deletion gets its own progress callback on the main queue, in order (delivered in batches:
+// several may come in one turn of the queue), and every progress callback precedes the result.
 //
 // Cancelling differs from the other tasks on purpose: the sweep is the host's way to free disk
 // space, so a cancelled sweep still deletes every stale entry and reports each deletion; only
