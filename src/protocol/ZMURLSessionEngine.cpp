@@ -11,6 +11,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstring>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 
@@ -116,19 +117,6 @@ bool failsDeclaredLength(const ZMHTTPHeaderFields& fields, long status, int64_t 
 }
 
 // The digest as 32 lower-case hex digits; empty without a context or when it cannot finish.
-std::string hexDigest(EVP_MD_CTX* context) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (!context || EVP_DigestFinal_ex(context, digest, &length) != 1) return {};
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string text;
-  for (unsigned int i = 0; i < length; ++i) {
-    text += kHex[digest[i] >> 4];
-    text += kHex[digest[i] & 0x0f];
-  }
-  return text;
-}
-
 }  // namespace
 
 namespace {
@@ -293,10 +281,10 @@ void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
     (void)::flock(fd, LOCK_EX | LOCK_NB);
     transfer->fd = fd;
     transfer->location = std::move(pattern);
-    transfer->md5 = EVP_MD_CTX_new();
-    if (transfer->md5 && EVP_DigestInit_ex(transfer->md5, EVP_md5(), nullptr) != 1) {
-      EVP_MD_CTX_free(transfer->md5);
-      transfer->md5 = nullptr;  // no digest then: the file is hashed when it is verified
+    // Without a digest (the thread could not start) the file is hashed when it is verified.
+    try {
+      transfer->md5 = std::make_unique<ZMBackgroundMD5>();
+    } catch (const std::system_error&) {
     }
   }
   if (!configure(*transfer)) {
@@ -388,8 +376,7 @@ void ZMURLSessionEngine::release(Transfer& transfer, bool removeFile) {
     ::close(transfer.fd);
     transfer.fd = -1;
   }
-  EVP_MD_CTX_free(transfer.md5);
-  transfer.md5 = nullptr;
+  transfer.md5.reset();
   if (removeFile && !transfer.location.empty()) {
     ::unlink(transfer.location.c_str());
     transfer.location.clear();
@@ -432,7 +419,7 @@ void ZMURLSessionEngine::finish(CURL* easy, CURLcode result) {
     if (transfer->task->kind_ == ZMURLSessionTask::Kind::download) {
       outcome.location = std::move(transfer->location);
       transfer->location.clear();
-      outcome.md5 = hexDigest(transfer->md5);
+      outcome.md5 = transfer->md5 ? transfer->md5->finish() : std::string();
     } else {
       outcome.data = std::move(transfer->data);
     }
@@ -614,12 +601,11 @@ bool ZMURLSessionEngine::flush(Transfer& transfer) {
     }
     written += static_cast<size_t>(n);
   }
-  // A digest that cannot be updated is dropped, never trusted.
-  if (transfer.md5 && EVP_DigestUpdate(transfer.md5, data, length) != 1) {
-    EVP_MD_CTX_free(transfer.md5);
-    transfer.md5 = nullptr;
+  if (transfer.md5) {
+    transfer.md5->update(transfer.pending);  // hands the bytes over, leaves an empty buffer
+  } else {
+    transfer.pending.clear();
   }
-  transfer.pending.clear();
   ZMURLSessionTask& task = *transfer.task;
   task.bytesReceived_.fetch_add(static_cast<int64_t>(length));
   // One progress block in the queue at a time; it reports the count as of when it runs.

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <curl/curl.h>
-#include <openssl/evp.h>
 
 #include <chrono>
 #include <cstdint>
@@ -14,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "protocol/ZMBackgroundMD5.h"
 #include "protocol/ZMURLSession.h"
 
 // ZMURLSessionEngine is the transport under ZMURLSession: one network thread and its curl multi
@@ -71,8 +71,9 @@ class ZMURLSessionEngine {
     curl_off_t lastDown = 0;
     curl_off_t lastUp = 0;
     int writeErrno = 0;
-    // MD5 of the bytes written so far, so the file need not be read again to be verified.
-    EVP_MD_CTX* md5 = nullptr;
+    // MD5 of the bytes written so far, so the file need not be read again to be verified;
+    // computed beside the transfer on a thread of its own.
+    std::unique_ptr<ZMBackgroundMD5> md5;
     char errorBuffer[CURL_ERROR_SIZE] = {};
   };
   struct Command {

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <openssl/evp.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+// ZMBackgroundMD5 computes the MD5 of a stream of chunks on a thread of its own, so that the
+// thread receiving a download never waits for the digest: receiving and hashing overlap, and
+// the digest is ready soon after the last byte. Chunks are hashed in the order they are given;
+// at most kMaxQueued wait at a time (update() waits beyond that), which bounds the memory.
+//
+// Thread rules: update() and finish() are called by one thread, the owner; the hashing thread is
+// private. The destructor stops hashing and joins the thread, whether or not finish() ran.
+class ZMBackgroundMD5 {
+ public:
+  static constexpr std::size_t kMaxQueued = 3;
+
+  ZMBackgroundMD5();
+  ~ZMBackgroundMD5();
+  ZMBackgroundMD5(const ZMBackgroundMD5&) = delete;
+  ZMBackgroundMD5& operator=(const ZMBackgroundMD5&) = delete;
+
+  // Takes the bytes of `chunk` for hashing and leaves in it an empty buffer to fill next (one
+  // already hashed, when there is one, so buffers are reused rather than allocated).
+  void update(std::string& chunk);
+  // Waits until every chunk is hashed: the lower-case hex digest, or "" when hashing failed.
+  std::string finish();
+
+ private:
+  void run();
+
+  EVP_MD_CTX* context_ = nullptr;  // used by the hashing thread until it ends
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<std::string> queued_;  // guarded by mutex_
+  std::vector<std::string> spare_;  // guarded by mutex_
+  bool closing_ = false;            // guarded by mutex_
+  bool failed_ = false;             // guarded by mutex_
+  std::thread thread_;
+};
