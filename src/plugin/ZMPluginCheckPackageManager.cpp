@@ -52,10 +52,7 @@ void ZMPluginCheckPackageManager::execute(const std::string& pluginId, const std
   // never damages a working plug-in; an earlier leftover must not mix in.
   pluginInstallDirTmpPath_ = ZMPathJoin(cacheDir_, stagingName);
   ZMFileUtils::deleteFile(pluginInstallDirTmpPath_);
-  if (unzipPackageTask_) {
-    unzipPackageTask_->cancel();
-    unzipPackageTask_.reset();
-  }
+  ZMCancelAndClear(unzipPackageTask_);
   pluginHash_ = *updateHash;
   unzipPackageTask_ = std::make_shared<ZMPluginUnzipPackageTask>(
       pluginInstallDirTmpPath_, pluginHash_, weak_from_this(), limits_);
@@ -64,14 +61,8 @@ void ZMPluginCheckPackageManager::execute(const std::string& pluginId, const std
 
 void ZMPluginCheckPackageManager::cancel() {
   ZMTaskBase::cancel();
-  if (checkVersionTask_) {
-    checkVersionTask_->cancel();
-    checkVersionTask_.reset();
-  }
-  if (unzipPackageTask_) {
-    unzipPackageTask_->cancel();
-    unzipPackageTask_.reset();
-  }
+  ZMCancelAndClear(checkVersionTask_);
+  ZMCancelAndClear(unzipPackageTask_);
   finished();
 }
 
@@ -111,10 +102,7 @@ void ZMPluginCheckPackageManager::_moveStagedPlugin() {
 }
 
 void ZMPluginCheckPackageManager::_checkVersion() {
-  if (checkVersionTask_) {
-    checkVersionTask_->cancel();
-    checkVersionTask_.reset();
-  }
+  ZMCancelAndClear(checkVersionTask_);
   checkVersionTask_ = std::make_shared<ZMPluginCheckVersionTask>(pluginInfo_, listener_);
   // The group keeps the check until it has answered (and cancels it when it ends), so this
   // manager's own part is over here.

@@ -54,14 +54,8 @@ void ZMPluginCheckUpdateManager::execute(std::shared_ptr<const ZMZimoGameConfig>
 
 void ZMPluginCheckUpdateManager::cancel() {
   ZMTaskBase::cancel();
-  if (postHash_) {
-    postHash_->cancel();
-    postHash_.reset();
-  }
-  if (downloadPackage_) {
-    downloadPackage_->cancel();
-    downloadPackage_.reset();
-  }
+  ZMCancelAndClear(postHash_);
+  ZMCancelAndClear(downloadPackage_);
   _end();
 }
 
@@ -71,10 +65,7 @@ void ZMPluginCheckUpdateManager::_tryPostHash() {
     _end();  // every host failed: the update ends without a word
     return;
   }
-  if (postHash_) {
-    postHash_->cancel();
-    postHash_.reset();
-  }
+  ZMCancelAndClear(postHash_);
   const std::string& host = hostArr_[static_cast<size_t>(hostIndex_)];
   ++hostIndex_;
   postHash_ = std::make_shared<ZMPluginProtocolPostHash>(
@@ -120,10 +111,7 @@ void ZMPluginCheckUpdateManager::_downloadUpdatePlugin() {
       ++currentUpdateIndex_;
       continue;
     }
-    if (downloadPackage_) {
-      downloadPackage_->cancel();
-      downloadPackage_.reset();
-    }
+    ZMCancelAndClear(downloadPackage_);
     downloadPackage_ =
         std::make_shared<ZMPluginProtocolDownloadPackage>(packagePath, *url, weak_from_this());
     // The index moves on before the download starts, so that a result reported from inside

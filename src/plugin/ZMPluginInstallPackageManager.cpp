@@ -42,18 +42,9 @@ void ZMPluginInstallPackageManager::execute(const ZMValue& info, const std::stri
 
 void ZMPluginInstallPackageManager::cancel() {
   ZMTaskBase::cancel();
-  if (getPluginResourceAddress_) {
-    getPluginResourceAddress_->cancel();
-    getPluginResourceAddress_.reset();
-  }
-  if (downloadPackage_) {
-    downloadPackage_->cancel();
-    downloadPackage_.reset();
-  }
-  if (unzipPackageTask_) {
-    unzipPackageTask_->cancel();
-    unzipPackageTask_.reset();
-  }
+  ZMCancelAndClear(getPluginResourceAddress_);
+  ZMCancelAndClear(downloadPackage_);
+  ZMCancelAndClear(unzipPackageTask_);
   finished();
 }
 
@@ -65,10 +56,7 @@ void ZMPluginInstallPackageManager::_tryPostUrl() {
     _fail(postUrlError_.value_or(ZMError()));
     return;
   }
-  if (getPluginResourceAddress_) {
-    getPluginResourceAddress_->cancel();
-    getPluginResourceAddress_.reset();
-  }
+  ZMCancelAndClear(getPluginResourceAddress_);
   const std::string& host = hostArray_[static_cast<size_t>(hostIndex_)];
   ++hostIndex_;
   getPluginResourceAddress_ = std::make_shared<ZMPluginProtocolPostUrl>(
@@ -94,10 +82,7 @@ void ZMPluginInstallPackageManager::onPostUrlSuccess(const std::string& pluginId
               {pluginId, version, hash, url});
   postUrlError_.reset();
   pluginHash_ = hash;
-  if (downloadPackage_) {
-    downloadPackage_->cancel();
-    downloadPackage_.reset();
-  }
+  ZMCancelAndClear(downloadPackage_);
   // The hash names the cached package. A service that names no package for this version gives
   // neither hash nor URL; the download of the empty URL then fails and ends the install.
   const std::string hashText = hash.value_or("");
@@ -135,10 +120,7 @@ void ZMPluginInstallPackageManager::onDownloadFailure(const ZMError& error) {
 
 void ZMPluginInstallPackageManager::onDownloadSuccess(const std::string& path) {
   if (isCancel()) return;
-  if (unzipPackageTask_) {
-    unzipPackageTask_->cancel();
-    unzipPackageTask_.reset();
-  }
+  ZMCancelAndClear(unzipPackageTask_);
   // Straight into the installed directory: an unpack that fails removes it again.
   unzipPackageTask_ = std::make_shared<ZMPluginUnzipPackageTask>(
       installDir_, pluginHash_.value_or(""), weak_from_this(), limits_);

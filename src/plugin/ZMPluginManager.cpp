@@ -16,14 +16,6 @@
 
 namespace {
 
-template <typename Worker>
-void cancelAndClear(std::shared_ptr<Worker>& worker) {
-  if (worker) {
-    worker->cancel();
-    worker.reset();
-  }
-}
-
 // Provider and version are joined into one directory name under the plug-in root. A "/" or NUL
 // in either would make that name reach outside the root (a check deletes a directory it finds
 // without config), so such a request touches nothing. An empty provider is the service's to
@@ -123,7 +115,7 @@ void ZMPluginManager::onRunSuccess(const ZMValue& options) {
   if (!config) return;
   const ZMValue plugins = config->plugins();
   if (!plugins.is_array() || plugins.empty()) return;
-  cancelAndClear(pluginCheckUpdateManager_);
+  ZMCancelAndClear(pluginCheckUpdateManager_);
   pluginCheckUpdateManager_ = adopt(std::make_shared<ZMPluginCheckUpdateManager>(
       storagePluginPath_, appPackageCache_, pluginServiceHosts_, _getUniqueId(),
       ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID).value_or(""), ZMDevice::bundleIdentifier(),
@@ -148,7 +140,7 @@ void ZMPluginManager::checkPluginVersion(const ZMValue& info,
     if (host) host->onCheckPluginFailure(info, invalidNameError());
     return;
   }
-  cancelAndClear(pluginCheckPackageManager_);
+  ZMCancelAndClear(pluginCheckPackageManager_);
   if (host) host->onCheckPluginVersionStart(info);
   if (tasks_->hasEnded()) return;
   pluginCheckPackageManager_ = adopt(std::make_shared<ZMPluginCheckPackageManager>(
@@ -159,7 +151,7 @@ void ZMPluginManager::checkPluginVersion(const ZMValue& info,
 
 void ZMPluginManager::installPlugin(const ZMValue& info,
                                     std::weak_ptr<ZMPluginInstallListener> listener) {
-  cancelAndClear(pluginInstallPackageManager_);
+  ZMCancelAndClear(pluginInstallPackageManager_);
   auto host = listener.lock();
   if (host) host->onPluginInstallStart(info);
   // Only missing keys are refused here: an empty provider goes on to the service.
@@ -186,7 +178,7 @@ void ZMPluginManager::installPlugin(const ZMValue& info,
 }
 
 void ZMPluginManager::listPlugin(std::weak_ptr<ZMGameListListener> listener) {
-  cancelAndClear(listTask_);
+  ZMCancelAndClear(listTask_);
   if (tasks_->hasEnded()) return;
   listTask_ = adopt(std::make_shared<ZMPluginListTask>(std::move(listener)));
   listTask_->execute(storagePluginPath_);
@@ -194,7 +186,7 @@ void ZMPluginManager::listPlugin(std::weak_ptr<ZMGameListListener> listener) {
 
 void ZMPluginManager::removePluginList(const ZMValue& list,
                                        std::weak_ptr<ZMPluginRemoveListener> listener) {
-  cancelAndClear(removeListTask_);
+  ZMCancelAndClear(removeListTask_);
   if (tasks_->hasEnded()) return;
   removeListTask_ =
       adopt(std::make_shared<ZMPluginRemoveListTask>(storagePluginPath_, std::move(listener)));
@@ -202,11 +194,11 @@ void ZMPluginManager::removePluginList(const ZMValue& list,
 }
 
 void ZMPluginManager::cancelPluginRequest() {
-  cancelAndClear(pluginCheckPackageManager_);
-  cancelAndClear(pluginInstallPackageManager_);
-  cancelAndClear(pluginCheckUpdateManager_);
-  cancelAndClear(listTask_);
-  cancelAndClear(removeListTask_);
+  ZMCancelAndClear(pluginCheckPackageManager_);
+  ZMCancelAndClear(pluginInstallPackageManager_);
+  ZMCancelAndClear(pluginCheckUpdateManager_);
+  ZMCancelAndClear(listTask_);
+  ZMCancelAndClear(removeListTask_);
 }
 
 void ZMPluginManager::done() {

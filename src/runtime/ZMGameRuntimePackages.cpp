@@ -27,14 +27,6 @@ std::optional<ZMError> appIdError(const std::optional<std::string>& appId) {
 
 bool isSafe(const std::optional<std::string>& name) { return name && ZMIsSafePathComponent(*name); }
 
-template <typename Task>
-void cancelAndClear(std::shared_ptr<Task>& task) {
-  if (task) {
-    task->cancel();
-    task.reset();
-  }
-}
-
 }  // namespace
 
 template <typename Task>
@@ -45,7 +37,7 @@ std::shared_ptr<Task> ZMGameRuntime::adopt(std::shared_ptr<Task> task) {
 
 void ZMGameRuntime::checkGameVersion(const ZMValue& options,
                                      std::weak_ptr<ZMPackageCheckVersionListener> listener) {
-  cancelAndClear(gameCheckTask_);
+  ZMCancelAndClear(gameCheckTask_);
   const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
   // An id that names no app directory is never looked up, so it reads as not installed.
   const std::string detailPath =
@@ -57,7 +49,7 @@ void ZMGameRuntime::checkGameVersion(const ZMValue& options,
 
 void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
                                         std::weak_ptr<ZMPackageDownloadListener> listener) {
-  cancelAndClear(gameDownloadTask_);
+  ZMCancelAndClear(gameDownloadTask_);
   const auto appId = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID);
   const auto version = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_VERSION);
   auto host = listener.lock();
@@ -98,7 +90,7 @@ void ZMGameRuntime::installGamePackage(const ZMValue& options,
     installDir = getAppPackageDir(*appId, *version);
     detailFile = getAppDetailFile(*appId);
   }
-  cancelAndClear(gameInstallTask_);
+  ZMCancelAndClear(gameInstallTask_);
   if (auto host = listener.lock()) host->onInstallStart();
   gameInstallTask_ = adopt(std::make_shared<ZMGameInstallPackageTask>(
       std::move(listener), userId_, 1, appDir, installDir, detailFile, layout_->packageLimits));
@@ -106,15 +98,15 @@ void ZMGameRuntime::installGamePackage(const ZMValue& options,
 }
 
 void ZMGameRuntime::cancelGamePackageRequest() {
-  cancelAndClear(gameCheckTask_);
-  cancelAndClear(gameDownloadTask_);
-  cancelAndClear(gameInstallTask_);
-  cancelAndClear(checkFileAvailabilityTask_);
+  ZMCancelAndClear(gameCheckTask_);
+  ZMCancelAndClear(gameDownloadTask_);
+  ZMCancelAndClear(gameInstallTask_);
+  ZMCancelAndClear(checkFileAvailabilityTask_);
 }
 
 void ZMGameRuntime::checkFileAvailability(const ZMValue& options,
                                           std::weak_ptr<ZMCheckFileAvailabilityListener> listener) {
-  cancelAndClear(checkFileAvailabilityTask_);
+  ZMCancelAndClear(checkFileAvailabilityTask_);
   checkFileAvailabilityTask_ = adopt(
       std::make_shared<ZMCheckFileAvailabilityTask>(std::move(listener), getAppPackageCache()));
   checkFileAvailabilityTask_->execute(options);

@@ -10,6 +10,16 @@
 
 class ZMTaskGroup;
 
+// Cancels the worker held in `worker`, if any, and lets go of it: how an owner replaces or ends
+// the one worker it keeps of a kind. Any type with cancel() will do.
+template <typename Worker>
+void ZMCancelAndClear(std::shared_ptr<Worker>& worker) {
+  if (worker) {
+    worker->cancel();
+    worker.reset();
+  }
+}
+
 // ZMTaskBase is what every task and worker of this library shares: the cancel flag and the way
 // background work is started.
 //
