@@ -73,6 +73,17 @@ class ZMPluginProtocolRequest {
   void send(const std::string& url, std::string body, ZMURLSession::DataCompletion reply);
   void cancel();
 
+  // The reply step of a query: hands the reply to query->_onCompleteWithData (already on the
+  // main queue). It holds the query weakly, so a released query hears nothing.
+  template <typename Query>
+  static ZMURLSession::DataCompletion replyTo(std::weak_ptr<Query> query) {
+    return [query = std::move(query)](const std::optional<std::string>& data,
+                                      const std::optional<ZMHTTPURLResponse>& response,
+                                      const std::optional<ZMError>& error) {
+      if (auto self = query.lock()) self->_onCompleteWithData(data, response, error);
+    };
+  }
+
  private:
   std::mutex mutex_;  // task_
   std::shared_ptr<ZMURLSessionTask> task_;

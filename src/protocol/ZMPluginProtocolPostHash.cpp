@@ -65,18 +65,8 @@ bool ZMPluginProtocolPostHash::execute(const ZMZimoGameConfig& config) {
                                  {"os_version", Form::osVersion()},
                                  {"plugin_list", *pluginList}});
 
-  request_.send(url_, std::move(body), _completion());
+  request_.send(url_, std::move(body), ZMPluginProtocolRequest::replyTo(weak_from_this()));
   return true;
-}
-
-ZMURLSession::DataCompletion ZMPluginProtocolPostHash::_completion() {
-  // The session delivers on the main queue already. The reply holds this object weakly, so that
-  // releasing it silences the reply.
-  return [weak = weak_from_this()](const std::optional<std::string>& data,
-                                   const std::optional<ZMHTTPURLResponse>& response,
-                                   const std::optional<ZMError>& error) {
-    if (auto self = weak.lock()) self->_onCompleteWithData(data, response, error);
-  };
 }
 
 void ZMPluginProtocolPostHash::cancel() { request_.cancel(); }

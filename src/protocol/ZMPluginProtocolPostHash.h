@@ -64,8 +64,6 @@ class ZMPluginProtocolPostHash : public std::enable_shared_from_this<ZMPluginPro
   const std::string& runtimeVersion() const { return runtimeVersion_; }
 
  private:
-  // The reply step, holding this object weakly.
-  ZMURLSession::DataCompletion _completion();
   void _notifyList(const ZMValue& pluginResults);
   void _notifyFailure(const ZMError& error);
 

@@ -39,17 +39,7 @@ void ZMPluginProtocolPostUrl::execute(const std::string& pluginId, const std::st
     version_ = version;
   }
   // The previous request's completion then logs the cancellation and reports nothing.
-  request_.send(url_, std::move(body), _completion());
-}
-
-ZMURLSession::DataCompletion ZMPluginProtocolPostUrl::_completion() {
-  // The session delivers on the main queue already. The reply holds this object weakly, so that
-  // releasing it silences the reply.
-  return [weak = weak_from_this()](const std::optional<std::string>& data,
-                                   const std::optional<ZMHTTPURLResponse>& response,
-                                   const std::optional<ZMError>& error) {
-    if (auto self = weak.lock()) self->_onCompleteWithData(data, response, error);
-  };
+  request_.send(url_, std::move(body), ZMPluginProtocolRequest::replyTo(weak_from_this()));
 }
 
 void ZMPluginProtocolPostUrl::cancel() { request_.cancel(); }

@@ -50,8 +50,6 @@ class ZMPluginProtocolPostUrl : public std::enable_shared_from_this<ZMPluginProt
   const std::string& runtimeVersion() const { return runtimeVersion_; }
 
  private:
-  // The reply step, holding this object weakly.
-  ZMURLSession::DataCompletion _completion();
   void _notifySuccess(const std::string& pluginId, const std::string& version,
                       const std::optional<std::string>& hash,
                       const std::optional<std::string>& url);
