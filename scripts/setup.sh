@@ -6,7 +6,8 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libcurl4-openssl-dev libssl-dev libsqlite3-dev nlohmann-json3-dev libzip-dev libasio-dev
+  libcurl4-openssl-dev libssl-dev libsqlite3-dev nlohmann-json3-dev libzip-dev libdeflate-dev
+  libasio-dev
   libcli11-dev libcpp-httplib-dev googletest libgtest-dev libbenchmark-dev
   curl zip unzip libarchive-tools ca-certificates openssl time
   "$@"  # extra packages a caller needs (scripts/fuzz: Clang and libFuzzer)

@@ -110,14 +110,26 @@ TEST_F(MerinUnzip, ReportsUnreadableArchivesWithTheReason) {
   MakeZip(dir_ / "good.zip", {{"a.bin", RandomBytes(64 * 1024, 2)}, {"b.txt", "b"}});
   const std::string good = ReadFile(dir_ / "good.zip");
   WriteFile(dir_ / "truncated.zip", good.substr(0, good.size() / 2));
-  std::string corrupt = good;  // opens, but the first entry's data fails its check
-  corrupt[1000] = static_cast<char>(corrupt[1000] ^ 0x55);
-  WriteFile(dir_ / "corrupt.zip", corrupt);
+  // Archives that open, but whose first entry's data fails its check: stored and deflated
+  // entries read whole, and one large enough to be streamed.
+  std::string numbers;
+  for (int i = 0; i < 20000; ++i) numbers += std::to_string(i * 7919 % 10007) + "\n";
+  for (const auto& [zip, data] : std::vector<std::pair<std::string, std::string>>{
+           {"corrupt.zip", RandomBytes(64 * 1024, 2)},
+           {"corrupt-deflated.zip", numbers},
+           {"corrupt-streamed.zip", RandomBytes(2 * 1024 * 1024, 4)}}) {
+    MakeZip(dir_ / zip, {{"a.bin", data}, {"b.txt", "b"}});
+    std::string bytes = ReadFile(dir_ / zip);
+    bytes[1000] = static_cast<char>(bytes[1000] ^ 0x55);
+    WriteFile(dir_ / zip, bytes);
+  }
 
   for (const auto& [zip, expected] : std::vector<std::pair<std::string, std::string>>{
            {"missing.zip", "cannot open zip archive"},
            {"truncated.zip", "cannot open zip archive"},
-           {"corrupt.zip", "cannot extract \"a.bin\" from zip archive"}}) {
+           {"corrupt.zip", "cannot extract \"a.bin\" from zip archive"},
+           {"corrupt-deflated.zip", "cannot extract \"a.bin\" from zip archive"},
+           {"corrupt-streamed.zip", "cannot extract \"a.bin\" from zip archive"}}) {
     const std::string message = unzip(dir_ / zip, dir_ / "dest")->last();
     const std::string prefix = "failed: " + expected + " \"" + (dir_ / zip) + "\": ";
     EXPECT_TRUE(message.starts_with(prefix)) << message;
@@ -130,13 +142,23 @@ TEST_F(MerinUnzip, ReportsUnreadableArchivesWithTheReason) {
 }
 
 TEST_F(MerinUnzip, BoundsWhatAnArchiveCanMakeItWrite) {
-  // An entry holding more than it declares is cut off at its declared size.
-  MakeZip(dir_ / "liar.zip", {{"big.bin", std::string(512 * 1024, 'z')}});
-  DeclareEntrySize(dir_ / "liar.zip", 1024);
-  EXPECT_EQ(unzip(dir_ / "liar.zip", dir_ / "liar")->last(),
-            "failed: cannot extract \"big.bin\" from zip archive \"" + (dir_ / "liar.zip") +
-                "\": it holds more than the 1024 bytes it declares");
-  EXPECT_LE(fs::file_size(dir_ / "liar/big.bin"), 1024u);
+  // An entry holding more (or less) than it declares never gets past its declared size, read
+  // whole or streamed.
+  for (const auto& [bytes, declared, expected] :
+       std::vector<std::tuple<size_t, uint32_t, std::string>>{
+           {512 * 1024, 1024, "it holds more than the 1024 bytes it declares"},
+           {1000, 4096, "1000 bytes instead of 4096"},
+           {3 * 1024 * 1024, 2 * 1024 * 1024,
+            "it holds more than the 2097152 bytes it declares"}}) {
+    MakeZip(dir_ / "liar.zip", {{"big.bin", std::string(bytes, 'z')}});
+    DeclareEntrySize(dir_ / "liar.zip", declared);
+    fs::remove_all(dir_ / "liar");
+    EXPECT_EQ(unzip(dir_ / "liar.zip", dir_ / "liar")->last(),
+              "failed: cannot extract \"big.bin\" from zip archive \"" + (dir_ / "liar.zip") +
+                  "\": " + expected);
+    const std::string written = dir_ / "liar/big.bin";
+    EXPECT_TRUE(!fs::exists(written) || fs::file_size(written) <= declared) << bytes;
+  }
 
   // Nesting: a chain as deep as allowed is made, one level more is refused before anything.
   auto chain = [](int depth) {

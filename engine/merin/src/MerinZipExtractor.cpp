@@ -1,6 +1,7 @@
 #include "MerinZipExtractor.h"
 
 #include <fcntl.h>
+#include <libdeflate.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zip.h>
@@ -14,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <set>
 #include <thread>
 #include <utility>
@@ -22,6 +24,10 @@
 namespace {
 
 constexpr size_t kChunkSize = 256 * 1024;
+// Entries up to this size (stored or deflated) are read whole and inflated in one call, which
+// takes about half the time of libzip's streaming inflate; larger ones stream in chunks, so a
+// worker never holds more than about twice this much.
+constexpr uint64_t kWholeEntryLimit = 1024 * 1024;
 // Below this many uncompressed bytes one thread extracts everything: a second archive handle
 // and thread cost more than they save.
 constexpr uint64_t kParallelThreshold = 1024 * 1024;
@@ -32,6 +38,12 @@ constexpr size_t kMaxOpenDirectories = 256;
 // Entries nested deeper than this are refused: no game package comes near it, and every
 // directory of a path may be walked again for the files below it.
 constexpr size_t kMaxDepth = 256;
+
+struct DecompressorFree {
+  void operator()(libdeflate_decompressor* decompressor) const {
+    libdeflate_free_decompressor(decompressor);
+  }
+};
 
 struct ZipDiscard {
   void operator()(zip_t* archive) const { zip_discard(archive); }
@@ -216,7 +228,21 @@ struct FileEntry {
   std::string path;
   zip_uint64_t size = 0;
   mode_t mode = 0644;
+  // Set when the entry is read whole: how its data is stored and what it must check out to.
+  bool whole = false;
+  zip_uint16_t method = ZIP_CM_STORE;
+  zip_uint64_t compressedSize = 0;
+  zip_uint32_t crc = 0;
 };
+
+bool ReadsWhole(const zip_stat_t& st) {
+  constexpr zip_uint64_t kNeeded =
+      ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE | ZIP_STAT_COMP_METHOD | ZIP_STAT_CRC;
+  // Deflate may grow incompressible data a little; more than an eighth is not a real stream.
+  return (st.valid & kNeeded) == kNeeded &&
+         (st.comp_method == ZIP_CM_STORE || st.comp_method == ZIP_CM_DEFLATE) &&
+         st.size <= kWholeEntryLimit && st.comp_size <= kWholeEntryLimit + kWholeEntryLimit / 8;
+}
 
 struct Plan {
   zip_int64_t entryCount = 0;
@@ -305,6 +331,12 @@ std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath,
              Quoted(name) + where;
     }
     FileEntry entry{index, name, path, (st.valid & ZIP_STAT_SIZE) ? st.size : 0, mode};
+    if (ReadsWhole(st)) {
+      entry.whole = true;
+      entry.method = st.comp_method;
+      entry.compressedSize = st.comp_size;
+      entry.crc = st.crc;
+    }
     // A name stored twice is written once, with the later entry, as a sequential extractor
     // would leave it.
     if (auto found = fileByPath.find(path); found != fileByPath.end()) {
@@ -456,7 +488,6 @@ class Worker {
           return job_.fail("zip archive " + Quoted(job_.zipPath) + " changed while extracting");
         }
       }
-      buffer_.resize(kChunkSize);
       for (;;) {
         if (job_.failed.load()) return;
         const size_t k = job_.next.fetch_add(1);
@@ -481,27 +512,104 @@ class Worker {
     return cachedFd_.get();
   }
 
+  // Where one entry goes and how messages name it.
+  struct Output {
+    int dir;
+    std::string base;    // the file's name in `dir`
+    std::string target;  // its path, for messages
+    std::string source;  // the entry, for messages
+  };
+
   std::optional<std::string> extract(const FileEntry& entry) {
     const size_t slash = entry.path.rfind('/');
     const std::string parent = slash == std::string::npos ? "" : entry.path.substr(0, slash);
-    const std::string base = slash == std::string::npos ? entry.path : entry.path.substr(slash + 1);
-    const std::string target = job_.destDir + "/" + entry.path;
-    const std::string source = Quoted(entry.name) + " from zip archive " + Quoted(job_.zipPath);
-
     std::string error;
-    const int dir = parentDirectory(parent, &error);
-    if (dir < 0) return error;
+    Output output{parentDirectory(parent, &error),
+                  slash == std::string::npos ? entry.path : entry.path.substr(slash + 1),
+                  job_.destDir + "/" + entry.path,
+                  Quoted(entry.name) + " from zip archive " + Quoted(job_.zipPath)};
+    if (output.dir < 0) return error;
+    return entry.whole ? extractWhole(entry, output) : extractStreamed(entry, output);
+  }
 
-    zip_file_t* file = zip_fopen_index(archive_.get(), entry.index, 0);
-    if (file == nullptr) return "cannot extract " + source + ": " + zip_strerror(archive_.get());
-    std::unique_ptr<zip_file_t, int (*)(zip_file_t*)> guard(file, zip_fclose);
+  static std::optional<std::string> create(const FileEntry& entry, const Output& output, Fd* out) {
+    *out = Fd(::openat(output.dir, output.base.c_str(),
+                       O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, entry.mode));
+    if (out->valid()) return std::nullopt;
+    if (errno == ELOOP) return "refusing to follow symbolic link " + Quoted(output.target);
+    return "cannot write " + Quoted(output.target) + ": " + ErrnoText(errno);
+  }
 
-    Fd out(::openat(dir, base.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-                    entry.mode));
-    if (!out.valid()) {
-      if (errno == ELOOP) return "refusing to follow symbolic link " + Quoted(target);
-      return "cannot write " + Quoted(target) + ": " + ErrnoText(errno);
+  static std::optional<std::string> finish(Fd out, const Output& output) {
+    if (::close(out.release()) == 0) return std::nullopt;
+    return "cannot write " + Quoted(output.target) + ": " + ErrnoText(errno);
+  }
+
+  static std::string tooLong(const FileEntry& entry, const Output& output) {
+    return "cannot extract " + output.source + ": it holds more than the " +
+           std::to_string(entry.size) + " bytes it declares";
+  }
+
+  static std::string tooShort(const FileEntry& entry, const Output& output, uint64_t total) {
+    return "cannot extract " + output.source + ": " + std::to_string(total) + " bytes instead of " +
+           std::to_string(entry.size);
+  }
+
+  // Reads the stored bytes in one call, inflates them in one more and checks the CRC before
+  // the file is made: a corrupt entry leaves nothing behind.
+  std::optional<std::string> extractWhole(const FileEntry& entry, const Output& output) {
+    zip_file_t* file = zip_fopen_index(archive_.get(), entry.index, ZIP_FL_COMPRESSED);
+    if (file == nullptr) {
+      return "cannot extract " + output.source + ": " + zip_strerror(archive_.get());
     }
+    std::unique_ptr<zip_file_t, int (*)(zip_file_t*)> guard(file, zip_fclose);
+    if (stored_.size() < entry.compressedSize) stored_.resize(entry.compressedSize);
+    const zip_int64_t count = zip_fread(file, stored_.data(), entry.compressedSize);
+    if (count < 0) return "cannot extract " + output.source + ": " + zip_file_strerror(file);
+    if (static_cast<uint64_t>(count) != entry.compressedSize) {
+      return "cannot extract " + output.source + ": " + ZipCodeText(ZIP_ER_EOF);
+    }
+    const char* data = stored_.data();
+    size_t length = static_cast<size_t>(count);
+    if (entry.method == ZIP_CM_DEFLATE) {
+      if (!decompressor_) decompressor_.reset(libdeflate_alloc_decompressor());
+      if (!decompressor_) throw std::bad_alloc();
+      // One byte more than an empty entry needs, so the buffer has an address.
+      if (inflated_.size() < entry.size + 1) inflated_.resize(entry.size + 1);
+      switch (libdeflate_deflate_decompress(decompressor_.get(), data, length, inflated_.data(),
+                                            entry.size, &length)) {
+        case LIBDEFLATE_SUCCESS:
+          break;
+        case LIBDEFLATE_INSUFFICIENT_SPACE:
+          return tooLong(entry, output);
+        default:
+          return "cannot extract " + output.source + ": " + ZipCodeText(ZIP_ER_COMPRESSED_DATA);
+      }
+      data = inflated_.data();
+    }
+    if (length > entry.size) return tooLong(entry, output);
+    if (length < entry.size) return tooShort(entry, output, length);
+    if (libdeflate_crc32(0, data, length) != entry.crc) {
+      return "cannot extract " + output.source + ": " + ZipCodeText(ZIP_ER_CRC);
+    }
+    Fd out;
+    if (auto failure = create(entry, output, &out)) return failure;
+    if (!WriteAll(out.get(), data, length)) {
+      return "cannot write " + Quoted(output.target) + ": " + ErrnoText(errno);
+    }
+    job_.addBytes(length);
+    return finish(std::move(out), output);
+  }
+
+  std::optional<std::string> extractStreamed(const FileEntry& entry, const Output& output) {
+    zip_file_t* file = zip_fopen_index(archive_.get(), entry.index, 0);
+    if (file == nullptr) {
+      return "cannot extract " + output.source + ": " + zip_strerror(archive_.get());
+    }
+    std::unique_ptr<zip_file_t, int (*)(zip_file_t*)> guard(file, zip_fclose);
+    Fd out;
+    if (auto failure = create(entry, output, &out)) return failure;
+    if (buffer_.empty()) buffer_.resize(kChunkSize);
     uint64_t total = 0;
     for (;;) {
       if (job_.failed.load(std::memory_order_relaxed)) return std::nullopt;
@@ -509,34 +617,28 @@ class Worker {
       // declares is corrupt, and its excess is never written.
       const uint64_t wanted = std::min<uint64_t>(buffer_.size(), entry.size - total + 1);
       const zip_int64_t count = zip_fread(file, buffer_.data(), wanted);
-      if (count < 0) return "cannot extract " + source + ": " + zip_file_strerror(file);
+      if (count < 0) return "cannot extract " + output.source + ": " + zip_file_strerror(file);
       if (count == 0) break;
-      if (total + static_cast<uint64_t>(count) > entry.size) {
-        return "cannot extract " + source + ": it holds more than the " +
-               std::to_string(entry.size) + " bytes it declares";
-      }
+      if (total + static_cast<uint64_t>(count) > entry.size) return tooLong(entry, output);
       if (!WriteAll(out.get(), buffer_.data(), static_cast<size_t>(count))) {
-        return "cannot write " + Quoted(target) + ": " + ErrnoText(errno);
+        return "cannot write " + Quoted(output.target) + ": " + ErrnoText(errno);
       }
       total += static_cast<uint64_t>(count);
       job_.addBytes(static_cast<uint64_t>(count));
     }
-    if (total != entry.size) {
-      return "cannot extract " + source + ": " + std::to_string(total) + " bytes instead of " +
-             std::to_string(entry.size);
-    }
+    if (total != entry.size) return tooShort(entry, output, total);
     if (const int code = zip_fclose(guard.release()); code != 0) {
-      return "cannot extract " + source + ": " + ZipCodeText(code);
+      return "cannot extract " + output.source + ": " + ZipCodeText(code);
     }
-    if (::close(out.release()) != 0) {
-      return "cannot write " + Quoted(target) + ": " + ErrnoText(errno);
-    }
-    return std::nullopt;
+    return finish(std::move(out), output);
   }
 
   Extraction& job_;
   ZipPtr archive_;
-  std::vector<char> buffer_;
+  std::vector<char> buffer_;    // a chunk of a streamed entry
+  std::vector<char> stored_;    // a whole entry as stored
+  std::vector<char> inflated_;  // and inflated
+  std::unique_ptr<libdeflate_decompressor, DecompressorFree> decompressor_;
   std::string cachedParent_;
   Fd cachedFd_;
 };
