@@ -9,6 +9,7 @@
 #include "tavo/ZMFileUtils.h"
 #include "tavo/ZMGameHandle.h"
 #include "tavo/ZMOptionKeys.h"
+#include "util/ZMDeleteFileFreeingLater.h"
 
 ZMGameInstallPackageTask::ZMGameInstallPackageTask(std::weak_ptr<ZMPackageInstallListener> listener,
                                                    std::string userId, int64_t reqId,
@@ -105,7 +106,7 @@ void ZMGameInstallPackageTask::_complete(std::optional<ZMError> error) {
       if (listener) listener->onInstallFailure(*error);
       return;
     }
-    ZMFileUtils::deleteFile(self.packagePath_);
+    ZMDeleteFileFreeingLater(self.packagePath_);
     ZMRow row;
     row.user_id = self.userId_;
     row.app_id = ZMTextOption(self.info_, ZM_KEY_GAME_PACKAGE_APP_ID);

@@ -5,6 +5,7 @@
 #include "platform/ZMFormat.h"
 #include "tavo/ZMFileUtils.h"
 #include "tavo/ZMGameHandle.h"
+#include "util/ZMDeleteFileFreeingLater.h"
 
 ZMPluginUnzipPackageTask::ZMPluginUnzipPackageTask(std::string installDir, std::string pluginHash,
                                                    std::weak_ptr<ZMPackageInstallListener> listener,
@@ -41,7 +42,7 @@ void ZMPluginUnzipPackageTask::onUnzipFailed(const std::string& message) {
 }
 
 void ZMPluginUnzipPackageTask::onUnzipSucceed() {
-  if (!ZMFileUtils::deleteFile(zipFilePath_)) {
+  if (!ZMDeleteFileFreeingLater(zipFilePath_)) {
     ZMFileUtils::deleteFile(installDir_);
     _complete(ZMError(ZMFormat("deleteFile failure: %@", {zipFilePath_}), 0), false);
   }
