@@ -2,10 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <future>
-#include <latch>
 
-#include "platform/ZMGlobalQueue.h"
 #include "support/TestRuntime.h"
 #include "support/TestSupport.h"
 
@@ -95,18 +92,8 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, MissingOptionsFailInOrderAndHugeKeepTime
 // A cancel silences only the result: the stale file still goes, and its progress is heard.
 TEST_F(ZMCheckFileAvailabilityTaskTest, ACancelledSweepStillDeletesAndReportsProgress) {
   const std::string old = aged("old.zgp", 3600);
-  // Every pool thread is held, so the sweep cannot start before the cancel. The held blocks
-  // share what they wait on, as one may still be waking up when the test ends.
-  auto held = std::make_shared<std::latch>(ZMGlobalQueue::kThreadCount);
-  std::promise<void> release;
-  std::shared_future<void> released = release.get_future().share();
-  for (std::size_t i = 0; i < ZMGlobalQueue::kThreadCount; ++i) {
-    ZMGlobalQueue::post([held, released] {
-      held->count_down();
-      released.wait();
-    });
-  }
-  held->wait();
+  // Every pool thread is held, so the sweep cannot start before the cancel.
+  auto release = HoldGlobalQueue();
   auto sweep = std::make_shared<SweepRecorder>();
   // A keep time given as text works like the number.
   t.runtime->checkFileAvailability(

@@ -30,24 +30,18 @@ class ZMGameDownloadPackageTaskTest : public ::testing::Test {
     });
     server.Get("/v1", [](const auto&, auto& res) { res.set_content(kV1, "application/zip"); });
     server.Get("/missing", [](const auto&, auto& res) { res.status = 404; });
-    server.Get("/stall", PartialBody(server, 1 << 20, 10, true));
     server.start();
   }
 
-  // Starts a download of `route` heard by a fresh `recorder`.
-  std::shared_ptr<ZMGameDownloadPackageTask> start(const std::string& route,
-                                                   std::optional<std::string> hash) {
+  // A download of `route` to its end, heard by a fresh `recorder`: what it heard; the requests
+  // it made go in `requests`.
+  Events run(const std::string& route, std::optional<std::string> hash) {
+    const auto before = server.requestCount();
     recorder = std::make_shared<DownloadRecorder>();
     auto task = std::make_shared<ZMGameDownloadPackageTask>(recorder, savePath, server.url(route));
     ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, "app.1"}, {ZM_KEY_GAME_PACKAGE_VERSION, "1.0"}};
     if (hash) options[ZM_KEY_GAME_PACKAGE_HASH] = *hash;
     task->execute(options);
-    return task;
-  }
-  // A download to its end: what its listener heard; the requests it made go in `requests`.
-  Events run(const std::string& route, std::optional<std::string> hash) {
-    const auto before = server.requestCount();
-    auto task = start(route, std::move(hash));
     EXPECT_TRUE(RunUntil([&] {
       return recorder->last().starts_with("onDownloadSuccess:") ||
              recorder->last().starts_with("onDownloadFailure:");
@@ -88,18 +82,6 @@ TEST_F(ZMGameDownloadPackageTaskTest, TheHashIsComparedExactlyAndAMismatchIsFetc
   // A transfer failure is forwarded alone and not repeated.
   EXPECT_EQ(run("/missing", kV1Hash), Events{"onDownloadFailure:NSNetServicesErrorDomain|404"});
   EXPECT_EQ(requests, 1u);
-}
-
-TEST_F(ZMGameDownloadPackageTaskTest, CancelIsSilent) {
-  auto task = start("/stall", kV1Hash);
-  ASSERT_TRUE(RunUntil([&] { return recorder->size() > 0; }));  // progress: under way
-  task->cancel();
-  const auto cancelled = recorder;
-  // The network thread ends the cancelled transfer before it begins a later one, and the main
-  // queue runs in order: once a later download has ended, so has the cancelled one, unheard.
-  EXPECT_EQ(run("/v1", kV1Hash), succeeded);
-  EXPECT_EQ(cancelled->runs(), Events{"onDownloadProgress"});
-  EXPECT_EQ(ListDir(dirs.temporary()), Events{});
 }
 
 TEST_F(ZMGameDownloadPackageTaskTest, WithoutAListenerAnAbsentHashIsStillCompared) {

@@ -4,10 +4,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <future>
-#include <latch>
-
-#include "platform/ZMGlobalQueue.h"
 #include "storage/ZMDatabaseHelper.h"
 #include "support/TestRuntime.h"
 #include "util/ZMTaskGroup.h"
@@ -78,16 +74,7 @@ TEST(ZMGameUninstallPackageTask, DoneWaitsForARemovalInFlightAndNothingReportsAf
 
   // Queued behind a held pool: done() cancels it, and returns only once its block has been
   // skipped, so nothing is removed and nobody hears of it.
-  auto held = std::make_shared<std::latch>(ZMGlobalQueue::kThreadCount);
-  std::promise<void> release;
-  std::shared_future<void> released = release.get_future().share();
-  for (std::size_t i = 0; i < ZMGlobalQueue::kThreadCount; ++i) {
-    ZMGlobalQueue::post([held, released] {
-      held->count_down();
-      released.wait();
-    });
-  }
-  held->wait();
+  auto release = HoldGlobalQueue();
   auto queued = std::make_shared<RemoveRecorder>();
   t.runtime->removeGameList({"a1", "a2"}, queued);
   const Events before = snapshot();

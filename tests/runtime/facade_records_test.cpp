@@ -75,20 +75,6 @@ class ZMGameRuntimeRecords : public ::testing::Test {
   }
 };
 
-TEST_F(ZMGameRuntimeRecords, ListGameReportsEveryRecordWithItsExtendOrNull) {
-  EXPECT_EQ(list(), ZMValue::array());
-
-  ASSERT_TRUE(installWithExtend("g1", "from-host"));
-  ASSERT_TRUE(t.installGame("g2", "2.0"));
-  EXPECT_EQ(list(), ZMValue::array({item("g1", "from-host"), item("g2", nullptr)}));
-
-  // The items follow the records, not the app directories.
-  fs::remove_all(t.app() + "/g1");
-  EXPECT_EQ(list(), ZMValue::array({item("g1", "from-host"), item("g2", nullptr)}));
-  ASSERT_TRUE(store().removeAppRow("u1", "g2"));
-  EXPECT_EQ(list(), ZMValue::array({item("g1", "from-host")}));
-}
-
 TEST_F(ZMGameRuntimeRecords, SetGameDataStoresHostFieldsButNeverThePlayCount) {
   // An app without a record gets one, even from an empty info.
   EXPECT_EQ(setData("g9", ZMValue::object()), std::vector<std::string>{"onGameDataSetSuccess"});

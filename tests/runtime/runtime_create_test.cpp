@@ -4,9 +4,7 @@
 
 #include "runtime/ZMGameRuntime.h"
 #include "storage/ZMDatabaseHelper.h"
-#include "support/TestListeners.h"
 #include "support/TestRuntime.h"
-#include "support/TestSupport.h"
 #include "util/ZMTaskGroup.h"
 
 namespace {
@@ -67,13 +65,18 @@ TEST_F(ZMGameRuntimeCreate, PathGettersCreateOnlyTheirDirectories) {
 }
 
 TEST_F(ZMGameRuntimeCreate, RootThatIsAFileReachesOnInitializeFailure) {
-  WriteFile(dirs.root() / "core-file", "x");
-  auto listener = std::make_shared<InitRecorder>();
-  ZMZimoGame::initRuntime("u1", {{ZM_KEY_STORAGE_PATH_CORE, dirs.root() / "core-file"}}, listener);
-  ASSERT_EQ(listener->events(),
-            std::vector<std::string>{"onInitializeFailure:NSInvalidArgumentException|" +
-                                     (dirs.root() / "core-file") + " is a file"});
-  EXPECT_NE(ZMZimoGame::getRuntime(), nullptr) << "the runtime stays held";
+  // The core root is made by the runtime, the plug-in root by its manager at the init event.
+  for (const char* key : {ZM_KEY_STORAGE_PATH_CORE, ZM_KEY_STORAGE_PATH_PLUGIN}) {
+    const std::string file = dirs.root() / key;
+    WriteFile(file, "x");
+    auto listener = std::make_shared<InitRecorder>();
+    ZMZimoGame::initRuntime("u1", {{key, file}}, listener);
+    EXPECT_EQ(listener->events(),
+              std::vector<std::string>{"onInitializeFailure:NSInvalidArgumentException|" + file +
+                                       " is a file"})
+        << key;
+    EXPECT_NE(ZMZimoGame::getRuntime(), nullptr) << "the runtime stays held";
+  }
 }
 
 TEST_F(ZMGameRuntimeCreate, UnopenableStoreGivesExactlyOneFailure) {
@@ -83,9 +86,6 @@ TEST_F(ZMGameRuntimeCreate, UnopenableStoreGivesExactlyOneFailure) {
   EXPECT_EQ(listener->events(),
             std::vector<std::string>{"onInitializeFailure:init fail|create database error"});
   auto runtime = ZMGameRuntime::getInstance();
-  EXPECT_EQ(runtime->userId(), "u1");
-  EXPECT_NE(runtime->permissionListener(), nullptr);
-  EXPECT_EQ(runtime->gameRuntime2(), nullptr);
   // Without roots every path is empty: nothing is made relative to the working directory.
   EXPECT_EQ((std::vector{runtime->getAppPackageDir("g7", "1"), runtime->getAppDetailFile("g7"),
                          runtime->getUserTempDirPath("g7")}),
@@ -113,16 +113,6 @@ TEST_F(ZMGameRuntimeCreate, UserIdThatWouldLeaveTheRootsIsRefused) {
   EXPECT_EQ(listener->events(),
             std::vector<std::string>{"onInitializeFailure:init fail|invalid user id"});
   EXPECT_FALSE(Exists(dirs.caches() + "/app"));
-}
-
-TEST_F(ZMGameRuntimeCreate, PluginRootThatIsAFileReachesOnInitializeFailure) {
-  WriteFile(dirs.root() / "plugin-file", "x");
-  auto listener = std::make_shared<InitRecorder>();
-  ZMZimoGame::initRuntime("u1", {{ZM_KEY_STORAGE_PATH_PLUGIN, dirs.root() / "plugin-file"}},
-                          listener);
-  EXPECT_EQ(listener->events(),
-            std::vector<std::string>{"onInitializeFailure:NSInvalidArgumentException|" +
-                                     (dirs.root() / "plugin-file") + " is a file"});
 }
 
 }  // namespace

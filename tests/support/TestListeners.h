@@ -87,15 +87,11 @@ class EventLog {
 
 struct InitRecorder : ZMRuntimeInitListener, EventLog {
   std::shared_ptr<ZMZimoGameRuntime> runtime;
-  std::optional<ZMException> failure;
   void onInitializeSuccess(std::shared_ptr<ZMZimoGameRuntime> r) override {
     runtime = r;
     note("onInitializeSuccess");
   }
-  void onInitializeFailure(const ZMException& e) override {
-    failure = e;
-    note("onInitializeFailure", e);
-  }
+  void onInitializeFailure(const ZMException& e) override { note("onInitializeFailure", e); }
 };
 
 struct CheckRecorder : ZMPackageCheckVersionListener, EventLog {

@@ -9,10 +9,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <latch>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <thread>
 
+#include "platform/ZMGlobalQueue.h"
 #include "tavo/ZMLog.h"
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMSystemDirectories.h"
@@ -140,4 +143,19 @@ std::string RandomBytes(size_t size, unsigned seed) {
   std::string data(size, '\0');
   for (auto& c : data) c = static_cast<char>(random());
   return data;
+}
+
+std::promise<void> HoldGlobalQueue() {
+  // The held blocks share what they wait on, as one may still be waking up when the test ends.
+  auto held = std::make_shared<std::latch>(ZMGlobalQueue::kThreadCount);
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  for (std::size_t i = 0; i < ZMGlobalQueue::kThreadCount; ++i) {
+    ZMGlobalQueue::post([held, released] {
+      held->count_down();
+      released.wait();
+    });
+  }
+  held->wait();
+  return release;
 }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -59,6 +60,10 @@ bool RunUntil(const std::function<bool()>& done,
 // Drains whatever the main queue holds now and whatever background work posts within a short
 // quiet period; for asserting that nothing (more) arrives.
 void DrainMainQueue();
+
+// Occupies every thread of the global queue until the returned promise is kept (or dropped), so
+// that work posted meanwhile cannot start.
+std::promise<void> HoldGlobalQueue();
 
 // File helpers.
 void WriteFile(const std::string& path, const std::string& data);

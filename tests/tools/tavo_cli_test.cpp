@@ -194,10 +194,6 @@ TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
   EXPECT_EQ(tavo({"list"}).status, 2);
 }
 
-}  // namespace
-
-namespace {
-
 // `tavo serve DIR` as a child process: its base URL is its first line on stdout.
 class ServedPlugins {
  public:
