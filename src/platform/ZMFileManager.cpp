@@ -117,19 +117,31 @@ std::optional<double> ZMFileManager::modificationDate(const std::string& path) {
   return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
 }
 
-std::optional<std::string> ZMFileManager::readFile(const std::string& path, ZMError* error) {
+int ZMFileManager::openRegularFile(const std::string& path, bool followLinks, struct stat* info) {
   // O_NONBLOCK: opening a FIFO where a file belongs must not wait for a writer.
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) {
-    fail(error, errno, false, "Could not open", path);
-    return std::nullopt;
-  }
-  // Only a regular file is read: a FIFO, socket or device could block or never end.
+  const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | (followLinks ? 0 : O_NOFOLLOW);
+  int fd;
+  do {
+    fd = ::open(path.c_str(), flags);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return -1;
+  // Only a regular file: a FIFO, socket or device could block or never end.
   struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    const int err = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-    ::close(fd);
-    fail(error, err, false, "Could not read", path);
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+    if (info) *info = st;
+    return fd;
+  }
+  const int err = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+  ::close(fd);
+  errno = err;
+  return -1;
+}
+
+std::optional<std::string> ZMFileManager::readFile(const std::string& path, ZMError* error) {
+  const int fd = openRegularFile(path, true);
+  if (fd < 0) {
+    const bool opened = errno == EISDIR || errno == EINVAL;
+    fail(error, errno, false, opened ? "Could not read" : "Could not open", path);
     return std::nullopt;
   }
   std::string data;

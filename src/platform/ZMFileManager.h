@@ -7,6 +7,8 @@
 
 #include "tavo/ZMError.h"
 
+struct stat;
+
 // ZMFileManager is the file-system layer under the file utilities (Foundation's file manager):
 // every failure comes back as a kZMCocoaErrorDomain error whose description names the path and
 // the system's reason. Stateless; safe on any thread.
@@ -30,6 +32,12 @@ class ZMFileManager {
   // Modification time in seconds since 1970; null when the attributes cannot be read.
   static std::optional<double> modificationDate(const std::string& path);
   static std::optional<std::string> readFile(const std::string& path, ZMError* error);
+  // A read-only descriptor of `path` when it is a regular file (not following a final symbolic
+  // link unless `followLinks`), else -1 with errno saying why (EISDIR for a directory, EINVAL for
+  // another kind of file). Opening never waits: a FIFO in a file's place is refused, not waited
+  // on. `info`, when given, receives the file's attributes.
+  static int openRegularFile(const std::string& path, bool followLinks,
+                             struct stat* info = nullptr);
   // Writes to a temporary sibling, flushes it and renames it over `path`.
   static bool writeFileAtomically(const std::string& path, std::string_view data, ZMError* error);
 };

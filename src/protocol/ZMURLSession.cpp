@@ -1,7 +1,6 @@
 #include "protocol/ZMURLSession.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +8,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "platform/ZMFileManager.h"
 #include "protocol/ZMURLSessionEngine.h"
 #include "tavo/ZMSystemDirectories.h"
 
@@ -177,11 +177,11 @@ int64_t ZMURLSession::removeStaleDownloads(const std::string& directory) {
     const std::string name = entry->d_name;
     if (name.size() != kPrefix.size() + 6 || !name.starts_with(kPrefix)) continue;
     const std::string path = directory + "/" + name;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) continue;
     struct stat info {};
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && now - info.st_mtime >= kMinimumAge &&
-        ::flock(fd, LOCK_EX | LOCK_NB) == 0 && ::unlink(path.c_str()) == 0) {
+    const int fd = ZMFileManager::openRegularFile(path, false, &info);
+    if (fd < 0) continue;
+    if (now - info.st_mtime >= kMinimumAge && ::flock(fd, LOCK_EX | LOCK_NB) == 0 &&
+        ::unlink(path.c_str()) == 0) {
       ++removed;
     }
     ::close(fd);

@@ -2,12 +2,13 @@
 
 #include <fcntl.h>
 #include <openssl/evp.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+
+#include "platform/ZMFileManager.h"
 
 namespace {
 
@@ -46,13 +47,9 @@ char* FileMD5HashCreateWithPath(const char* path, size_t chunkSize) {
   const size_t chunk = std::min(chunkSize == 0 ? kDefaultChunk : chunkSize, kMaxStackChunk);
 
   DigestSession session;
-  do {
-    session.fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO must not block
-  } while (session.fd < 0 && errno == EINTR);
+  // Only regular files have a digest.
+  session.fd = ZMFileManager::openRegularFile(path, true);
   if (session.fd < 0) return nullptr;
-  // Only regular files have a digest: a FIFO, socket or device could block or never end.
-  struct stat st {};
-  if (::fstat(session.fd, &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
   ::posix_fadvise(session.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
 
   session.context = EVP_MD_CTX_new();

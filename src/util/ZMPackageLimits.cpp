@@ -1,6 +1,5 @@
 #include "util/ZMPackageLimits.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zip.h>
@@ -8,6 +7,7 @@
 #include <charconv>
 #include <memory>
 
+#include "platform/ZMFileManager.h"
 #include "tavo/ZMOptionKeys.h"
 
 namespace {
@@ -53,12 +53,11 @@ ZMPackageLimits ZMPackageLimits::fromOptions(const ZMValue& options) {
 
 std::optional<std::string> ZMPackageLimits::check(const std::string& zipPath) const {
   // Like the unzip itself: only a regular file, and never a wait on a FIFO.
-  const int fd = ::open(zipPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return std::nullopt;
   struct stat st {};
+  const int fd = ZMFileManager::openRegularFile(zipPath, true, &st);
+  if (fd < 0) return std::nullopt;
   int code = 0;
-  zip_t* opened = nullptr;
-  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) opened = zip_fdopen(fd, ZIP_RDONLY, &code);
+  zip_t* opened = zip_fdopen(fd, ZIP_RDONLY, &code);
   if (opened == nullptr) {
     ::close(fd);  // zip_fdopen takes the descriptor only when it succeeds
     return std::nullopt;
