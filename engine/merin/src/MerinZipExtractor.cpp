@@ -532,17 +532,21 @@ class Worker {
     return entry.whole ? extractWhole(entry, output) : extractStreamed(entry, output);
   }
 
+  static std::string writeError(const Output& output) {
+    return "cannot write " + Quoted(output.target) + ": " + ErrnoText(errno);
+  }
+
   static std::optional<std::string> create(const FileEntry& entry, const Output& output, Fd* out) {
     *out = Fd(::openat(output.dir, output.base.c_str(),
                        O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, entry.mode));
     if (out->valid()) return std::nullopt;
     if (errno == ELOOP) return "refusing to follow symbolic link " + Quoted(output.target);
-    return "cannot write " + Quoted(output.target) + ": " + ErrnoText(errno);
+    return writeError(output);
   }
 
   static std::optional<std::string> finish(Fd out, const Output& output) {
     if (::close(out.release()) == 0) return std::nullopt;
-    return "cannot write " + Quoted(output.target) + ": " + ErrnoText(errno);
+    return writeError(output);
   }
 
   static std::string tooLong(const FileEntry& entry, const Output& output) {
@@ -595,7 +599,7 @@ class Worker {
     Fd out;
     if (auto failure = create(entry, output, &out)) return failure;
     if (!WriteAll(out.get(), data, length)) {
-      return "cannot write " + Quoted(output.target) + ": " + ErrnoText(errno);
+      return writeError(output);
     }
     job_.addBytes(length);
     return finish(std::move(out), output);
@@ -621,7 +625,7 @@ class Worker {
       if (count == 0) break;
       if (total + static_cast<uint64_t>(count) > entry.size) return tooLong(entry, output);
       if (!WriteAll(out.get(), buffer_.data(), static_cast<size_t>(count))) {
-        return "cannot write " + Quoted(output.target) + ": " + ErrnoText(errno);
+        return writeError(output);
       }
       total += static_cast<uint64_t>(count);
       job_.addBytes(static_cast<uint64_t>(count));
