@@ -43,7 +43,7 @@ class ZMCheckFileAvailabilityTaskTest : public ::testing::Test {
 };
 
 TEST_F(ZMCheckFileAvailabilityTaskTest, DeletesListedExtensionsOnceTheirAgeReachesTheKeepTime) {
-  aged("young.zgp", 59);
+  aged("young.zgp", 50);
   const std::string old = aged("old.zgp", 60);
   const std::string hidden = aged(".hidden.zgp", 600);
   for (const char* name : {"upper.ZGP", "notes.txt", "noextension", ".zgp"}) aged(name, 600);

@@ -155,7 +155,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, Status200OntoAFreePathSucceeds) {
 }
 
 TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
-  ZMSingleThreadFileDownloader::setTimeoutIntervalForTesting(1);
+  ZMSingleThreadFileDownloader::setTimeoutIntervalForTesting(2);
   TestHttpServer server;
   server.Get(R"(/status/(\d+))", [](const auto& req, auto& res) {
     res.status = std::stoi(req.matches[1]);

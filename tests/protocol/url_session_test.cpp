@@ -175,8 +175,8 @@ TEST_F(ZMURLSessionTest, StalledTransferEndsOnIdleTimeoutOrExit) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   TestHttpServer server;
   server.Get("/slow", [&](const auto&, auto& res) {
-    res.set_content_provider(5000, "text/plain", [&](size_t offset, size_t, auto& sink) {
-      if (offset > 0) server.pause(400ms);  // 2 s in all, never 1 s without a byte
+    res.set_content_provider(10000, "text/plain", [&](size_t offset, size_t, auto& sink) {
+      if (offset > 0) server.pause(200ms);  // 1.8 s in all, never 1 s without a byte
       return sink.write(std::string(1000, 'x').data(), 1000);
     });
   });
@@ -200,7 +200,7 @@ TEST_F(ZMURLSessionTest, StalledTransferEndsOnIdleTimeoutOrExit) {
 
   auto slow = Download(server.url("/slow"), 1);
   EXPECT_EQ(slow->last(), "complete");
-  EXPECT_EQ(slow->contentAtFinish, std::string(5000, 'x'));
+  EXPECT_EQ(slow->contentAtFinish, std::string(10000, 'x'));
 
   const auto begun = std::chrono::steady_clock::now();
   auto stalled = Download(server.url("/stall"), 1);

@@ -132,8 +132,10 @@ struct ExitRecorder : ZMGameExitListener, EventLog {
 struct QueryExitRecorder : ZMGameQueryExitListener, EventLog {
   std::optional<ZMError> raise;  // thrown after the call is noted
   void onQueryExit(const std::string& a, const ZMValue& r) override {
+    // Read before the call is noted: a test may set the next answer once it sees this one.
+    const std::optional<ZMError> error = raise;
     note("onQueryExit", a, r);
-    if (raise) throw *raise;
+    if (error) throw *error;
   }
 };
 
