@@ -41,6 +41,7 @@ inline constexpr int64_t kZMURLErrorCannotFindHost = -1003;
 inline constexpr int64_t kZMURLErrorCannotConnectToHost = -1004;
 inline constexpr int64_t kZMURLErrorNetworkConnectionLost = -1005;
 inline constexpr int64_t kZMURLErrorNotConnectedToInternet = -1009;
+inline constexpr int64_t kZMURLErrorDataLengthExceedsMaximum = -1103;
 inline constexpr int64_t kZMURLErrorSecureConnectionFailed = -1200;
 inline constexpr int64_t kZMURLErrorServerCertificateUntrusted = -1202;
 inline constexpr int64_t kZMURLErrorCannotCreateFile = -3000;

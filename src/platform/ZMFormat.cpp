@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cstdio>
 
+#include "platform/ZMJSON.h"
 #include "tavo/ZMLog.h"
 
 ZMFormatArg::ZMFormatArg(const ZMException& exception)
@@ -13,8 +14,7 @@ ZMFormatArg::ZMFormatArg(const ZMValue& value) {
   if (value.is_string()) {
     value_ = value.get<std::string>();
   } else {
-    // Text from files and the network may not be UTF-8; a log line must never throw.
-    value_ = value.dump(-1, ' ', false, ZMValue::error_handler_t::replace);
+    value_ = ZMJSONLogText(value);
   }
 }
 

@@ -89,17 +89,49 @@ std::string ZMJSONPrettyString(const ZMValue& value) {
   return out;
 }
 
+namespace {
+
+ZMError formatError(const std::string& reason) {
+  return ZMError(kZMCocoaErrorDomain, kZMPropertyListReadCorruptError,
+                 ZMValue{{kZMLocalizedDescriptionKey,
+                          "The data couldn\u2019t be read because it isn\u2019t in the correct "
+                          "format. (" +
+                              reason + ")"}});
+}
+
+}  // namespace
+
 std::optional<ZMValue> ZMJSONParse(std::string_view text, ZMError* error) {
-  try {
-    return ZMValue::parse(text.begin(), text.end());
-  } catch (const nlohmann::json::exception& e) {
-    if (error) {
-      *error = ZMError(kZMCocoaErrorDomain, kZMPropertyListReadCorruptError,
-                       ZMValue{{kZMLocalizedDescriptionKey,
-                                std::string("The data couldn\u2019t be read because it isn\u2019t "
-                                            "in the correct format. (") +
-                                    e.what() + ")"}});
+  // The parser itself does not recurse; a container past the limit is dropped as it opens (so no
+  // deep tree is ever built) and the whole text is refused afterwards.
+  bool tooDeep = false;
+  const auto bound = [&tooDeep](int depth, ZMValue::parse_event_t event, ZMValue&) {
+    if ((event == ZMValue::parse_event_t::object_start ||
+         event == ZMValue::parse_event_t::array_start) &&
+        depth >= kZMJSONMaxDepth) {
+      tooDeep = true;
     }
-    return std::nullopt;
+    return !tooDeep;
+  };
+  try {
+    ZMValue value = ZMValue::parse(text.begin(), text.end(), bound);
+    if (!tooDeep) return value;
+    if (error) {
+      *error = formatError("nested deeper than " + std::to_string(kZMJSONMaxDepth) + " levels");
+    }
+  } catch (const nlohmann::json::exception& e) {
+    if (error) *error = formatError(e.what());
   }
+  return std::nullopt;
+}
+
+std::string ZMJSONLogText(const ZMValue& value, std::size_t limit) {
+  // Text from files and the network may not be UTF-8; a log line must never throw.
+  std::string text = value.dump(-1, ' ', false, ZMValue::error_handler_t::replace);
+  if (text.size() <= limit) return text;
+  std::size_t cut = limit;
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+  text.resize(cut);
+  text += "...";
+  return text;
 }

@@ -1,5 +1,6 @@
 #include "protocol/ZMPluginProtocolPostForm.h"
 
+#include <atomic>
 #include <cctype>
 #include <charconv>
 #include <cmath>
@@ -46,7 +47,13 @@ std::optional<int64_t> integerOfText(std::string_view text) {
   return value;
 }
 
+std::atomic<double> replyDeadlineForTesting{0};
+
 }  // namespace
+
+void ZMPluginProtocolPostForm::setReplyDeadlineForTesting(double seconds) {
+  replyDeadlineForTesting.store(seconds);
+}
 
 std::string ZMPluginProtocolPostForm::requestURL(std::string_view host, std::string_view path) {
   return ZMPathJoin(host, path);
@@ -96,6 +103,9 @@ std::shared_ptr<ZMURLSessionTask> ZMPluginProtocolPostForm::post(
   ZMURLRequest request(url);
   request.httpMethod = "POST";
   request.httpBody = std::move(body);
+  const double deadline = replyDeadlineForTesting.load();
+  request.timeoutIntervalForResource = deadline > 0 ? deadline : kReplyDeadline;
+  request.maximumResponseSize = kMaxReplyBytes;
   auto task = ZMURLSession::sharedSession()->dataTask(std::move(request), std::move(completion));
   task->resume();
   return task;

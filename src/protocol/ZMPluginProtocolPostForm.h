@@ -46,10 +46,18 @@ class ZMPluginProtocolPostForm {
   // left out. Fails, filling `error`, when a text is not valid UTF-8: the body is UTF-8 text.
   static std::optional<std::string> pluginListText(const ZMValue& list, ZMError* error);
 
-  // A POST of `body` to `url` on the shared session, started. The completion arrives on the main
-  // queue.
+  // What a service reply may cost: it must arrive whole within kReplyDeadline seconds and hold
+  // at most kMaxReplyBytes after content decoding (a reply for a game with a thousand plug-ins
+  // is about 200 KB). Anything past either fails the query.
+  static constexpr double kReplyDeadline = 60;
+  static constexpr int64_t kMaxReplyBytes = 4 << 20;
+
+  // A POST of `body` to `url` on the shared session, started, bounded as above. The completion
+  // arrives on the main queue.
   static std::shared_ptr<ZMURLSessionTask> post(const std::string& url, std::string body,
                                                 ZMURLSession::DataCompletion completion);
+  // Replaces kReplyDeadline for queries started afterwards; 0 restores it.
+  static void setReplyDeadlineForTesting(double seconds);
 
   // The reply as a JSON object or array; null when there is none or it does not parse (a bare
   // number or text does not count as a reply either).

@@ -37,6 +37,7 @@ std::shared_ptr<ZMURLSessionTask> ZMSingleThreadFileDownloader::_task() {
   ZMURLRequest request(url_);
   const double override = timeoutForTesting.load();
   request.timeoutInterval = override > 0 ? override : kTimeoutInterval;
+  request.minimumBytesPerSecond = kMinimumBytesPerSecond;
   auto task = session_->downloadTask(std::move(request));
   task_ = task;
   return task;

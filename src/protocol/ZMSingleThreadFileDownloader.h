@@ -24,6 +24,10 @@ class ZMSingleThreadFileDownloader
  public:
   // Idle time-out of the download: no byte for this long ends it with a failure.
   static constexpr double kTimeoutInterval = 90;
+  // And a download that receives less than this many bytes a second, averaged over each idle
+  // time-out period, fails too: a trickle of bytes cannot hold it open for ever, while a slow but
+  // moving package still arrives.
+  static constexpr int64_t kMinimumBytesPerSecond = 1024;
 
   ZMSingleThreadFileDownloader(std::string filePath, std::string url, std::string tag,
                                std::weak_ptr<ZMOnFileDownloadListener> listener);

@@ -31,6 +31,7 @@
 // 200 one and the status is read from the task's response.
 //
 // Errors are kZMURLErrorDomain errors with Foundation's codes (-999 cancelled, -1001 timed out,
+// -1103 reply too large,
 // -1004 cannot connect, -1005 connection lost, -1003 unknown host, -1000/-1002 bad or
 // unsupported URL, -1200/-1202 TLS, -3000/-3003 temporary file), whose user information holds
 // "NSLocalizedDescription" (a cancellation's is exactly "cancelled") and
@@ -61,6 +62,18 @@ struct ZMURLRequest {
   std::string httpBody;
   // Idle time-out in seconds; 0 takes the session configuration's.
   double timeoutInterval = 0;
+  // How long the whole transfer may take, however steadily bytes arrive; 0: no limit. Past it
+  // the task fails with -1001.
+  double timeoutIntervalForResource = 0;
+  // The most bytes a data task's reply body may hold after content decoding (a small compressed
+  // body may inflate to gigabytes); 0: no limit. Checked as the body arrives: past it the task
+  // fails with -1103 without keeping more.
+  int64_t maximumResponseSize = 0;
+  // The slowest a transfer may be, in bytes a second averaged over each period as long as the
+  // idle time-out; 0: no rule. A transfer that receives fewer bytes than that in one such period
+  // fails with -1001, so a trickle cannot hold it open for ever while a slow but moving one goes
+  // on. A silent connection fails at the end of its first period, just as the idle time-out says.
+  int64_t minimumBytesPerSecond = 0;
 };
 
 struct ZMHTTPURLResponse {

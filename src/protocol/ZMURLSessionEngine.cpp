@@ -15,6 +15,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "platform/ZMFormat.h"
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMSystemDirectories.h"
 
@@ -294,9 +295,16 @@ void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
                  urlError(kZMURLErrorUnknown, "unknown error", url, "transfer setup failed")));
     return;
   }
-  transfer->lastActivity = Clock::now();
-  transfer->idleTimeout =
-      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(t.idleTimeout_));
+  const auto now = Clock::now();
+  const auto seconds = [](double value) {
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(value));
+  };
+  transfer->lastActivity = now;
+  transfer->periodStart = now;
+  transfer->idleTimeout = seconds(t.idleTimeout_);
+  if (t.request_.timeoutIntervalForResource > 0) {
+    transfer->deadline = now + seconds(t.request_.timeoutIntervalForResource);
+  }
   transfers_.emplace(t.identifier_, std::move(transfer));
 }
 
@@ -447,20 +455,43 @@ void ZMURLSessionEngine::end(uint64_t taskIdentifier, ZMError error) {
 Clock::duration ZMURLSessionEngine::expireIdleTransfers() {
   const auto now = Clock::now();
   Clock::duration wait = kLongestWait;
-  std::vector<uint64_t> expired;
+  std::vector<std::pair<uint64_t, std::string>> expired;
   for (const auto& [id, transfer] : transfers_) {
-    const auto deadline = transfer->lastActivity + transfer->idleTimeout;
-    if (deadline <= now) {
-      expired.push_back(id);
-    } else {
-      wait = std::min<Clock::duration>(wait, deadline - now);
-    }
+    if (auto why = timeRuleBroken(*transfer, now, wait)) expired.emplace_back(id, std::move(*why));
   }
-  for (uint64_t id : expired) {
+  for (auto& [id, why] : expired) {
     end(id, urlError(kZMURLErrorTimedOut, "The request timed out.",
-                     transfers_[id]->task->request_.url));
+                     transfers_[id]->task->request_.url, std::move(why)));
   }
   return wait;
+}
+
+std::optional<std::string> ZMURLSessionEngine::timeRuleBroken(Transfer& transfer,
+                                                              Clock::time_point now,
+                                                              Clock::duration& wait) {
+  const auto seconds = [](Clock::duration d) { return std::chrono::duration<double>(d).count(); };
+  const auto until = [&](Clock::time_point moment) {
+    wait = std::min<Clock::duration>(wait, moment - now);
+    return moment <= now;
+  };
+  if (until(transfer.lastActivity + transfer.idleTimeout)) {
+    return ZMFormat("no byte for %@ s", {seconds(transfer.idleTimeout)});
+  }
+  if (transfer.deadline && until(*transfer.deadline)) {
+    return ZMFormat("longer than %@ s in all",
+                    {transfer.task->request_.timeoutIntervalForResource});
+  }
+  const int64_t rate = transfer.task->request_.minimumBytesPerSecond;
+  if (rate > 0 && until(transfer.periodStart + transfer.idleTimeout)) {
+    const double period = seconds(transfer.idleTimeout);
+    if (static_cast<double>(transfer.received - transfer.periodReceived) < rate * period) {
+      return ZMFormat("slower than %@ bytes/s for %@ s", {rate, period});
+    }
+    transfer.periodStart = now;
+    transfer.periodReceived = transfer.received;
+    until(now + transfer.idleTimeout);
+  }
+  return std::nullopt;
 }
 
 std::optional<ZMHTTPURLResponse> ZMURLSessionEngine::responseOf(const Transfer& transfer,
@@ -529,6 +560,11 @@ ZMError ZMURLSessionEngine::errorOf(CURLcode result, const Transfer& transfer) {
                       "be made.",
                       url, detail);
     case CURLE_WRITE_ERROR:
+      if (transfer.tooLarge) {
+        return urlError(kZMURLErrorDataLengthExceedsMaximum, "resource exceeds maximum size", url,
+                        "the reply is longer than " +
+                            std::to_string(transfer.task->request_.maximumResponseSize) + " bytes");
+      }
       if (transfer.writeErrno != 0) return writeError(transfer);
       return urlError(kZMURLErrorCannotWriteToFile, "The file couldn\u2019t be written.", url,
                       detail);
@@ -541,6 +577,7 @@ size_t ZMURLSessionEngine::onHeader(char* buffer, size_t size, size_t count, voi
   auto& transfer = *static_cast<Transfer*>(userdata);
   const size_t length = size * count;
   transfer.lastActivity = Clock::now();
+  transfer.received += static_cast<int64_t>(length);
   std::string_view line(buffer, length);
   while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
   if (line.starts_with("HTTP/")) {  // a new response (after a redirect or a 1xx)
@@ -573,8 +610,14 @@ size_t ZMURLSessionEngine::onBody(char* buffer, size_t size, size_t count, void*
   auto& transfer = *static_cast<Transfer*>(userdata);
   const size_t length = size * count;
   transfer.lastActivity = Clock::now();
+  transfer.received += static_cast<int64_t>(length);
   ZMURLSessionTask& task = *transfer.task;
   if (task.kind_ == ZMURLSessionTask::Kind::data) {
+    const int64_t maximum = task.request_.maximumResponseSize;
+    if (maximum > 0 && static_cast<int64_t>(transfer.data.size() + length) > maximum) {
+      transfer.tooLarge = true;
+      return 0;  // curl ends the transfer with CURLE_WRITE_ERROR
+    }
     transfer.data.append(buffer, length);
     task.bytesReceived_.fetch_add(static_cast<int64_t>(length));
     return length;

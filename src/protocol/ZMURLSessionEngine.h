@@ -68,6 +68,13 @@ class ZMURLSessionEngine {
     long headerStatus = 0;
     Clock::time_point lastActivity;
     Clock::duration idleTimeout{};
+    std::optional<Clock::time_point> deadline;  // the request's whole-transfer limit
+    // The slow-transfer rule: bytes received (headers and body) and where the current period
+    // began.
+    int64_t received = 0;
+    int64_t periodReceived = 0;
+    Clock::time_point periodStart;
+    bool tooLarge = false;  // a data task's reply passed the request's maximum
     curl_off_t lastDown = 0;
     curl_off_t lastUp = 0;
     int writeErrno = 0;
@@ -97,7 +104,12 @@ class ZMURLSessionEngine {
   static ZMError writeError(const Transfer& transfer);
   // Releases the curl handles and the file descriptor; removes the file when asked.
   void release(Transfer& transfer, bool removeFile);
+  // Ends the transfers that broke their request's time rules; returns how long the thread may
+  // wait before the next one could.
   Clock::duration expireIdleTransfers();
+  // Why `transfer` must end at `now`, or null; lowers `wait` to its next moment of reckoning.
+  static std::optional<std::string> timeRuleBroken(Transfer& transfer, Clock::time_point now,
+                                                   Clock::duration& wait);
 
   static std::optional<ZMHTTPURLResponse> responseOf(const Transfer& transfer, long status);
   static ZMError errorOf(CURLcode result, const Transfer& transfer);

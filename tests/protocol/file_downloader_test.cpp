@@ -167,6 +167,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
   });
   server.Get("/stall-body", PartialBody(server, 200000, 50000, true));
   server.Get("/short", PartialBody(server, 200000, 50000, false));
+  server.Get("/drip", Drip(server, std::string(100000, 'x'), 100ms));
   server.start();
   ResettingServer resetting("200000", 50000);
   // A length past 64 bits, which the transfer alone would take as no length at all.
@@ -191,6 +192,9 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
            {"not a url", "0|download fail", url + "|-1000"},
            {server.url("/stall-head"), "0|download fail", url + "|-1001"},
            {server.url("/stall-body"), "200|download fail", url + "|-1001", "", 50000},
+           // Never idle, but far too slow to ever finish.
+           {server.url("/drip"), "200|download fail", url + "|-1001", "slower than 1024 bytes/s",
+            -1},
            {server.url("/short"), "200|download fail", url + "|-1005", "bytes remaining", 50000},
            // A reset may discard what the peer sent last.
            {resetting.url, "200|download fail", url + "|-1005", "reset by peer", -1},

@@ -1,9 +1,12 @@
 #include "protocol/ZMPluginProtocolPostUrl.h"
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <thread>
 
+#include "protocol/ZMPluginProtocolPostForm.h"
+#include "support/TestHttpServer.h"
 #include "support/TestListeners.h"
 #include "support/TestPluginService.h"
 #include "support/TestSupport.h"
@@ -107,4 +110,59 @@ TEST(ZMPluginProtocolPostUrl, SendsTheFormRawOnlyTheReplyCodeCountsAndCancelledR
   EXPECT_EQ(recorder->events(), std::vector<std::string>{"success:p|2.0|h2|u2"});
   EXPECT_EQ(released->size(), 0u);
   EXPECT_EQ(cancelled().size(), 2u);
+}
+
+TEST(ZMPluginProtocolPostUrl, AHostileReplyEndsInAFailureWithinItsBounds) {
+  // A reply nested far too deep to print, bodies past the size bound (a compressed one only once
+  // inflated), one that never finishes, and a large but acceptable one whose log line stays short.
+  std::string deep = R"({"code":200,"plugin_results":[{"x":)";
+  deep += std::string(50000, '[') + std::string(50000, ']') + "}]}";
+  std::string spaces(64 << 20, ' '), bomb(1 << 20, '\0');
+  uLongf size = bomb.size();
+  z_stream z{};
+  ASSERT_EQ(deflateInit2(&z, 9, Z_DEFLATED, 31, 9, Z_DEFAULT_STRATEGY), Z_OK);  // gzip framing
+  z.next_in = reinterpret_cast<Bytef*>(spaces.data());
+  z.avail_in = static_cast<uInt>(spaces.size());
+  z.next_out = reinterpret_cast<Bytef*>(bomb.data());
+  z.avail_out = static_cast<uInt>(size);
+  ASSERT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
+  bomb.resize(z.total_out);
+  deflateEnd(&z);
+  std::string many = R"({"code":200,"plugin_results":[)";
+  for (int i = 0; i < 2000; ++i) many += kOther + ",";
+  many += kMatch + "]}";
+
+  TestHttpServer server;
+  const auto reply = [&](const std::string& name, std::string body, std::string encoding = "") {
+    server.Post("/" + name + "/ced/runtime/plugin/url",
+                [body, encoding](const httplib::Request&, httplib::Response& res) {
+                  if (!encoding.empty()) res.set_header("Content-Encoding", encoding);
+                  res.set_content(body, "application/octet-stream");
+                });
+  };
+  reply("deep", deep);
+  reply("long", std::string(ZMPluginProtocolPostForm::kMaxReplyBytes + 1, ' '));
+  reply("bomb", bomb, "gzip");
+  reply("many", many);
+  server.Post("/drip/ced/runtime/plugin/url", Drip(server, many, std::chrono::milliseconds(50)));
+  server.start();
+  ZMPluginProtocolPostForm::setReplyDeadlineForTesting(1);
+
+  LogCapture log;
+  for (const auto& [name, event] : std::vector<std::pair<std::string, std::string>>{
+           {"deep", "fail:get plugin url error (null)|0"},
+           {"long", "fail:NSURLErrorDomain|-1103"},
+           {"bomb", "fail:NSURLErrorDomain|-1103"},
+           {"drip", "fail:NSURLErrorDomain|-1001"},
+           {"many", "success:p|1.0|h1|u1"},
+       }) {
+    auto recorder = std::make_shared<UrlRecorder>();
+    auto query = Query(server.url("/" + name + "/ced"), recorder);
+    query->execute("p", "1.0");
+    ASSERT_TRUE(RunUntil([&] { return recorder->size() == 1; })) << name;
+    EXPECT_EQ(recorder->last(), event) << name;
+  }
+  ZMPluginProtocolPostForm::setReplyDeadlineForTesting(0);
+  for (const auto& line : log.lines()) EXPECT_LT(line.size(), 2048u) << line.substr(0, 100);
+  EXPECT_EQ(log.startingWith("post url request success: (null)").size(), 1u) << "the deep one";
 }

@@ -79,3 +79,15 @@ TestHttpServer::Handler PartialBody(TestHttpServer& server, std::size_t declared
                              });
   };
 }
+
+TestHttpServer::Handler Drip(TestHttpServer& server, std::string body,
+                             std::chrono::milliseconds interval) {
+  return [&server, body, interval](const httplib::Request&, httplib::Response& res) {
+    res.set_chunked_content_provider(
+        "application/json",
+        [&server, body, interval, sent = std::size_t{0}](size_t, httplib::DataSink& sink) mutable {
+          if (sent == body.size() || !server.pause(interval)) return false;
+          return sink.write(body.data() + sent++, 1);
+        });
+  };
+}

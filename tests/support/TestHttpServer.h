@@ -60,3 +60,8 @@ std::string PatternBody(std::size_t size);
 // then it stalls until the server stops (10 s at most) or, with `stall` false, hangs up.
 TestHttpServer::Handler PartialBody(TestHttpServer& server, std::size_t declared, std::size_t sent,
                                     bool stall);
+
+// A route whose response sends `body` one byte every `interval`, chunked, until it is all sent or
+// the server stops: a peer that never stalls long enough to be idle, and never finishes.
+TestHttpServer::Handler Drip(TestHttpServer& server, std::string body,
+                             std::chrono::milliseconds interval);
