@@ -10,6 +10,7 @@
 #include "tavo/ZMGameHandle.h"
 #include "tavo/ZMOptionKeys.h"
 #include "util/ZMDeleteFileFreeingLater.h"
+#include "util/ZMSafePath.h"
 
 ZMGameInstallPackageTask::ZMGameInstallPackageTask(std::weak_ptr<ZMPackageInstallListener> listener,
                                                    std::string userId, int64_t reqId,
@@ -41,7 +42,7 @@ void ZMGameInstallPackageTask::_installGame(const ZMValue& options) {
       _complete(ZMError(ZMFormat("missing install option: %@", {name}), -1, ZMValue::object()));
       return;
     }
-    if (!ZMIsSafePathComponent(*text)) {
+    if (!ZMSafePath::isComponent(*text)) {
       _complete(ZMError(ZMFormat("invalid %@: %@", {what, text}), -1, ZMValue::object()));
       return;
     }

@@ -48,21 +48,27 @@ bool fail(ZMError* error, int err, bool writing, std::string_view what, std::str
   return false;
 }
 
+// A path the system can take as it is. A NUL inside would make the system see a shorter path
+// ("victim\0_x" is "victim") than the one that was checked, so such a path names nothing.
+bool usable(std::string_view path) {
+  return !path.empty() && path.find('\0') == std::string_view::npos;
+}
+
 }  // namespace
 
 ZMFileManager::Kind ZMFileManager::kindOfItem(const std::string& path) {
   struct stat st {};
-  if (path.empty() || ::stat(path.c_str(), &st) != 0) return {};
+  if (!usable(path) || ::stat(path.c_str(), &st) != 0) return {};
   return {true, S_ISDIR(st.st_mode)};
 }
 
 bool ZMFileManager::isWritable(const std::string& path) {
-  return !path.empty() && ::access(path.c_str(), W_OK) == 0;
+  return usable(path) && ::access(path.c_str(), W_OK) == 0;
 }
 
 bool ZMFileManager::createDirectory(const std::string& path, ZMError* error) {
   std::error_code ec;
-  if (path.empty()) return fail(error, ENOENT, true, "Could not create directory", path);
+  if (!usable(path)) return fail(error, ENOENT, true, "Could not create directory", path);
   fs::create_directories(path, ec);
   if (ec) return fail(error, ec.value(), true, "Could not create directory", path);
   if (!kindOfItem(path).isDirectory) return fail(error, EEXIST, true, "Could not create", path);
@@ -70,6 +76,7 @@ bool ZMFileManager::createDirectory(const std::string& path, ZMError* error) {
 }
 
 bool ZMFileManager::removeItem(const std::string& path, ZMError* error) {
+  if (!usable(path)) return fail(error, ENOENT, true, "Could not remove", path);
   std::error_code ec;
   const auto status = fs::symlink_status(path, ec);
   if (ec || !fs::exists(status)) return fail(error, ENOENT, true, "Could not remove", path);
@@ -79,6 +86,7 @@ bool ZMFileManager::removeItem(const std::string& path, ZMError* error) {
 }
 
 bool ZMFileManager::moveItem(const std::string& from, const std::string& to, ZMError* error) {
+  if (!usable(from) || !usable(to)) return fail(error, ENOENT, true, "Could not move to", to);
   struct stat st {};
   if (::lstat(to.c_str(), &st) == 0) return fail(error, EEXIST, true, "Could not move to", to);
   if (::rename(from.c_str(), to.c_str()) == 0) return true;
@@ -96,9 +104,9 @@ bool ZMFileManager::moveItem(const std::string& from, const std::string& to, ZME
 
 std::optional<std::vector<std::string>> ZMFileManager::contentsOfDirectory(const std::string& path,
                                                                            ZMError* error) {
-  DIR* dir = path.empty() ? nullptr : ::opendir(path.c_str());
+  DIR* dir = usable(path) ? ::opendir(path.c_str()) : nullptr;
   if (!dir) {
-    fail(error, path.empty() ? ENOENT : errno, false, "Could not list", path);
+    fail(error, usable(path) ? errno : ENOENT, false, "Could not list", path);
     return std::nullopt;
   }
   std::vector<std::string> names;
@@ -113,12 +121,16 @@ std::optional<std::vector<std::string>> ZMFileManager::contentsOfDirectory(const
 
 std::optional<double> ZMFileManager::modificationDate(const std::string& path) {
   struct stat st {};
-  if (path.empty() || ::lstat(path.c_str(), &st) != 0) return std::nullopt;
+  if (!usable(path) || ::lstat(path.c_str(), &st) != 0) return std::nullopt;
   return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
 }
 
 int ZMFileManager::openRegularFile(const std::string& path, bool followLinks, struct stat* info) {
   // O_NONBLOCK: opening a FIFO where a file belongs must not wait for a writer.
+  if (!usable(path)) {
+    errno = ENOENT;
+    return -1;
+  }
   const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | (followLinks ? 0 : O_NOFOLLOW);
   int fd;
   do {
@@ -164,6 +176,7 @@ std::optional<std::string> ZMFileManager::readFile(const std::string& path, ZMEr
 
 bool ZMFileManager::writeFileAtomically(const std::string& path, std::string_view data,
                                         ZMError* error) {
+  if (!usable(path)) return fail(error, ENOENT, true, "Could not write", path);
   static thread_local std::mt19937_64 random{std::random_device{}()};
   const std::string temporary = path + ".tmp-" + std::to_string(random());
   const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);

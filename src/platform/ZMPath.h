@@ -6,9 +6,6 @@
 // Path text helpers with Foundation's rules: one separator between components, no trailing
 // separator.
 std::string ZMPathJoin(std::string_view base, std::string_view component);
-// True when `name` can be used as one path component under a storage root: not empty, not "."
-// or "..", and without "/" or NUL. App ids and versions must pass before they reach a path.
-bool ZMIsSafePathComponent(std::string_view name);
 // The part after the last "." of the last component; empty when there is none.
 std::string ZMPathExtension(std::string_view path);
 std::string ZMLastPathComponent(std::string_view path);

@@ -11,6 +11,7 @@
 #include "plugin/ZMPluginManager.h"
 #include "plugin/ZMPluginUnzipPackageTask.h"
 #include "tavo/ZMFileUtils.h"
+#include "util/ZMSafePath.h"
 #include "util/ZMTaskGroup.h"
 
 ZMPluginCheckPackageManager::ZMPluginCheckPackageManager(
@@ -33,24 +34,19 @@ void ZMPluginCheckPackageManager::execute(const std::string& pluginId, const std
   const auto config =
       ZMFileUtils::readJSONObjectFromFile(ZMPluginManager::getPluginConfigFile(pluginDir_));
   const auto updateHash = config ? ZMTextOption(*config, "updateHash") : std::nullopt;
-  // The hash and the directory's name each become one name in the cache; anything that would
-  // reach outside it (or be the cache itself) is no cached update. Without a hash there is
-  // nothing to look for.
-  const std::string stagingName = ZMLastPathComponent(pluginDir_);
-  if (!updateHash || updateHash->find('/') != std::string::npos ||
-      updateHash->find('\0') != std::string::npos || !ZMIsSafePathComponent(stagingName)) {
-    _checkVersion();
-    return;
-  }
-  const std::string packagePath =
-      ZMPluginManager::getPluginPackageDownloadPath(cacheDir_, pluginId, version, *updateHash);
-  if (!ZMFileUtils::isExist(packagePath)) {
+  // The hash and the directory's name each become one name in the cache; a hash that would reach
+  // outside it is no cached update. Without a hash there is nothing to look for.
+  const std::string packagePath = updateHash ? ZMPluginManager::getPluginPackageDownloadPath(
+                                                   cacheDir_, pluginId, version, *updateHash)
+                                             : std::string();
+  const std::string stagingPath = ZMSafePath::join(cacheDir_, ZMLastPathComponent(pluginDir_));
+  if (packagePath.empty() || stagingPath.empty() || !ZMFileUtils::isExist(packagePath)) {
     _checkVersion();
     return;
   }
   // Unpacked beside the package rather than over the installed directory, so that a bad package
   // never damages a working plug-in; an earlier leftover must not mix in.
-  pluginInstallDirTmpPath_ = ZMPathJoin(cacheDir_, stagingName);
+  pluginInstallDirTmpPath_ = stagingPath;
   ZMFileUtils::deleteFile(pluginInstallDirTmpPath_);
   ZMCancelAndClear(unzipPackageTask_);
   pluginHash_ = *updateHash;

@@ -12,19 +12,6 @@
 #include "protocol/ZMPluginProtocolPostHash.h"
 #include "tavo/ZMFileUtils.h"
 
-namespace {
-
-// Provider, version and hash each end up inside one file name ("p_1.0.detail.json",
-// "h_p_1.0.zip"). A "/" or NUL would let the service's answer name a file outside the plug-in
-// root or the package cache, and "." or ".." are refused with them so that no part is ever a
-// path step on its own. An empty part is harmless and goes through.
-bool isSafeNamePart(std::string_view part) {
-  return part != "." && part != ".." && part.find('/') == std::string_view::npos &&
-         part.find('\0') == std::string_view::npos;
-}
-
-}  // namespace
-
 ZMPluginCheckUpdateManager::ZMPluginCheckUpdateManager(std::string pluginRootPath,
                                                        std::string pluginZipSaveRootPath,
                                                        std::vector<std::string> hosts,
@@ -92,19 +79,23 @@ void ZMPluginCheckUpdateManager::_downloadUpdatePlugin() {
     const auto version = ZMTextOption(entry, "version");
     const auto hash = ZMTextOption(entry, "hash");
     const auto url = ZMTextOption(entry, "url");
-    if (!provider || !version || !hash || !url || !isSafeNamePart(*provider) ||
-        !isSafeNamePart(*version) || !isSafeNamePart(*hash)) {
-      // An entry that names no plug-in file safely is passed over, config and package alike.
+    // Provider, version and hash each end up inside one file name ("p_1.0.detail.json",
+    // "h_p_1.0.zip"); an entry that names no file safely is passed over, config and package alike.
+    const std::string configPath = provider && version ? ZMPluginManager::getPluginConfigFile(
+                                                             pluginRootPath_, *provider, *version)
+                                                       : std::string();
+    const std::string packagePath = provider && version && hash
+                                        ? ZMPluginManager::getPluginPackageDownloadPath(
+                                              pluginZipSavePath_, *provider, *version, *hash)
+                                        : std::string();
+    if (!url || configPath.empty() || packagePath.empty()) {
       ZMLogFormat("skip plugin update entry: %@", {entry});
       ++currentUpdateIndex_;
       continue;
     }
     // Recorded before the download, so that a later version check knows which cached package
     // belongs to the plug-in, even while it is still on its way.
-    _writeUpdateHash(ZMPluginManager::getPluginConfigFile(pluginRootPath_, *provider, *version),
-                     *hash);
-    const std::string packagePath = ZMPluginManager::getPluginPackageDownloadPath(
-        pluginZipSavePath_, *provider, *version, *hash);
+    _writeUpdateHash(configPath, *hash);
     // The MD5 is recomputed rather than remembered, so a damaged copy is fetched again. A missing
     // file's digest is "", which an empty hash matches; a failed digest matches nothing.
     if (ZMFileUtils::getFileMD5(packagePath) == *hash) {

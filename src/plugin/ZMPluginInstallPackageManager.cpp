@@ -86,13 +86,14 @@ void ZMPluginInstallPackageManager::onPostUrlSuccess(const std::string& pluginId
   // The hash names the cached package. A service that names no package for this version gives
   // neither hash nor URL; the download of the empty URL then fails and ends the install.
   const std::string hashText = hash.value_or("");
-  if (hashText.find('/') != std::string::npos || hashText == "." || hashText == "..") {
-    // A real hash is hex; one with path steps would put the package outside the cache.
+  const std::string savePath =
+      ZMPluginManager::getPluginPackageDownloadPath(cacheDir_, pluginId, version, hashText);
+  if (savePath.empty()) {
+    // A real hash is hex; one that names no file in the cache is refused before anything is
+    // touched.
     _fail(ZMError(ZMFormat("invalid plugin hash: %@", {hashText}), 0));
     return;
   }
-  const std::string savePath =
-      ZMPluginManager::getPluginPackageDownloadPath(cacheDir_, pluginId, version, hashText);
   downloadPackage_ = std::make_shared<ZMPluginProtocolDownloadPackage>(savePath, url.value_or(""),
                                                                        weak_from_this());
   const auto download = downloadPackage_;

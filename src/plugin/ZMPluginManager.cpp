@@ -12,17 +12,10 @@
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMSystemDirectories.h"
+#include "util/ZMSafePath.h"
 #include "util/ZMTaskGroup.h"
 
 namespace {
-
-// Provider and version are joined into one directory name under the plug-in root. A "/" or NUL
-// in either would make that name reach outside the root (a check deletes a directory it finds
-// without config), so such a request touches nothing. An empty provider is the service's to
-// judge: "_1.0" is a name like any other.
-bool namesPluginDir(const std::string& provider, const std::string& version) {
-  return ZMIsSafePathComponent(provider + "_" + version);
-}
 
 ZMError invalidNameError() { return ZMError("plugin provider or version is invalid", 0); }
 
@@ -44,14 +37,14 @@ std::vector<std::string> ZMPluginManager::defaultServiceHosts() {
 
 std::string ZMPluginManager::getPluginDirFile(const std::string& root, const std::string& pluginId,
                                               const std::string& version) {
-  return ZMPathJoin(root, ZMFormat("%@_%@", {pluginId, version}));
+  return ZMSafePath::join(root, ZMFormat("%@_%@", {pluginId, version}));
 }
 
 std::string ZMPluginManager::getPluginPackageDownloadPath(const std::string& dir,
                                                           const std::string& pluginId,
                                                           const std::string& version,
                                                           const std::string& hash) {
-  return ZMPathJoin(dir, ZMFormat("%@_%@_%@.zip", {hash, pluginId, version}));
+  return ZMSafePath::join(dir, ZMFormat("%@_%@_%@.zip", {hash, pluginId, version}));
 }
 
 std::string ZMPluginManager::getPluginConfigFile(const std::string& root,
@@ -61,7 +54,7 @@ std::string ZMPluginManager::getPluginConfigFile(const std::string& root,
 }
 
 std::string ZMPluginManager::getPluginConfigFile(const std::string& pluginDir) {
-  return pluginDir + ".detail.json";
+  return pluginDir.empty() ? std::string() : pluginDir + ".detail.json";
 }
 
 std::optional<std::string> ZMPluginManager::_getUniqueId() {
@@ -136,7 +129,9 @@ void ZMPluginManager::checkPluginVersion(const ZMValue& info,
     if (host) host->onCheckPluginFailure(info, ZMError("missing info: version", 0));
     return;
   }
-  if (!namesPluginDir(*provider, *version)) {
+  // A name that could reach outside the root touches nothing (a check deletes a directory it
+  // finds without config). An empty provider is the service's to judge: "_1.0" is a name.
+  if (getPluginDirFile(storagePluginPath_, *provider, *version).empty()) {
     if (host) host->onCheckPluginFailure(info, invalidNameError());
     return;
   }
@@ -164,7 +159,7 @@ void ZMPluginManager::installPlugin(const ZMValue& info,
       return;
     }
   }
-  if (!namesPluginDir(*provider, *version)) {
+  if (getPluginDirFile(storagePluginPath_, *provider, *version).empty()) {
     if (host) host->onPluginInstallFailure(info, invalidNameError());
     return;
   }

@@ -43,7 +43,8 @@ class ZMPluginManager : public ZMZimoGamePluginManager,
   ZMPluginManager(std::shared_ptr<const ZMStorageLayout> layout, GameConfigLookup gameConfig);
   ~ZMPluginManager() override;
 
-  // Plug-in layout, pure text (root "/r", provider "p", version "1.0", hash "abc"):
+  // Plug-in layout, pure text (root "/r", provider "p", version "1.0", hash "abc"). A name that
+  // is no single component (ZMSafePath: a "/" or NUL in any part) gives "", which names nothing.
   // "/r/p_1.0", the installed plug-in directory.
   static std::string getPluginDirFile(const std::string& root, const std::string& pluginId,
                                       const std::string& version);

@@ -32,14 +32,12 @@ void ZMPluginRemoveListTask::_removeList(const ZMValue& list) {
       _complete(ZMError("plugin provider or version is empty", 0), ZMValue::array());
       return;
     }
-    // Provider and version are joined into one name under the root; a "/" or NUL in either
-    // would make that name reach another directory (or, at NUL, a shorter path), so such an
-    // item deletes nothing and ends the run.
-    if (!ZMIsSafePathComponent(*provider + "_" + *version)) {
+    // A name that could reach another directory deletes nothing and ends the run.
+    const std::string dir = ZMPluginManager::getPluginDirFile(pluginRootDir_, *provider, *version);
+    if (dir.empty()) {
       _complete(ZMError("plugin provider or version is invalid", 0), ZMValue::array());
       return;
     }
-    const std::string dir = ZMPluginManager::getPluginDirFile(pluginRootDir_, *provider, *version);
     // Both failures name the directory: it is how the host knows the plug-in.
     if (!ZMFileUtils::deleteFile(dir) ||
         !ZMFileUtils::deleteFile(ZMPluginManager::getPluginConfigFile(dir))) {

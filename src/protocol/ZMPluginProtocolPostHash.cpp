@@ -10,16 +10,6 @@
 
 using Form = ZMPluginProtocolPostForm;
 
-namespace {
-
-// A provider or version with "/" or NUL names no installed plug-in (installs refuse them) and
-// would make the config path leave the plug-in root, so such a declaration is not looked up.
-bool staysInRoot(std::string_view part) {
-  return part.find('/') == std::string_view::npos && part.find('\0') == std::string_view::npos;
-}
-
-}  // namespace
-
 ZMPluginProtocolPostHash::ZMPluginProtocolPostHash(
     std::string pluginRootPath, const std::string& host, std::optional<std::string> deviceId,
     std::string gameId, std::string appBundleId, std::string runtimeVersion,
@@ -40,8 +30,9 @@ bool ZMPluginProtocolPostHash::execute(const ZMZimoGameConfig& config) {
     for (const auto& declaration : plugins) {
       const auto provider = ZMTextOption(declaration, "provider");
       const auto version = ZMTextOption(declaration, "version");
-      if (!provider || !version || !staysInRoot(*provider) || !staysInRoot(*version)) continue;
-      // Only plug-ins installed with a known hash are worth asking about.
+      if (!provider || !version) continue;
+      // Only plug-ins installed with a known hash are worth asking about. A declaration that
+      // names no plug-in safely has no config path ("") and so no hash.
       const auto installed = ZMFileUtils::readJSONObjectFromFile(
           pluginConfigFile_(pluginRootPath_, *provider, *version));
       if (!installed) continue;

@@ -15,6 +15,7 @@
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMSystemDirectories.h"
+#include "util/ZMSafePath.h"
 #include "util/ZMTaskGroup.h"
 
 namespace {
@@ -49,7 +50,7 @@ void ZMGameRuntime::create(const std::string& userId, const ZMValue& options,
 
   // A user id becomes part of directory names ("<user>_<app>"); one that could leave the
   // storage roots is refused before anything is created.
-  if (userId_.find('/') != std::string::npos || userId_.find('\0') != std::string::npos) {
+  if (!ZMSafePath::isNamePart(userId_)) {
     if (listener) listener->onInitializeFailure(ZMException("init fail", "invalid user id"));
     return;
   }

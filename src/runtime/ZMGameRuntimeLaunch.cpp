@@ -12,6 +12,7 @@
 #include "storage/ZMPermissionUtil.h"
 #include "tavo/ZMFileUtils.h"
 #include "tavo/ZMOptionKeys.h"
+#include "util/ZMSafePath.h"
 
 namespace {
 
@@ -43,11 +44,11 @@ void ZMGameRuntime::runGame(std::shared_ptr<void> viewController, const std::str
     fail(launchError("missing run option: ZM_KEY_RUN_OPT_VERSION"));
     return;
   }
-  if (!ZMIsSafePathComponent(appId)) {
+  if (!ZMSafePath::isComponent(appId)) {
     fail(launchError(ZMFormat("invalid app id: %@", {appId})));
     return;
   }
-  if (!ZMIsSafePathComponent(version)) {
+  if (!ZMSafePath::isComponent(version)) {
     fail(launchError(ZMFormat("invalid version: %@", {version})));
     return;
   }

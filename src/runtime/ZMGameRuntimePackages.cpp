@@ -15,17 +15,20 @@
 #include "storage/ZMDatabaseHelper.h"
 #include "tavo/ZMFileUtils.h"
 #include "tavo/ZMOptionKeys.h"
+#include "util/ZMSafePath.h"
 #include "util/ZMTaskGroup.h"
 
 namespace {
 
 // An app id that could make a path leave the storage roots is refused with this error.
 std::optional<ZMError> appIdError(const std::optional<std::string>& appId) {
-  if (appId && ZMIsSafePathComponent(*appId)) return std::nullopt;
+  if (appId && ZMSafePath::isComponent(*appId)) return std::nullopt;
   return ZMError(ZMFormat("invalid app id: %@", {appId}), -1, ZMValue::object());
 }
 
-bool isSafe(const std::optional<std::string>& name) { return name && ZMIsSafePathComponent(*name); }
+bool isSafe(const std::optional<std::string>& name) {
+  return name && ZMSafePath::isComponent(*name);
+}
 
 }  // namespace
 
@@ -57,8 +60,7 @@ void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
   // named "(null)" and the file stays in the cache.
   std::optional<ZMError> error;
   for (const auto& [name, text] : {std::pair{"app id", appId}, std::pair{"version", version}}) {
-    if (!error && text &&
-        (text->find('/') != std::string::npos || text->find('\0') != std::string::npos)) {
+    if (!error && text && !ZMSafePath::isNamePart(*text)) {
       error = ZMError(ZMFormat("invalid %@: %@", {name, text}), -1, ZMValue::object());
     }
   }
@@ -205,7 +207,7 @@ std::shared_ptr<ZMZimoGameConfig> ZMGameRuntime::getGameConfig(const ZMValue& op
     version = ZMGameDetail(detailFile).gameVersion();
     if (!version || version->empty()) return nullptr;
   }
-  if (!ZMIsSafePathComponent(*version)) return nullptr;
+  if (!ZMSafePath::isComponent(*version)) return nullptr;
   const std::string path = ZMPathJoin(getAppPackageDir(*appId, *version), "game.config.json");
   if (!ZMFileUtils::isExist(path)) return std::make_shared<ZMGameConfig>();
   return ZMGameConfig::createGameCofingWithPath(path);

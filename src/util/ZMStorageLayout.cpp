@@ -7,11 +7,13 @@
 #include "platform/ZMValueAccess.h"
 #include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMSystemDirectories.h"
+#include "util/ZMSafePath.h"
 
 namespace {
 
+// Names from outside are joined through ZMSafePath: one that could leave its root gives no path.
 std::string under(std::string_view base, std::string_view component) {
-  return base.empty() ? std::string() : ZMPathJoin(base, component);
+  return ZMSafePath::join(base, component);
 }
 
 std::string rootOption(const ZMValue& options, const char* key, std::string fallback) {

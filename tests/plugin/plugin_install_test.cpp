@@ -159,3 +159,20 @@ TEST(ZMPluginUnzipPackageTask, AnUndeletablePackageIsReportedAsFailureThenSucces
   EXPECT_FALSE(Exists(t->plugin));
   ZMGameHandle::setInstance(nullptr);
 }
+
+TEST(ZMPluginInstallPackageManager, AServiceHashThatNamesNoFileInTheCacheTouchesNothing) {
+  using namespace std::string_literals;
+  for (const std::string& hash : {"victim.zgp\0"s, "victim_dir\0"s, "../cache/victim.zgp"s}) {
+    auto t = Start();
+    WriteFile(t->dir / "cache/victim.zgp", "kept");
+    WriteFile(t->dir / "cache/victim_dir/x", "kept");
+    t->service.lists("a", ZMValue::array({{{"plugin_id", "p"},
+                                           {"version", "1.0"},
+                                           {"hash", hash},
+                                           {"url", t->service.package("p.zip")}}}));
+    EXPECT_EQ(t->run({"a"}), Events{"failure:p|invalid plugin hash: " + hash + "|0"});
+    EXPECT_EQ(ListDir(t->dir / "cache"), (Events{"victim.zgp", "victim_dir"}));
+    EXPECT_EQ(t->service.log(), Events{"a url"}) << "nothing is downloaded";
+  }
+  ZMGameHandle::setInstance(nullptr);
+}
