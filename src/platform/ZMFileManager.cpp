@@ -102,6 +102,62 @@ bool ZMFileManager::moveItem(const std::string& from, const std::string& to, ZME
   return true;
 }
 
+bool ZMFileManager::replaceItem(const std::string& from, const std::string& to, ZMError* error) {
+  if (!usable(from) || !usable(to)) return fail(error, ENOENT, true, "Could not move to", to);
+  // A file is replaced by rename itself; so is a directory where nothing is yet.
+  if (::rename(from.c_str(), to.c_str()) == 0) return true;
+  if (errno != EISDIR && errno != ENOTEMPTY && errno != EEXIST) {
+    return fail(error, errno, true, "Could not move to", to);
+  }
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) == 0) {
+    std::error_code ec;
+    fs::remove_all(from, ec);  // the old item, swapped out
+    return true;
+  }
+  if (errno != EINVAL && errno != ENOSYS) return fail(error, errno, true, "Could not move to", to);
+  const auto aside = createSiblingDirectory(to, "old", error);
+  if (!aside) return false;
+  const std::string old = *aside + "/item";
+  if (::rename(to.c_str(), old.c_str()) != 0 || ::rename(from.c_str(), to.c_str()) != 0) {
+    const int err = errno;
+    if (!kindOfItem(to).exists) (void)::rename(old.c_str(), to.c_str());
+    std::error_code ec;
+    fs::remove_all(*aside, ec);
+    return fail(error, err, true, "Could not move to", to);
+  }
+  std::error_code ec;
+  fs::remove_all(*aside, ec);
+  return true;
+}
+
+std::optional<std::string> ZMFileManager::createSiblingDirectory(const std::string& path,
+                                                                 std::string_view tag,
+                                                                 ZMError* error) {
+  if (!usable(path)) {
+    fail(error, ENOENT, true, "Could not create directory", path);
+    return std::nullopt;
+  }
+  const auto slash = path.rfind('/');
+  const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash);
+  const std::string prefix =
+      parent + "/." + ZMLastPathComponent(path) + "." + std::string(tag) + "-";
+  if (!kindOfItem(parent).isDirectory && !createDirectory(parent, error)) return std::nullopt;
+  // mkdtemp's names, but the mode of any directory made here (0777 less the umask): the
+  // directory may take the place of an installed one.
+  static thread_local std::mt19937_64 random{std::random_device{}()};
+  static constexpr char kLetters[] =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  for (int attempt = 0;; ++attempt) {
+    std::string name = prefix;
+    for (int i = 0; i < 6; ++i) name += kLetters[random() % (sizeof kLetters - 1)];
+    if (::mkdir(name.c_str(), 0777) == 0) return name;
+    if (errno != EEXIST || attempt == 100) {
+      fail(error, errno, true, "Could not create directory", name);
+      return std::nullopt;
+    }
+  }
+}
+
 std::optional<std::vector<std::string>> ZMFileManager::contentsOfDirectory(const std::string& path,
                                                                            ZMError* error) {
   DIR* dir = usable(path) ? ::opendir(path.c_str()) : nullptr;

@@ -26,6 +26,15 @@ class ZMFileManager {
   static bool removeItem(const std::string& path, ZMError* error);
   // Fails (code 516) when something exists at `to`; never overwrites.
   static bool moveItem(const std::string& from, const std::string& to, ZMError* error);
+  // Puts the file or directory `from` at `to` in one step, replacing whatever is there (a whole
+  // directory too, which is then removed): a reader, or a crash, finds the old item or the new
+  // one, never a mix or nothing. Both must be on one file system. Where the file system cannot
+  // swap two directories, the old one is moved aside first, and for that instant `to` is empty.
+  static bool replaceItem(const std::string& from, const std::string& to, ZMError* error);
+  // A new empty directory beside `path`, named "<parent>/.<name>.<tag>-XXXXXX", the parent made
+  // as needed; null with `error` filled when it cannot be made.
+  static std::optional<std::string> createSiblingDirectory(const std::string& path,
+                                                           std::string_view tag, ZMError* error);
   // Names of the immediate entries (hidden ones included), in the file system's order.
   static std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path,
                                                                      ZMError* error);

@@ -5,7 +5,7 @@
 #include "platform/ZMFormat.h"
 #include "tavo/ZMFileUtils.h"
 #include "tavo/ZMGameHandle.h"
-#include "util/ZMDeleteFileFreeingLater.h"
+#include "util/ZMCachedPackage.h"
 
 ZMPluginUnzipPackageTask::ZMPluginUnzipPackageTask(std::string installDir, std::string pluginHash,
                                                    std::weak_ptr<ZMPackageInstallListener> listener,
@@ -17,32 +17,58 @@ ZMPluginUnzipPackageTask::ZMPluginUnzipPackageTask(std::string installDir, std::
 
 void ZMPluginUnzipPackageTask::execute(const std::string& zipFilePath) {
   zipFilePath_ = zipFilePath;
+  claimedPath_ = zipFilePath_;
   if (auto refusal = limits_.check(zipFilePath_)) {
     onUnzipFailed(*refusal);
     return;
   }
+  claimedPath_ = ZMCachedPackage::claim(zipFilePath_);
   auto handle = ZMGameHandle::getInstance();
   if (!handle) {
     // Without an engine nothing can be unpacked; the package is cleaned up as for any failure.
     onUnzipFailed("no game engine is loaded to unzip the package");
     return;
   }
-  handle->unzipFile(zipFilePath_, installDir_, shared_from_this());
+  ZMError error;
+  staging_ = ZMStagedDirectory::create(installDir_, &error);
+  if (!staging_) {
+    onUnzipFailed(error.localizedDescription());
+    return;
+  }
+  handle->unzipFile(claimedPath_, staging_->path(), shared_from_this());
 }
 
 void ZMPluginUnzipPackageTask::onUnzipProgress(float progress) {
   ZMLogFormat("unzip progress:%f", {static_cast<double>(progress)});
 }
 
+bool ZMPluginUnzipPackageTask::_deletePackage() {
+  return ZMCachedPackage::release(zipFilePath_, claimedPath_);
+}
+
 void ZMPluginUnzipPackageTask::onUnzipFailed(const std::string& message) {
   // Neither a bad package nor a half-filled directory is left behind to be mistaken for good.
-  ZMFileUtils::deleteFile(zipFilePath_);
+  _deletePackage();
+  staging_.reset();
   ZMFileUtils::deleteFile(installDir_);
   _complete(ZMError(message, 0));
 }
 
 void ZMPluginUnzipPackageTask::onUnzipSucceed() {
-  if (!ZMDeleteFileFreeingLater(zipFilePath_)) {
+  if (isCancel()) {
+    // Nobody hears of it (the outcome is silenced), and the destination stays as it was.
+    _deletePackage();
+    staging_.reset();
+    _complete(std::nullopt);
+    return;
+  }
+  ZMError error;
+  if (!staging_->commit(&error)) {
+    onUnzipFailed(error.localizedDescription());
+    return;
+  }
+  staging_.reset();
+  if (!_deletePackage()) {
     ZMFileUtils::deleteFile(installDir_);
     _complete(ZMError(ZMFormat("deleteFile failure: %@", {zipFilePath_}), 0), false);
   }

@@ -7,12 +7,19 @@
 #include "tavo/ZMCoreListeners.h"
 #include "tavo/ZMGameListeners.h"
 #include "util/ZMPackageLimits.h"
+#include "util/ZMStagedDirectory.h"
 #include "util/ZMTask.h"
 
 // ZMPluginUnzipPackageTask unpacks one plug-in package (a zip) into one directory through the
-// engine's unzip, deletes the package file afterwards, and removes the directory again when the
-// unpack fails. Its owner (an install or version-check flow) hears the outcome through
+// engine's unzip, deletes the package file afterwards, and removes the directory when the unpack
+// fails. Its owner (an install or version-check flow) hears the outcome through
 // ZMPackageInstallListener on the main queue; onInstallStart is never sent.
+//
+// The package is unpacked into a staged directory beside the destination, which replaces the
+// destination in one step once the unpack is complete: an installed plug-in is never a mix of
+// two packages, not even after a crash, and files that the new package no longer has are gone.
+// The package is unpacked under a private name of its own (ZMCachedPackage), so another process
+// that downloads or unpacks the same package meanwhile cannot take it away.
 //
 // A package that unpacks but cannot be deleted is reported twice, on purpose: first
 // onInstallFailure ("deleteFile failure: <package>", the directory already deleted), then
@@ -23,8 +30,9 @@
 // the task weakly: a task its owner dropped reports nothing.
 //
 // Threads: execute() and cancel() run on the main thread; the engine calls back on its own
-// thread, where the files are deleted; the outcome is posted to the main queue. cancel() does
-// not stop the unzip (the engine cannot stop half way): it silences the outcome.
+// thread, where the files are moved and deleted; the outcome is posted to the main queue.
+// cancel() does not stop the unzip (the engine cannot stop half way): it silences the outcome,
+// and the staged directory is then dropped, so the destination stays as it was.
 class ZMPluginUnzipPackageTask : public ZMUnzipGamePackageListener,
                                  public ZMTask<ZMPluginUnzipPackageTask, ZMPackageInstallListener> {
  public:
@@ -51,8 +59,13 @@ class ZMPluginUnzipPackageTask : public ZMUnzipGamePackageListener,
   // failure that a success of the same unzip follows.
   void _complete(const std::optional<ZMError>& error, bool last = true);
 
+  // Deletes the package (its private name and its shared one); false when that failed.
+  bool _deletePackage();
+
   const std::string installDir_;
   const std::string pluginHash_;
   const ZMPackageLimits limits_;
   std::string zipFilePath_;
+  std::string claimedPath_;  // the package's private name while it is unpacked
+  std::unique_ptr<ZMStagedDirectory> staging_;
 };

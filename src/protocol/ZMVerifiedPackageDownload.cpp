@@ -1,10 +1,27 @@
 #include "protocol/ZMVerifiedPackageDownload.h"
 
+#include <unistd.h>
+
+#include <atomic>
+
 #include "tavo/ZMFileUtils.h"
+#include "util/ZMCachedPackage.h"
+
+namespace {
+
+std::string downloadPathBeside(const std::string& savePath) {
+  static std::atomic<uint64_t> serial{0};
+  return savePath + ".part-" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
+}
+
+}  // namespace
 
 ZMVerifiedPackageDownload::ZMVerifiedPackageDownload(
     std::weak_ptr<ZMPackageDownloadListener> listener, std::string savePath, std::string url)
-    : savePath_(std::move(savePath)), url_(std::move(url)), listener_(std::move(listener)) {
+    : savePath_(std::move(savePath)),
+      downloadPath_(downloadPathBeside(savePath_)),
+      url_(std::move(url)),
+      listener_(std::move(listener)) {
   _ensureFile();
 }
 
@@ -26,34 +43,47 @@ void ZMVerifiedPackageDownload::cancel() {
 void ZMVerifiedPackageDownload::_downloadFile() {
   // Replacing the downloader releases the previous one, whose transfer has ended.
   downloader_ =
-      std::make_shared<ZMSingleThreadFileDownloader>(savePath_, url_, tag_, weak_from_this());
+      std::make_shared<ZMSingleThreadFileDownloader>(downloadPath_, url_, tag_, weak_from_this());
   downloader_->start();
 }
 
-void ZMVerifiedPackageDownload::_checkPackageHash(const std::string& path) {
+void ZMVerifiedPackageDownload::_checkPackageHash(const std::string&) {
   auto listener = listener_.lock();
   // With nobody listening, an absent hash falls through to the comparison below and fails it.
   if ((!hash_ || hash_->empty()) && listener) {
-    listener->onDownloadSuccess(path);
+    _succeed(listener);
     return;
   }
   // The transfer hashed the bytes as it wrote them; the file is read again only when it could
   // not.
-  const auto digest = downloader_ && downloader_->fileMD5() ? downloader_->fileMD5()
-                                                            : ZMFileUtils::getFileMD5(savePath_);
+  const auto digest = downloader_ && downloader_->fileMD5()
+                          ? downloader_->fileMD5()
+                          : ZMFileUtils::getFileMD5(downloadPath_);
   // A missing file ("") or a failed digest (null) never matches; the comparison is exact, so an
   // upper-case hash never matches either.
   if (hash_ && digest && !digest->empty() && *digest == *hash_) {
-    if (listener) listener->onDownloadSuccess(path);
+    _succeed(listener);
     return;
   }
-  ZMFileUtils::deleteFile(savePath_);
+  ZMFileUtils::deleteFile(downloadPath_);
   if (isRetryDownload_) {
     if (listener) listener->onDownloadFailure(ZMError("package hash check failure", 0));
     return;
   }
   isRetryDownload_ = true;
   _downloadFile();  // silently: the listener hears no retry
+}
+
+void ZMVerifiedPackageDownload::_succeed(
+    const std::shared_ptr<ZMPackageDownloadListener>& listener) {
+  // Put in place even when nobody listens, as a finished download always was.
+  ZMError error;
+  if (!ZMCachedPackage::publish(downloadPath_, savePath_, &error)) {
+    ZMFileUtils::deleteFile(downloadPath_);
+    if (listener) listener->onDownloadFailure(error);
+    return;
+  }
+  if (listener) listener->onDownloadSuccess(savePath_);
 }
 
 void ZMVerifiedPackageDownload::onDownloadStart(const std::string&) {}

@@ -17,6 +17,11 @@
 // with nobody listening the comparison runs and fails. A transfer failure is reported at once and
 // never repeated here. Game and plug-in package downloads are both this piece.
 //
+// The transfer lands at a name of this download's own beside `savePath`, and only a verified
+// package is put at `savePath`, replacing whatever another process put there meanwhile: several
+// processes downloading one package all succeed, and none ever sees a package half written or
+// unverified at that name.
+//
 // Create it (or a subclass) with std::make_shared: it is its downloader's listener. Call from the
 // main thread; every listener callback arrives there. onDownloadStart is never sent: the caller
 // already told its own host that a download starts. cancel() stops the transfer silently.
@@ -53,8 +58,11 @@ class ZMVerifiedPackageDownload : public ZMOnFileDownloadListener,
   void _ensureFile();
   void _downloadFile();
   void _checkPackageHash(const std::string& path);
+  // Puts the verified download at savePath_ and reports it.
+  void _succeed(const std::shared_ptr<ZMPackageDownloadListener>& listener);
 
   const std::string savePath_;
+  const std::string downloadPath_;  // where the transfer puts the package before it is verified
   const std::string url_;
   std::optional<std::string> hash_;
   std::string tag_;

@@ -71,12 +71,19 @@ TEST(ZMPluginInstallPackageManager, AsksHostsInOrderThenDownloadsUnpacksAndRecor
   MakeZip(t->dir / "zip", {{"lib/x.so", "X"}});
   const std::string zip = ReadFile(t->dir / "zip"), hash = t->lists("b", zip);
   WriteFile(t->plugin + ".detail.json", R"({"updateHash":"u","hash":"old"})");
+  WriteFile(t->plugin + "/old_only.js", "an earlier install's file");
 
   EXPECT_EQ(t->run({"a", "b"}), Events{"success:p"});  // a answers code 500
   EXPECT_EQ(t->service.log(), (Events{"a url", "b url", "GET p.zip"}));
   EXPECT_GT(t->host->progressCalls, 0);
   EXPECT_EQ(t->host->distinctThreads(), std::set{std::this_thread::get_id()});
-  EXPECT_EQ(t->unzips, Events{t->dir / "cache/" + hash + "_p_1.0.zip -> " + t->plugin});
+  // The package under a private name, into a staged directory beside the plug-in's, which then
+  // replaces it whole.
+  ASSERT_EQ(t->unzips.size(), 1u);
+  EXPECT_TRUE(t->unzips[0].starts_with(t->dir / "cache/" + hash + "_p_1.0.zip.unzip-"));
+  EXPECT_NE(t->unzips[0].find(" -> " + t->dir / "plugin/.p_1.0.staging-"), std::string::npos);
+  EXPECT_EQ(ListDir(t->dir / "plugin"), (Events{"p_1.0", "p_1.0.detail.json"}));
+  EXPECT_EQ(ListDir(t->plugin), Events{"lib"});
   EXPECT_EQ(ReadFile(t->plugin + "/lib/x.so"), "X");
   EXPECT_EQ(ListDir(t->dir / "cache"), Events{}) << "the package is deleted once unpacked";
   EXPECT_EQ(ReadFile(t->plugin + ".detail.json"),

@@ -10,12 +10,14 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
 #include <httplib.h>
 
 #include "support/TestHttpServer.h"
+#include "support/TestPluginService.h"
 #include "support/TestSupport.h"
 #include "support/TestZip.h"
 #include "tavo/tavo.h"
@@ -293,6 +295,100 @@ TEST_F(TavoCli, PluginCycleAgainstTheReferenceService) {
   const std::string log = ReadFile(dir / "serve.log");
   EXPECT_NE(log.find("POST /ced/runtime/plugin/url code 200, 1 result(s)"), std::string::npos);
   EXPECT_NE(log.find("GET /ced/packages/demo_1.0.zip 200"), std::string::npos) << log;
+}
+
+// Several processes on one root: four downloads of one game and four installs of one plug-in,
+// started together, all succeed and leave one complete copy of each.
+TEST_F(TavoCli, ProcessesSharingOneRootAllSucceed) {
+  const std::string game = RandomBytes(4 << 20, 7);
+  WriteFile(dir / "g.zip", game);
+  MakeZip(dir / "p.zip", {{"main.js", "new"}, {"lib/x.so", RandomBytes(1 << 20, 8)}});
+  const auto md5 = [&](const std::string& file) { return *ZMFileUtils::getFileMD5(dir / file); };
+  TestPluginService service;
+  service.serve("g.zip", game);
+  service.serve("p.zip", ReadFile(dir / "p.zip"));
+  service.lists("s", ZMValue::array({{{"plugin_id", "p"},
+                                      {"version", "1.0"},
+                                      {"hash", md5("p.zip")},
+                                      {"url", service.package("p.zip")}}}));
+  std::string script;
+  for (int i = 0; i < 4; ++i) {
+    for (const auto& [kind, args] : std::vector<std::pair<std::string, std::string>>{
+             {"d", "download --app g --version 1 --url " + service.package("g.zip") + " --hash " +
+                       md5("g.zip")},
+             {"p",
+              "plugin install --provider p --version 1.0 --plugin-service " + service.host("s")}}) {
+      script += "(" + Quote(TAVO_BINARY) + " " + args + " --root " + Quote(root) +
+                " >/dev/null 2>>" + Quote(dir / "err") + "; echo $? >" +
+                Quote(dir / (kind + std::to_string(i))) + ") & ";
+    }
+  }
+  ASSERT_EQ(std::system((script + "wait").c_str()), 0);
+  for (const char* kind : {"d", "p"}) {
+    for (int i = 0; i < 4; ++i) {
+      EXPECT_EQ(ReadFile(dir / (kind + std::to_string(i))), "0\n") << kind << i;
+    }
+  }
+  EXPECT_EQ(ReadFile(dir / "err"), "");
+  EXPECT_EQ(ListDir(root + "/tmp"), std::vector<std::string>{"g.1.zgp"});
+  EXPECT_TRUE(ReadFile(root + "/tmp/g.1.zgp") == game);
+  EXPECT_EQ(ListDir(root + "/Caches/plugin"),
+            (std::vector<std::string>{"p_1.0", "p_1.0.detail.json"}));
+  EXPECT_EQ(ReadFile(root + "/Caches/plugin/p_1.0/main.js"), "new");
+}
+
+// An install killed while it unpacks a new package over an installed plug-in leaves the old one
+// whole, as the check and the listing see it.
+TEST_F(TavoCli, AnInstallKilledMidUnpackLeavesTheInstalledPlugin) {
+  MakeZip(dir / "old.zip", {{"main.js", "old"}, {"old_only.js", "x"}});
+  std::vector<ZipEntry> many;
+  for (int i = 0; i < 30000; ++i) many.push_back({"f/" + std::to_string(i), "n"});
+  MakeZip(dir / "new.zip", many);
+  TestPluginService service;
+  const auto offer = [&](const std::string& file) {
+    service.serve(file, ReadFile(dir / file));
+    service.lists("s", ZMValue::array({{{"plugin_id", "p"},
+                                        {"version", "1.0"},
+                                        {"hash", *ZMFileUtils::getFileMD5(dir / file)},
+                                        {"url", service.package(file)}}}));
+  };
+  const std::vector<std::string> install = {
+      "plugin",    "install", "--provider",       "p",
+      "--version", "1.0",     "--plugin-service", service.host("s")};
+  offer("old.zip");
+  ASSERT_EQ(tavo(install).status, 0);
+  const std::string plugins = root + "/Caches/plugin", config = plugins + "/p_1.0.detail.json";
+  const std::string installed = ReadFile(config);
+
+  offer("new.zip");
+  std::string command = "exec " + Quote(TAVO_BINARY);
+  for (const auto& arg : install) command += " " + Quote(arg);
+  FILE* child =
+      ::popen((command + " --root " + Quote(root) + " >/dev/null 2>&1 & echo $!").c_str(), "r");
+  int pid = 0;
+  ASSERT_EQ(std::fscanf(child, "%d", &pid), 1);
+  // Killed once the staged unpack holds some of the new files.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  bool midway = false;
+  while (!midway && std::chrono::steady_clock::now() < deadline) {
+    for (const auto& name : ListDir(plugins)) {
+      if (name.starts_with(".p_1.0.staging-")) {
+        midway = Exists(plugins + "/" + name + "/f/100");
+      }
+    }
+    if (!midway) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ::kill(pid, SIGKILL);
+  ::pclose(child);
+  ASSERT_TRUE(midway) << "the unpack was never seen under way";
+  ASSERT_FALSE(Exists(plugins + "/p_1.0/f")) << "killed too late";
+
+  EXPECT_EQ(ListDir(plugins + "/p_1.0"), (std::vector<std::string>{"main.js", "old_only.js"}));
+  EXPECT_EQ(ReadFile(plugins + "/p_1.0/main.js"), "old");
+  EXPECT_EQ(ReadFile(config), installed);
+  EXPECT_EQ(tavo({"plugin", "check", "--provider", "p", "--version", "1.0"}).status, 0);
+  EXPECT_EQ(trace({"plugin", "list"}).json().back()["args"][0].size(), 1u)
+      << "the leftover staged directory is no plug-in";
 }
 
 }  // namespace
