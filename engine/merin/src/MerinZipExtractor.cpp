@@ -21,6 +21,8 @@
 #include <utility>
 #include <vector>
 
+#include "ZMZipArchive.h"
+
 namespace {
 
 constexpr size_t kChunkSize = 256 * 1024;
@@ -78,111 +80,6 @@ std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
 std::string ErrnoText(int error) { return std::strerror(error); }
 
-// The archive as libzip reads it: positioned reads (pread) on a descriptor of its own, through a
-// read-ahead buffer that starts small after each seek and doubles while the reads go on in
-// sequence. libzip asks for 8 KiB at a time; the stdio file source turns each request into a
-// seek and two reads.
-class PreadSource {
- public:
-  static constexpr size_t kMinReadAhead = 16 * 1024;
-  static constexpr size_t kMaxReadAhead = 256 * 1024;
-
-  PreadSource(int fd, uint64_t size) : fd_(fd), size_(size) { zip_error_init(&error_); }
-  ~PreadSource() {
-    zip_error_fini(&error_);
-    ::close(fd_);
-  }
-
-  static zip_int64_t callback(void* state, void* data, zip_uint64_t length,
-                              zip_source_cmd_t command) {
-    auto* self = static_cast<PreadSource*>(state);
-    switch (command) {
-      case ZIP_SOURCE_OPEN:
-        self->offset_ = 0;
-        return 0;
-      case ZIP_SOURCE_READ:
-        return self->read(static_cast<char*>(data), length);
-      case ZIP_SOURCE_CLOSE:
-        return 0;
-      case ZIP_SOURCE_STAT: {
-        auto* st = ZIP_SOURCE_GET_ARGS(zip_stat_t, data, length, &self->error_);
-        if (st == nullptr) return -1;
-        zip_stat_init(st);
-        st->size = self->size_;
-        st->valid |= ZIP_STAT_SIZE;
-        return sizeof(zip_stat_t);
-      }
-      case ZIP_SOURCE_ERROR:
-        return zip_error_to_data(&self->error_, data, length);
-      case ZIP_SOURCE_FREE:
-        delete self;
-        return 0;
-      case ZIP_SOURCE_SEEK: {
-        const zip_int64_t offset =
-            zip_source_seek_compute_offset(self->offset_, self->size_, data, length, &self->error_);
-        if (offset < 0) return -1;
-        self->offset_ = static_cast<uint64_t>(offset);
-        return 0;
-      }
-      case ZIP_SOURCE_TELL:
-        return static_cast<zip_int64_t>(self->offset_);
-      case ZIP_SOURCE_SUPPORTS:
-        return zip_source_make_command_bitmap(
-            ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE, ZIP_SOURCE_STAT, ZIP_SOURCE_ERROR,
-            ZIP_SOURCE_FREE, ZIP_SOURCE_SEEK, ZIP_SOURCE_TELL, ZIP_SOURCE_SUPPORTS, -1);
-      default:
-        zip_error_set(&self->error_, ZIP_ER_OPNOTSUPP, 0);
-        return -1;
-    }
-  }
-
- private:
-  zip_int64_t read(char* out, uint64_t length) {
-    length = std::min(length, size_ - std::min(offset_, size_));
-    uint64_t done = 0;
-    while (done < length) {
-      if (offset_ >= bufferStart_ && offset_ < bufferStart_ + bufferLength_) {
-        const uint64_t count = std::min(length - done, bufferStart_ + bufferLength_ - offset_);
-        std::memcpy(out + done, buffer_.data() + (offset_ - bufferStart_), count);
-        done += count;
-        offset_ += count;
-        continue;
-      }
-      const bool sequential = offset_ == bufferStart_ + bufferLength_;
-      readAhead_ = sequential ? std::min(readAhead_ * 2, kMaxReadAhead) : kMinReadAhead;
-      const uint64_t wanted = length - done;
-      const bool direct = wanted >= readAhead_;
-      if (!direct && buffer_.empty()) buffer_.resize(kMaxReadAhead);
-      char* target = direct ? out + done : buffer_.data();
-      const uint64_t count = direct ? wanted : std::min<uint64_t>(readAhead_, size_ - offset_);
-      const ssize_t got = ::pread(fd_, target, count, static_cast<off_t>(offset_));
-      if (got < 0) {
-        if (errno == EINTR) continue;
-        zip_error_set(&error_, ZIP_ER_READ, errno);
-        return -1;
-      }
-      if (got == 0) break;  // the file shrank
-      bufferStart_ = offset_;
-      bufferLength_ = direct ? 0 : static_cast<uint64_t>(got);
-      if (direct) {
-        bufferStart_ += static_cast<uint64_t>(got);
-        done += static_cast<uint64_t>(got);
-        offset_ += static_cast<uint64_t>(got);
-      }
-    }
-    return static_cast<zip_int64_t>(done);
-  }
-
-  const int fd_;
-  const uint64_t size_;
-  uint64_t offset_ = 0;
-  std::vector<char> buffer_;
-  uint64_t bufferStart_ = 0;
-  uint64_t bufferLength_ = 0;
-  size_t readAhead_ = kMinReadAhead;
-  zip_error_t error_;
-};
-
 ZipPtr OpenArchive(const std::string& path, std::string* error) {
   const std::string prefix = "cannot open zip archive " + Quoted(path) + ": ";
   // O_NONBLOCK: a FIFO where the package belongs must not wait for a writer; it is then refused
@@ -198,18 +95,8 @@ ZipPtr OpenArchive(const std::string& path, std::string* error) {
     ::close(fd);
     return nullptr;
   }
-  auto* state = new PreadSource(fd, static_cast<uint64_t>(st.st_size));
-  zip_error_t zerror;
-  zip_error_init(&zerror);
-  zip_t* archive = nullptr;
-  if (zip_source_t* source = zip_source_function_create(&PreadSource::callback, state, &zerror)) {
-    archive = zip_open_from_source(source, ZIP_RDONLY, &zerror);
-    if (archive == nullptr) zip_source_free(source);  // frees `state` too
-  } else {
-    delete state;
-  }
-  if (archive == nullptr) *error = prefix + zip_error_strerror(&zerror);
-  zip_error_fini(&zerror);
+  zip_t* archive = ZMOpenZipArchive(fd, static_cast<uint64_t>(st.st_size), error);
+  if (archive == nullptr) *error = prefix + *error;
   return ZipPtr(archive);
 }
 
