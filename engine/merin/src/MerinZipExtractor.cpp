@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "MerinEntryName.h"
 #include "ZMZipArchive.h"
 
 namespace {
@@ -138,26 +139,6 @@ struct Plan {
   uint64_t totalBytes = 0;
 };
 
-// Splits `name` into a relative path without "." or empty components; false when the name is
-// absolute or climbs out with "..".
-bool NormalizeName(const std::string& name, std::string* path) {
-  if (name.empty() || name.front() == '/') return false;
-  path->clear();
-  size_t begin = 0;
-  while (begin <= name.size()) {
-    size_t end = name.find('/', begin);
-    if (end == std::string::npos) end = name.size();
-    const std::string_view component(name.data() + begin, end - begin);
-    if (component == "..") return false;
-    if (!component.empty() && component != ".") {
-      if (!path->empty()) path->push_back('/');
-      path->append(component);
-    }
-    begin = end + 1;
-  }
-  return true;
-}
-
 std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath, Plan* plan) {
   const std::string where = " in zip archive " + Quoted(zipPath);
   plan->entryCount = zip_get_num_entries(archive, 0);
@@ -169,22 +150,28 @@ std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath,
     const auto index = static_cast<zip_uint64_t>(i);
     zip_stat_t st;
     zip_stat_init(&st);
-    const char* rawName = zip_get_name(archive, index, ZIP_FL_ENC_GUESS);
-    if (rawName == nullptr || zip_stat_index(archive, index, 0, &st) != 0) {
+    const char* rawName = zip_get_name(archive, index, ZIP_FL_ENC_RAW);
+    const char* decodedName = zip_get_name(archive, index, ZIP_FL_ENC_GUESS);
+    if (rawName == nullptr || decodedName == nullptr ||
+        zip_stat_index(archive, index, 0, &st) != 0) {
       return "cannot read entry " + std::to_string(i) + where + ": " + zip_strerror(archive);
     }
-    const std::string name = rawName;
+    const std::string name = decodedName;
     zip_uint8_t opsys = 0;
     zip_uint32_t attributes = 0;
     zip_file_get_external_attributes(archive, index, 0, &opsys, &attributes);
+    MerinEntryName mapped;
+    if (auto refusal = MerinMapEntryName(rawName, name, opsys, &mapped)) return *refusal + where;
 
-    bool isDirectory = !name.empty() && name.back() == '/';
+    bool isDirectory = mapped.isDirectory;
     mode_t mode = 0644;
     if (opsys == ZIP_OPSYS_UNIX) {
       const auto unixMode = static_cast<mode_t>(attributes >> 16);
       const mode_t type = unixMode & S_IFMT;
       if (type == S_IFLNK) return "refusing symbolic link entry " + Quoted(name) + where;
-      if (type != 0 && type != S_IFREG && type != S_IFDIR) {
+      // What zip stores for its standard input ("zip - -" in a pipe) carries the mode of the
+      // pipe; like every other extractor, its data is written as a regular file.
+      if (type != 0 && type != S_IFREG && type != S_IFDIR && type != S_IFIFO) {
         return "refusing special file entry " + Quoted(name) + where;
       }
       if (type == S_IFDIR) isDirectory = true;
@@ -193,8 +180,7 @@ std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath,
       isDirectory = true;
     }
 
-    std::string path;
-    if (!NormalizeName(name, &path)) return "refusing unsafe entry name " + Quoted(name) + where;
+    std::string& path = mapped.path;
     if (path.empty()) {
       if (isDirectory) continue;  // the destination itself
       return "refusing unsafe entry name " + Quoted(name) + where;
