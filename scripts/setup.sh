@@ -7,6 +7,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libcurl4-openssl-dev libssl-dev libsqlite3-dev nlohmann-json3-dev libzip-dev libdeflate-dev
+  liblzma-dev
   libasio-dev
   libcli11-dev libcpp-httplib-dev googletest libgtest-dev libbenchmark-dev
   curl zip unzip libarchive-tools ca-certificates openssl time

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "MerinEntryName.h"
+#include "MerinLzmaDecoder.h"
 #include "ZMZipArchive.h"
 
 namespace {
@@ -121,6 +122,8 @@ struct FileEntry {
   zip_uint16_t method = ZIP_CM_STORE;
   zip_uint64_t compressedSize = 0;
   zip_uint32_t crc = 0;
+  // Set when libzip hands over only the stored data and the extractor decodes it (LZMA, XZ).
+  bool decodedHere = false;
 };
 
 bool ReadsWhole(const zip_stat_t& st) {
@@ -199,12 +202,19 @@ std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath,
     if ((st.valid & ZIP_STAT_ENCRYPTION_METHOD) && st.encryption_method != ZIP_EM_NONE) {
       return "refusing encrypted entry " + Quoted(name) + where;
     }
-    if ((st.valid & ZIP_STAT_COMP_METHOD) && !zip_compression_method_supported(st.comp_method, 0)) {
+    const bool decodedHere =
+        (st.valid & ZIP_STAT_COMP_METHOD) && MerinLzmaDecoder::decodes(st.comp_method);
+    if ((st.valid & ZIP_STAT_COMP_METHOD) && !decodedHere &&
+        !zip_compression_method_supported(st.comp_method, 0)) {
       return "unsupported compression method " + std::to_string(st.comp_method) + " of entry " +
              Quoted(name) + where;
     }
     FileEntry entry{index, name, path, (st.valid & ZIP_STAT_SIZE) ? st.size : 0, mode};
-    if (ReadsWhole(st)) {
+    if (decodedHere) {
+      entry.decodedHere = true;
+      entry.method = st.comp_method;
+      entry.crc = st.crc;
+    } else if (ReadsWhole(st)) {
       entry.whole = true;
       entry.method = st.comp_method;
       entry.compressedSize = st.comp_size;
@@ -402,6 +412,7 @@ class Worker {
                   job_.destDir + "/" + entry.path,
                   Quoted(entry.name) + " from zip archive " + Quoted(job_.zipPath)};
     if (output.dir < 0) return error;
+    if (entry.decodedHere) return extractDecoded(entry, output);
     return entry.whole ? extractWhole(entry, output) : extractStreamed(entry, output);
   }
 
@@ -507,6 +518,47 @@ class Worker {
     if (const int code = zip_fclose(guard.release()); code != 0) {
       return "cannot extract " + output.source + ": " + ZipCodeText(code);
     }
+    return finish(std::move(out), output);
+  }
+
+  // Reads the stored data in chunks and decodes it here, checking the size and the CRC as
+  // libzip does for the methods it decodes itself.
+  std::optional<std::string> extractDecoded(const FileEntry& entry, const Output& output) {
+    zip_file_t* file = zip_fopen_index(archive_.get(), entry.index, ZIP_FL_COMPRESSED);
+    if (file == nullptr) {
+      return "cannot extract " + output.source + ": " + zip_strerror(archive_.get());
+    }
+    std::unique_ptr<zip_file_t, int (*)(zip_file_t*)> guard(file, zip_fclose);
+    Fd out;
+    if (auto failure = create(entry, output, &out)) return failure;
+    if (stored_.size() < kChunkSize) stored_.resize(kChunkSize);
+    MerinLzmaDecoder decoder(entry.method, entry.size);
+    uint64_t total = 0;
+    uint32_t crc = 0;
+    std::optional<std::string> failure;
+    const auto write = [&](std::string_view data) {
+      if (total + data.size() > entry.size) {
+        failure = tooLong(entry, output);
+      } else if (!WriteAll(out.get(), data.data(), data.size())) {
+        failure = writeError(output);
+      } else {
+        total += data.size();
+        crc = static_cast<uint32_t>(libdeflate_crc32(crc, data.data(), data.size()));
+        job_.addBytes(data.size());
+      }
+      return !failure;
+    };
+    for (;;) {
+      if (job_.failed.load(std::memory_order_relaxed)) return std::nullopt;
+      const zip_int64_t count = zip_fread(file, stored_.data(), kChunkSize);
+      if (count < 0) return "cannot extract " + output.source + ": " + zip_file_strerror(file);
+      auto reason = decoder.decode({stored_.data(), static_cast<size_t>(count)}, write);
+      if (failure) return failure;
+      if (reason) return "cannot extract " + output.source + ": " + *reason;
+      if (count == 0) break;
+    }
+    if (total != entry.size) return tooShort(entry, output, total);
+    if (crc != entry.crc) return "cannot extract " + output.source + ": " + ZipCodeText(ZIP_ER_CRC);
     return finish(std::move(out), output);
   }
 
