@@ -10,7 +10,7 @@ packages=(
   liblzma-dev
   libasio-dev
   libcli11-dev libcpp-httplib-dev googletest libgtest-dev libbenchmark-dev
-  curl zip unzip libarchive-tools ca-certificates openssl time
+  curl zip unzip libarchive-tools 7zip python3 ca-certificates openssl time
   "$@"  # extra packages a caller needs (scripts/fuzz: Clang and libFuzzer)
 )
 
