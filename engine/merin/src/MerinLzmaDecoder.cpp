@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <new>
 
 namespace {
@@ -36,8 +37,7 @@ std::optional<std::string> MerinLzmaDecoder::reasonOf(lzma_ret result) {
     case LZMA_MEM_ERROR:
       throw std::bad_alloc();
     case LZMA_MEMLIMIT_ERROR:
-      return "its XZ data needs more than " + std::to_string(kMemoryLimit >> 20) +
-             " MiB of memory to decode";
+      return "decoding it needs more than " + std::to_string(kMemoryLimit >> 20) + " MiB of memory";
     case LZMA_BUF_ERROR:
       return reasonOf(ZIP_ER_EOF);
     default:
@@ -59,6 +59,7 @@ std::optional<std::string> MerinLzmaDecoder::start() {
   // The stream ends at the declared size, with or without an end marker (7-Zip writes none
   // unless asked). No match reaches further back than the entry is long, so a dictionary larger
   // than that is never needed, however large the properties declare it.
+  const std::unique_ptr<void, void (*)(void*)> owned(filters[0].options, std::free);
   auto* options = static_cast<lzma_options_lzma*>(filters[0].options);
   filters[0].id = LZMA_FILTER_LZMA1EXT;
   options->ext_flags = LZMA_LZMA1EXT_ALLOW_EOPM;
@@ -66,9 +67,8 @@ std::optional<std::string> MerinLzmaDecoder::start() {
   options->ext_size_high = static_cast<uint32_t>(size_ >> 32);
   options->dict_size = static_cast<uint32_t>(std::clamp<uint64_t>(
       size_, LZMA_DICT_SIZE_MIN, std::max(options->dict_size, LZMA_DICT_SIZE_MIN)));
-  const lzma_ret result = lzma_raw_decoder(&stream_, filters);
-  std::free(options);
-  return reasonOf(result);
+  if (options->dict_size > kMemoryLimit) return reasonOf(LZMA_MEMLIMIT_ERROR);
+  return reasonOf(lzma_raw_decoder(&stream_, filters));
 }
 
 std::optional<std::string> MerinLzmaDecoder::decode(

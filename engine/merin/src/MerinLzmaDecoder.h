@@ -16,8 +16,8 @@ class MerinLzmaDecoder {
  public:
   static constexpr uint16_t kMethodLzma = 14;
   static constexpr uint16_t kMethodXz = 95;
-  // What an XZ stream may need to decode; the largest preset (-9) needs 65 MiB. LZMA entries need
-  // no more than their own size.
+  // What one entry may need to decode: the dictionary of an LZMA entry (never more than its own
+  // size) or all an XZ stream needs. The largest presets (xz -9, 7-Zip -mx=9) use 64 MiB.
   static constexpr uint64_t kMemoryLimit = 128 << 20;
 
   static bool decodes(uint16_t method) { return method == kMethodLzma || method == kMethodXz; }
