@@ -7,6 +7,7 @@ find_package(SQLite3 REQUIRED)
 find_package(nlohmann_json 3.10 REQUIRED)
 pkg_check_modules(LIBZIP REQUIRED IMPORTED_TARGET libzip)
 pkg_check_modules(LIBDEFLATE REQUIRED IMPORTED_TARGET libdeflate)
+pkg_check_modules(LIBLZMA REQUIRED IMPORTED_TARGET liblzma)
 
 # Standalone Asio is header-only and ships no CMake package.
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)

@@ -7,9 +7,10 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libcurl4-openssl-dev libssl-dev libsqlite3-dev nlohmann-json3-dev libzip-dev libdeflate-dev
+  liblzma-dev
   libasio-dev
   libcli11-dev libcpp-httplib-dev googletest libgtest-dev libbenchmark-dev
-  curl zip unzip libarchive-tools ca-certificates openssl time
+  curl zip unzip libarchive-tools 7zip python3 ca-certificates openssl time
   "$@"  # extra packages a caller needs (scripts/fuzz: Clang and libFuzzer)
 )
 

@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# Times libmerin's zip extraction against `unzip -q` and `bsdtar -xf` on one game package of a
-# few thousand files (~250 MB unpacked, mixed sizes, half compressible text, half random bytes),
-# and a whole install of the same package through the runtime (`tavo install`: the runtime
-# starts, clears the app directory, the engine unzips, "detail.json" and the record are written).
+# Times libmerin's zip extraction against `unzip -q` and `bsdtar -xf`, and a whole install of the
+# same package through the runtime (`tavo install`: the runtime starts, clears the app directory,
+# the engine unzips, "detail.json" and the record are written), on two packages: a few thousand
+# files (~250 MB unpacked, mixed sizes, half compressible text, half random bytes), and 70,001
+# small files in 700 directories (Zip64 by its entry count, written by Python's zipfile).
 #
 #   bench/engine/unzip_bench.sh [build dir] [rounds]
 #
 # The package is made once under $MERIN_BENCH_DIR (default /dev/shm/merin-bench) and kept for
 # later runs; every round extracts into fresh directories there, so the disk is out of the
-# picture. The best round of each tool is reported, with the ratio to libmerin and peak RSS.
+# picture. The best round of each tool is reported per package, with the ratio to libmerin and
+# peak RSS.
 set -euo pipefail
 
 build=${1:-build}
@@ -17,7 +19,7 @@ work=${MERIN_BENCH_DIR:-/dev/shm/merin-bench}
 driver="$build/bench/engine/merin_unzip_driver"
 tavo="$build/tools/tavo/tavo"
 
-for tool in zip unzip bsdtar /usr/bin/time; do
+for tool in zip unzip bsdtar python3 /usr/bin/time; do
   command -v "$tool" >/dev/null || { echo "missing tool: $tool" >&2; exit 1; }
 done
 [[ -x $driver ]] || { echo "build $driver first (target merin_unzip_driver)" >&2; exit 1; }
@@ -52,9 +54,16 @@ if [[ ! -f $package ]]; then
   rm -rf "$src"
 fi
 
-files=$(unzip -Z1 "$package" | grep -vc '/$')
-unpacked=$(unzip -Zt "$package" | awk '{print $3}')
-echo "package: $package, $(du -m "$package" | cut -f1) MB, $files files, $((unpacked / 1000000)) MB unpacked"
+many="$work/many.zip"
+if [[ ! -f $many ]]; then
+  echo "making $many ..."
+  python3 - "$many" <<'PY'
+import sys, zipfile
+with zipfile.ZipFile(sys.argv[1], "w", zipfile.ZIP_DEFLATED) as z:
+    for i in range(70001):
+        z.writestr(f"many/d{i % 700}/f{i}.json", '{"id": %d, "name": "item %d"}\n' % (i, i) * (1 + i % 8))
+PY
+fi
 
 # run <name> <dest> <command...>: one timed extraction into a fresh <dest>; prints "seconds rss_kb".
 run() {
@@ -69,38 +78,49 @@ run() {
   echo "$(( (end - start) / 1000000 )) $(cat "$work/$name.rss")"
 }
 
-declare -A best rss
-for tool in unzip bsdtar merin install; do best[$tool]=999999999; done
-for ((r = 1; r <= rounds; r++)); do
-  read -r t m < <(run unzip "$work/out-unzip" unzip -q "$package" -d "$work/out-unzip")
-  ((t < best[unzip])) && best[unzip]=$t rss[unzip]=$m
-  read -r t m < <(run bsdtar "$work/out-bsdtar" bsdtar -xf "$package" -C "$work/out-bsdtar")
-  ((t < best[bsdtar])) && best[bsdtar]=$t rss[bsdtar]=$m
-  read -r t m < <(run merin "$work/out-merin" "$driver" "$package" "$work/out-merin")
-  ((t < best[merin])) && best[merin]=$t rss[merin]=$m
-  # The install deletes its package, so it gets a copy; the root starts empty every round.
-  rm -rf "$work/root"
-  cp "$package" "$work/copy.zip"
-  read -r t m < <(run install "$work/root" "$tavo" --root "$work/root" install \
-    --app bench --version 1 --package "$work/copy.zip")
-  ((t < best[install])) && best[install]=$t rss[install]=$m
-  echo "round $r: unzip ${best[unzip]} ms, bsdtar ${best[bsdtar]} ms, merin ${best[merin]} ms," \
-    "install ${best[install]} ms (best so far)"
-done
+# bench <package>: every tool on one package, best of $rounds rounds, trees checked against unzip's.
+bench() {
+  local package=$1
+  local files unpacked t m r tree tool
+  files=$(unzip -Z1 "$package" | grep -vc '/$')
+  unpacked=$(unzip -Zt "$package" | awk '{print $3}')
+  echo "package: $package, $(du -m "$package" | cut -f1) MB, $files files, $((unpacked / 1000000)) MB unpacked"
+  declare -A best rss
+  for tool in unzip bsdtar merin install; do best[$tool]=999999999; done
+  for ((r = 1; r <= rounds; r++)); do
+    read -r t m < <(run unzip "$work/out-unzip" unzip -q "$package" -d "$work/out-unzip")
+    ((t < best[unzip])) && best[unzip]=$t rss[unzip]=$m
+    read -r t m < <(run bsdtar "$work/out-bsdtar" bsdtar -xf "$package" -C "$work/out-bsdtar")
+    ((t < best[bsdtar])) && best[bsdtar]=$t rss[bsdtar]=$m
+    read -r t m < <(run merin "$work/out-merin" "$driver" "$package" "$work/out-merin")
+    ((t < best[merin])) && best[merin]=$t rss[merin]=$m
+    # The install deletes its package, so it gets a copy; the root starts empty every round.
+    rm -rf "$work/root"
+    cp "$package" "$work/copy.zip"
+    read -r t m < <(run install "$work/root" "$tavo" --root "$work/root" install \
+      --app bench --version 1 --package "$work/copy.zip")
+    ((t < best[install])) && best[install]=$t rss[install]=$m
+    echo "round $r: unzip ${best[unzip]} ms, bsdtar ${best[bsdtar]} ms, merin ${best[merin]} ms," \
+      "install ${best[install]} ms (best so far)"
+  done
 
-for tree in "$work/out-merin" "$work/root/Caches/app/bench/1"; do
-  if diff -r "$work/out-unzip" "$tree" >/dev/null; then
-    echo "$tree is identical to unzip's tree"
-  else
-    echo "$tree DIFFERS from unzip's tree" >&2
-    exit 1
-  fi
-done
+  for tree in "$work/out-merin" "$work/root/Caches/app/bench/1"; do
+    if diff -r "$work/out-unzip" "$tree" >/dev/null; then
+      echo "$tree is identical to unzip's tree"
+    else
+      echo "$tree DIFFERS from unzip's tree" >&2
+      exit 1
+    fi
+  done
 
-printf '%-8s %10s %14s %12s\n' tool "best ms" "time / merin" "peak RSS KB"
-for tool in unzip bsdtar merin install; do
-  printf '%-8s %10d %14s %12d\n' "$tool" "${best[$tool]}" \
-    "$(awk -v a="${best[$tool]}" -v b="${best[merin]}" 'BEGIN { printf "%.2fx", a / b }')" \
-    "${rss[$tool]}"
-done
-rm -rf "$work"/out-* "$work/root" "$work/copy.zip"
+  printf '%-8s %10s %14s %12s\n' tool "best ms" "time / merin" "peak RSS KB"
+  for tool in unzip bsdtar merin install; do
+    printf '%-8s %10d %14s %12d\n' "$tool" "${best[$tool]}" \
+      "$(awk -v a="${best[$tool]}" -v b="${best[merin]}" 'BEGIN { printf "%.2fx", a / b }')" \
+      "${rss[$tool]}"
+  done
+  rm -rf "$work"/out-* "$work/root" "$work/copy.zip"
+}
+
+bench "$package"
+bench "$many"

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <memory>
 
+#include "ZMZipArchive.h"
 #include "platform/ZMFileManager.h"
 #include "tavo/ZMOptionKeys.h"
 
@@ -56,12 +57,9 @@ std::optional<std::string> ZMPackageLimits::check(const std::string& zipPath) co
   struct stat st {};
   const int fd = ZMFileManager::openRegularFile(zipPath, true, &st);
   if (fd < 0) return std::nullopt;
-  int code = 0;
-  zip_t* opened = zip_fdopen(fd, ZIP_RDONLY, &code);
-  if (opened == nullptr) {
-    ::close(fd);  // zip_fdopen takes the descriptor only when it succeeds
-    return std::nullopt;
-  }
+  std::string error;
+  zip_t* opened = ZMOpenZipArchive(fd, static_cast<uint64_t>(st.st_size), &error);
+  if (opened == nullptr) return std::nullopt;
   const std::unique_ptr<zip_t, decltype(&zip_discard)> archive(opened, zip_discard);
   const zip_int64_t count = zip_get_num_entries(archive.get(), 0);
   uint64_t total = 0;

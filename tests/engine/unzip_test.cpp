@@ -1,6 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
 
 #include "merin/MerinGameHandle.h"
 #include "support/TestListeners.h"
@@ -177,6 +184,78 @@ TEST_F(MerinUnzip, BoundsWhatAnArchiveCanMakeItWrite) {
   const std::string message = unzip(dir_ / "deeper.zip", dir_ / "deeper")->last();
   EXPECT_TRUE(message.find("nested deeper than 256 directories") != std::string::npos) << message;
   EXPECT_FALSE(fs::exists(dir_ / "deeper"));
+}
+
+// A tree as a host sees it: each path with its kind, and for a file its bytes and whether its
+// owner may run it.
+std::map<std::string, std::string> Tree(const fs::path& root) {
+  std::map<std::string, std::string> tree;
+  if (!fs::exists(root)) return tree;
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    const std::string path = fs::relative(entry.path(), root);
+    const auto status = entry.symlink_status();
+    if (fs::is_directory(status)) {
+      tree[path] = "directory";
+    } else if (fs::is_regular_file(status)) {
+      const bool runs = (status.permissions() & fs::perms::owner_exec) != fs::perms::none;
+      tree[path] = (runs ? "executable: " : "file: ") + ReadFile(entry.path());
+    } else {
+      tree[path] = "something else";
+    }
+  }
+  return tree;
+}
+
+int Shell(const std::string& command) {
+  const int status = std::system(command.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Archives as Info-ZIP zip, 7-Zip, bsdtar, Python and jar write them, and hand-built ones for
+// what they write only elsewhere (tests/engine/make_zip_corpus.py): each installs as the other
+// extractor named for it unpacks it, or is refused with the text named for it.
+TEST_F(MerinUnzip, InstallsWhatRealArchiversWriteAsOtherExtractorsDo) {
+  const fs::path corpus = dir_ / "corpus";
+  const std::string make =
+      "python3 " TAVO_ZIP_CORPUS_SCRIPT " " + corpus.string() + " > " + (dir_ / "make.log");
+  const int made = Shell(make);
+  if (made == 77 || Shell("command -v python3 bsdtar unzip > /dev/null") != 0) {
+    GTEST_SKIP() << "an archiver or extractor is not installed (scripts/setup.sh installs them): "
+                 << ReadFile(dir_ / "make.log");
+  }
+  ASSERT_EQ(made, 0) << ReadFile(dir_ / "make.log");
+  std::ifstream manifest(corpus / "manifest.tsv");
+  std::string line;
+  int archives = 0;
+  while (std::getline(manifest, line)) {
+    ++archives;
+    std::istringstream fields(line);
+    std::string archive, reference, expected;
+    std::getline(fields, archive, '\t');
+    std::getline(fields, reference, '\t');
+    std::getline(fields, expected);
+    SCOPED_TRACE(archive);
+    const fs::path ours = dir_ / "ours" / fs::path(archive);
+    const fs::path theirs = dir_ / "theirs" / fs::path(archive);
+    const std::string outcome = unzip(corpus / archive, ours)->last();
+    if (expected != "installed") {
+      const std::string refusal = expected.substr(expected.find(' ') + 1);
+      EXPECT_TRUE(outcome.starts_with("failed: ") && outcome.find(refusal) != std::string::npos)
+          << outcome;
+      EXPECT_TRUE(Tree(ours).empty()) << "nothing is written";
+      continue;
+    }
+    EXPECT_EQ(outcome, "succeed");
+    fs::create_directories(theirs);
+    const std::string extract = reference == "unzip"
+                                    ? "unzip -qq -o " + (corpus / archive).string() + " -d "
+                                    : "bsdtar -xf " + (corpus / archive).string() + " -C ";
+    Shell(extract + theirs.string() + " 2> /dev/null");
+    const auto expectedTree = Tree(theirs);
+    EXPECT_GT(expectedTree.size(), 0u);
+    EXPECT_EQ(Tree(ours), expectedTree);
+  }
+  EXPECT_GT(archives, 30);
 }
 
 TEST_F(MerinUnzip, QueuedUnzipsFinishWhenTheHandleIsDroppedOverwritingWhatIsThere) {

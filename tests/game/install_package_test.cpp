@@ -115,12 +115,20 @@ TEST_F(ZMGameInstallPackageTask, PackagesBeyondTheUnpackLimitsAreRefusedBeforeAn
   MakeZip(bomb, {{"a.bin", std::string(1000, 'a')}});
   DeclareEntrySize(bomb, 200'000'000);
   MakeZip(big, {{"a.bin", std::string(5000, 'b')}, {"b.bin", RandomBytes(5000, 1)}});
+  // A self-extracting stub before the entries, their offsets not adjusted: the limits read the
+  // archive where the unzip does.
+  const std::string stubbed = t.root() + "/stubbed.zip";
+  WriteFile(stubbed, "#!/bin/sh\nexec unzip \"$0\"\n" + ReadFile(bomb));
   const std::string bombSize = std::to_string(std::filesystem::file_size(bomb));
+  const std::string stubbedSize = std::to_string(std::filesystem::file_size(stubbed));
   const std::string bigSize = std::to_string(std::filesystem::file_size(big));
   const std::vector<std::tuple<ZMValue, std::string, std::string>> cases{
       // Defaults: no more than 1000 times the archive's size.
       {ZMValue::object(), bomb,
        "package \"" + bomb + "\" would unpack to 200000000 bytes from " + bombSize +
+           ", more than the limit of 1000 times its size"},
+      {ZMValue::object(), stubbed,
+       "package \"" + stubbed + "\" would unpack to 200000000 bytes from " + stubbedSize +
            ", more than the limit of 1000 times its size"},
       {{{"rt_package_max_unpacked_bytes", "9999"}},
        big,
@@ -138,11 +146,13 @@ TEST_F(ZMGameInstallPackageTask, PackagesBeyondTheUnpackLimitsAreRefusedBeforeAn
     EXPECT_TRUE(Exists(t.app() + "/g1/1.0/game.config.json"));
     EXPECT_TRUE(ListDir(t.app() + "/g1/2.0").empty());
   }
-  // Limits set above what a package holds let it through.
+  // Limits set above what a package holds let it through, a stub before its entries or not.
+  WriteFile(stubbed, "#!/bin/sh\nexec unzip \"$0\"\n" + ReadFile(big));
   t.extraOptions = {{"rt_package_max_unpacked_bytes", 10000},
                     {"rt_package_max_compression_ratio", "2"}};
   t.switchUser("u1");
-  EXPECT_EQ(install(options("g1", "2.0", big)).back(), "onInstallSuccess");
+  EXPECT_EQ(install(options("g1", "2.0", stubbed)).back(), "onInstallSuccess");
+  EXPECT_EQ(ReadFile(t.app() + "/g1/2.0/a.bin"), std::string(5000, 'b'));
 }
 
 TEST_F(ZMGameInstallPackageTask, MissingOrUnsafeIdsAreRefusedBeforeAnythingIsCleared) {

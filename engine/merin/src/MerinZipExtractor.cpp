@@ -21,6 +21,10 @@
 #include <utility>
 #include <vector>
 
+#include "MerinEntryName.h"
+#include "MerinLzmaDecoder.h"
+#include "ZMZipArchive.h"
+
 namespace {
 
 constexpr size_t kChunkSize = 256 * 1024;
@@ -78,111 +82,6 @@ std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
 std::string ErrnoText(int error) { return std::strerror(error); }
 
-// The archive as libzip reads it: positioned reads (pread) on a descriptor of its own, through a
-// read-ahead buffer that starts small after each seek and doubles while the reads go on in
-// sequence. libzip asks for 8 KiB at a time; the stdio file source turns each request into a
-// seek and two reads.
-class PreadSource {
- public:
-  static constexpr size_t kMinReadAhead = 16 * 1024;
-  static constexpr size_t kMaxReadAhead = 256 * 1024;
-
-  PreadSource(int fd, uint64_t size) : fd_(fd), size_(size) { zip_error_init(&error_); }
-  ~PreadSource() {
-    zip_error_fini(&error_);
-    ::close(fd_);
-  }
-
-  static zip_int64_t callback(void* state, void* data, zip_uint64_t length,
-                              zip_source_cmd_t command) {
-    auto* self = static_cast<PreadSource*>(state);
-    switch (command) {
-      case ZIP_SOURCE_OPEN:
-        self->offset_ = 0;
-        return 0;
-      case ZIP_SOURCE_READ:
-        return self->read(static_cast<char*>(data), length);
-      case ZIP_SOURCE_CLOSE:
-        return 0;
-      case ZIP_SOURCE_STAT: {
-        auto* st = ZIP_SOURCE_GET_ARGS(zip_stat_t, data, length, &self->error_);
-        if (st == nullptr) return -1;
-        zip_stat_init(st);
-        st->size = self->size_;
-        st->valid |= ZIP_STAT_SIZE;
-        return sizeof(zip_stat_t);
-      }
-      case ZIP_SOURCE_ERROR:
-        return zip_error_to_data(&self->error_, data, length);
-      case ZIP_SOURCE_FREE:
-        delete self;
-        return 0;
-      case ZIP_SOURCE_SEEK: {
-        const zip_int64_t offset =
-            zip_source_seek_compute_offset(self->offset_, self->size_, data, length, &self->error_);
-        if (offset < 0) return -1;
-        self->offset_ = static_cast<uint64_t>(offset);
-        return 0;
-      }
-      case ZIP_SOURCE_TELL:
-        return static_cast<zip_int64_t>(self->offset_);
-      case ZIP_SOURCE_SUPPORTS:
-        return zip_source_make_command_bitmap(
-            ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE, ZIP_SOURCE_STAT, ZIP_SOURCE_ERROR,
-            ZIP_SOURCE_FREE, ZIP_SOURCE_SEEK, ZIP_SOURCE_TELL, ZIP_SOURCE_SUPPORTS, -1);
-      default:
-        zip_error_set(&self->error_, ZIP_ER_OPNOTSUPP, 0);
-        return -1;
-    }
-  }
-
- private:
-  zip_int64_t read(char* out, uint64_t length) {
-    length = std::min(length, size_ - std::min(offset_, size_));
-    uint64_t done = 0;
-    while (done < length) {
-      if (offset_ >= bufferStart_ && offset_ < bufferStart_ + bufferLength_) {
-        const uint64_t count = std::min(length - done, bufferStart_ + bufferLength_ - offset_);
-        std::memcpy(out + done, buffer_.data() + (offset_ - bufferStart_), count);
-        done += count;
-        offset_ += count;
-        continue;
-      }
-      const bool sequential = offset_ == bufferStart_ + bufferLength_;
-      readAhead_ = sequential ? std::min(readAhead_ * 2, kMaxReadAhead) : kMinReadAhead;
-      const uint64_t wanted = length - done;
-      const bool direct = wanted >= readAhead_;
-      if (!direct && buffer_.empty()) buffer_.resize(kMaxReadAhead);
-      char* target = direct ? out + done : buffer_.data();
-      const uint64_t count = direct ? wanted : std::min<uint64_t>(readAhead_, size_ - offset_);
-      const ssize_t got = ::pread(fd_, target, count, static_cast<off_t>(offset_));
-      if (got < 0) {
-        if (errno == EINTR) continue;
-        zip_error_set(&error_, ZIP_ER_READ, errno);
-        return -1;
-      }
-      if (got == 0) break;  // the file shrank
-      bufferStart_ = offset_;
-      bufferLength_ = direct ? 0 : static_cast<uint64_t>(got);
-      if (direct) {
-        bufferStart_ += static_cast<uint64_t>(got);
-        done += static_cast<uint64_t>(got);
-        offset_ += static_cast<uint64_t>(got);
-      }
-    }
-    return static_cast<zip_int64_t>(done);
-  }
-
-  const int fd_;
-  const uint64_t size_;
-  uint64_t offset_ = 0;
-  std::vector<char> buffer_;
-  uint64_t bufferStart_ = 0;
-  uint64_t bufferLength_ = 0;
-  size_t readAhead_ = kMinReadAhead;
-  zip_error_t error_;
-};
-
 ZipPtr OpenArchive(const std::string& path, std::string* error) {
   const std::string prefix = "cannot open zip archive " + Quoted(path) + ": ";
   // O_NONBLOCK: a FIFO where the package belongs must not wait for a writer; it is then refused
@@ -198,18 +97,8 @@ ZipPtr OpenArchive(const std::string& path, std::string* error) {
     ::close(fd);
     return nullptr;
   }
-  auto* state = new PreadSource(fd, static_cast<uint64_t>(st.st_size));
-  zip_error_t zerror;
-  zip_error_init(&zerror);
-  zip_t* archive = nullptr;
-  if (zip_source_t* source = zip_source_function_create(&PreadSource::callback, state, &zerror)) {
-    archive = zip_open_from_source(source, ZIP_RDONLY, &zerror);
-    if (archive == nullptr) zip_source_free(source);  // frees `state` too
-  } else {
-    delete state;
-  }
-  if (archive == nullptr) *error = prefix + zip_error_strerror(&zerror);
-  zip_error_fini(&zerror);
+  zip_t* archive = ZMOpenZipArchive(fd, static_cast<uint64_t>(st.st_size), error);
+  if (archive == nullptr) *error = prefix + *error;
   return ZipPtr(archive);
 }
 
@@ -233,6 +122,8 @@ struct FileEntry {
   zip_uint16_t method = ZIP_CM_STORE;
   zip_uint64_t compressedSize = 0;
   zip_uint32_t crc = 0;
+  // Set when libzip hands over only the stored data and the extractor decodes it (LZMA, XZ).
+  bool decodedHere = false;
 };
 
 bool ReadsWhole(const zip_stat_t& st) {
@@ -251,26 +142,6 @@ struct Plan {
   uint64_t totalBytes = 0;
 };
 
-// Splits `name` into a relative path without "." or empty components; false when the name is
-// absolute or climbs out with "..".
-bool NormalizeName(const std::string& name, std::string* path) {
-  if (name.empty() || name.front() == '/') return false;
-  path->clear();
-  size_t begin = 0;
-  while (begin <= name.size()) {
-    size_t end = name.find('/', begin);
-    if (end == std::string::npos) end = name.size();
-    const std::string_view component(name.data() + begin, end - begin);
-    if (component == "..") return false;
-    if (!component.empty() && component != ".") {
-      if (!path->empty()) path->push_back('/');
-      path->append(component);
-    }
-    begin = end + 1;
-  }
-  return true;
-}
-
 std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath, Plan* plan) {
   const std::string where = " in zip archive " + Quoted(zipPath);
   plan->entryCount = zip_get_num_entries(archive, 0);
@@ -282,22 +153,28 @@ std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath,
     const auto index = static_cast<zip_uint64_t>(i);
     zip_stat_t st;
     zip_stat_init(&st);
-    const char* rawName = zip_get_name(archive, index, ZIP_FL_ENC_GUESS);
-    if (rawName == nullptr || zip_stat_index(archive, index, 0, &st) != 0) {
+    const char* rawName = zip_get_name(archive, index, ZIP_FL_ENC_RAW);
+    const char* decodedName = zip_get_name(archive, index, ZIP_FL_ENC_GUESS);
+    if (rawName == nullptr || decodedName == nullptr ||
+        zip_stat_index(archive, index, 0, &st) != 0) {
       return "cannot read entry " + std::to_string(i) + where + ": " + zip_strerror(archive);
     }
-    const std::string name = rawName;
+    const std::string name = decodedName;
     zip_uint8_t opsys = 0;
     zip_uint32_t attributes = 0;
     zip_file_get_external_attributes(archive, index, 0, &opsys, &attributes);
+    MerinEntryName mapped;
+    if (auto refusal = MerinMapEntryName(rawName, name, opsys, &mapped)) return *refusal + where;
 
-    bool isDirectory = !name.empty() && name.back() == '/';
+    bool isDirectory = mapped.isDirectory;
     mode_t mode = 0644;
     if (opsys == ZIP_OPSYS_UNIX) {
       const auto unixMode = static_cast<mode_t>(attributes >> 16);
       const mode_t type = unixMode & S_IFMT;
       if (type == S_IFLNK) return "refusing symbolic link entry " + Quoted(name) + where;
-      if (type != 0 && type != S_IFREG && type != S_IFDIR) {
+      // What zip stores for its standard input ("zip - -" in a pipe) carries the mode of the
+      // pipe; like every other extractor, its data is written as a regular file.
+      if (type != 0 && type != S_IFREG && type != S_IFDIR && type != S_IFIFO) {
         return "refusing special file entry " + Quoted(name) + where;
       }
       if (type == S_IFDIR) isDirectory = true;
@@ -306,8 +183,7 @@ std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath,
       isDirectory = true;
     }
 
-    std::string path;
-    if (!NormalizeName(name, &path)) return "refusing unsafe entry name " + Quoted(name) + where;
+    std::string& path = mapped.path;
     if (path.empty()) {
       if (isDirectory) continue;  // the destination itself
       return "refusing unsafe entry name " + Quoted(name) + where;
@@ -326,12 +202,19 @@ std::optional<std::string> BuildPlan(zip_t* archive, const std::string& zipPath,
     if ((st.valid & ZIP_STAT_ENCRYPTION_METHOD) && st.encryption_method != ZIP_EM_NONE) {
       return "refusing encrypted entry " + Quoted(name) + where;
     }
-    if ((st.valid & ZIP_STAT_COMP_METHOD) && !zip_compression_method_supported(st.comp_method, 0)) {
+    const bool decodedHere =
+        (st.valid & ZIP_STAT_COMP_METHOD) && MerinLzmaDecoder::decodes(st.comp_method);
+    if ((st.valid & ZIP_STAT_COMP_METHOD) && !decodedHere &&
+        !zip_compression_method_supported(st.comp_method, 0)) {
       return "unsupported compression method " + std::to_string(st.comp_method) + " of entry " +
              Quoted(name) + where;
     }
     FileEntry entry{index, name, path, (st.valid & ZIP_STAT_SIZE) ? st.size : 0, mode};
-    if (ReadsWhole(st)) {
+    if (decodedHere) {
+      entry.decodedHere = true;
+      entry.method = st.comp_method;
+      entry.crc = st.crc;
+    } else if (ReadsWhole(st)) {
       entry.whole = true;
       entry.method = st.comp_method;
       entry.compressedSize = st.comp_size;
@@ -529,6 +412,7 @@ class Worker {
                   job_.destDir + "/" + entry.path,
                   Quoted(entry.name) + " from zip archive " + Quoted(job_.zipPath)};
     if (output.dir < 0) return error;
+    if (entry.decodedHere) return extractDecoded(entry, output);
     return entry.whole ? extractWhole(entry, output) : extractStreamed(entry, output);
   }
 
@@ -634,6 +518,47 @@ class Worker {
     if (const int code = zip_fclose(guard.release()); code != 0) {
       return "cannot extract " + output.source + ": " + ZipCodeText(code);
     }
+    return finish(std::move(out), output);
+  }
+
+  // Reads the stored data in chunks and decodes it here, checking the size and the CRC as
+  // libzip does for the methods it decodes itself.
+  std::optional<std::string> extractDecoded(const FileEntry& entry, const Output& output) {
+    zip_file_t* file = zip_fopen_index(archive_.get(), entry.index, ZIP_FL_COMPRESSED);
+    if (file == nullptr) {
+      return "cannot extract " + output.source + ": " + zip_strerror(archive_.get());
+    }
+    std::unique_ptr<zip_file_t, int (*)(zip_file_t*)> guard(file, zip_fclose);
+    Fd out;
+    if (auto failure = create(entry, output, &out)) return failure;
+    if (stored_.size() < kChunkSize) stored_.resize(kChunkSize);
+    MerinLzmaDecoder decoder(entry.method, entry.size);
+    uint64_t total = 0;
+    uint32_t crc = 0;
+    std::optional<std::string> failure;
+    const auto write = [&](std::string_view data) {
+      if (total + data.size() > entry.size) {
+        failure = tooLong(entry, output);
+      } else if (!WriteAll(out.get(), data.data(), data.size())) {
+        failure = writeError(output);
+      } else {
+        total += data.size();
+        crc = static_cast<uint32_t>(libdeflate_crc32(crc, data.data(), data.size()));
+        job_.addBytes(data.size());
+      }
+      return !failure;
+    };
+    for (;;) {
+      if (job_.failed.load(std::memory_order_relaxed)) return std::nullopt;
+      const zip_int64_t count = zip_fread(file, stored_.data(), kChunkSize);
+      if (count < 0) return "cannot extract " + output.source + ": " + zip_file_strerror(file);
+      auto reason = decoder.decode({stored_.data(), static_cast<size_t>(count)}, write);
+      if (failure) return failure;
+      if (reason) return "cannot extract " + output.source + ": " + *reason;
+      if (count == 0) break;
+    }
+    if (total != entry.size) return tooShort(entry, output, total);
+    if (crc != entry.crc) return "cannot extract " + output.source + ": " + ZipCodeText(ZIP_ER_CRC);
     return finish(std::move(out), output);
   }
 
