@@ -22,8 +22,8 @@ struct Count : ZMPluginProtocolPostUrlListener, ZMPluginProtocolPostHashListener
   void onPostHashFailure(const ZMError&) override { ++reports; }
 };
 
-std::string ConfigFile(const std::string& root, const std::string& id, const std::string& v) {
-  return root + "/" + id + "_" + v + ".json";
+std::optional<std::string> NoHash(const std::string&, const std::string&, const std::string&) {
+  return std::nullopt;
 }
 
 }  // namespace
@@ -39,9 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   auto url = std::make_shared<ZMPluginProtocolPostUrl>("http://127.0.0.1:9/ced", std::nullopt,
                                                        "host", "1.0", count);
   url->_onCompleteWithData(reply, std::nullopt, std::nullopt);
-  auto hash = std::make_shared<ZMPluginProtocolPostHash>("/nonexistent", "http://127.0.0.1:9/ced",
-                                                         std::nullopt, "g", "host", "1.0", count,
-                                                         &ConfigFile);
+  auto hash = std::make_shared<ZMPluginProtocolPostHash>(
+      "/nonexistent", "http://127.0.0.1:9/ced", std::nullopt, "g", "host", "1.0", count, &NoHash);
   hash->_onCompleteWithData(reply, std::nullopt, std::nullopt);
   if (count->reports != 2) std::abort();
   return 0;

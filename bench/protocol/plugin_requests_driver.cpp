@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "plugin/ZMPluginConfig.h"
 #include "plugin/ZMPluginManager.h"
 #include "protocol/ZMPluginProtocolPostHash.h"
 #include "protocol/ZMPluginProtocolPostUrl.h"
@@ -100,8 +101,7 @@ int main(int argc, char** argv) {
     } else {
       auto query = std::make_shared<ZMPluginProtocolPostHash>(
           pluginRoot, host, "bench-device", "bench-game", "com.example.bench", "1.0.0", result,
-          static_cast<ZMPluginProtocolPostHash::PluginConfigFile>(
-              &ZMPluginManager::getPluginConfigFile));
+          &ZMPluginConfig::installedHash);
       query->execute(game);
       ZMMainQueue::runUntil([&] { return result->ended; }, std::chrono::minutes(2));
     }

@@ -146,11 +146,14 @@ bool ZMCheckFileAvailabilityTask::_compareKeepTime(double modified, int64_t keep
 }
 
 void ZMCheckFileAvailabilityTask::_complete(std::optional<ZMError> error) {
-  postFinalReply([error = std::move(error)](ZMCheckFileAvailabilityListener& listener) {
-    if (error) {
-      listener.onCheckFailure(*error);
-    } else {
-      listener.onCheckSuccess();
-    }
+  // The run's last block, after every progress block: the group lets go of the task here even
+  // when a cancel silences the outcome.
+  ZMMainQueue::post([weak = weak_from_this(), error = std::move(error)] {
+    auto self = weak.lock();
+    if (!self) return;
+    self->finished();
+    auto listener = self->listener_.lock();
+    if (!listener || self->isCancel()) return;
+    error ? listener->onCheckFailure(*error) : listener->onCheckSuccess();
   });
 }

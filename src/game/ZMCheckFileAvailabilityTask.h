@@ -24,6 +24,9 @@
 class ZMCheckFileAvailabilityTask
     : public ZMTask<ZMCheckFileAvailabilityTask, ZMCheckFileAvailabilityListener> {
  public:
+  // Silences the outcome only: the progress already found still arrives, so the task stays in
+  // its group until its last block has run.
+  void cancel() override { markCancelled(); }
   // `cachePath` is the package cache, the only directory the sweep looks at.
   ZMCheckFileAvailabilityTask(std::weak_ptr<ZMCheckFileAvailabilityListener> listener,
                               std::string cachePath);

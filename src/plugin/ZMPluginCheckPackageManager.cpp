@@ -8,6 +8,7 @@
 #include "platform/ZMPath.h"
 #include "platform/ZMValueAccess.h"
 #include "plugin/ZMPluginCheckVersionTask.h"
+#include "plugin/ZMPluginConfig.h"
 #include "plugin/ZMPluginManager.h"
 #include "plugin/ZMPluginUnzipPackageTask.h"
 #include "tavo/ZMFileUtils.h"
@@ -31,9 +32,8 @@ ZMPluginCheckPackageManager::~ZMPluginCheckPackageManager() {
 void ZMPluginCheckPackageManager::execute(const std::string& pluginId, const std::string& version,
                                           const ZMValue& pluginInfo) {
   pluginInfo_ = pluginInfo;
-  const auto config =
-      ZMFileUtils::readJSONObjectFromFile(ZMPluginManager::getPluginConfigFile(pluginDir_));
-  const auto updateHash = config ? ZMTextOption(*config, "updateHash") : std::nullopt;
+  const auto updateHash = ZMPluginConfig::text(ZMPluginManager::getPluginConfigFile(pluginDir_),
+                                               ZMPluginConfig::kUpdateHash);
   // The hash and the directory's name each become one name in the cache; a hash that would reach
   // outside it is no cached update. Without a hash there is nothing to look for.
   const std::string packagePath = updateHash ? ZMPluginManager::getPluginPackageDownloadPath(
@@ -59,7 +59,6 @@ void ZMPluginCheckPackageManager::cancel() {
   ZMTaskBase::cancel();
   ZMCancelAndClear(checkVersionTask_);
   ZMCancelAndClear(unzipPackageTask_);
-  finished();
 }
 
 void ZMPluginCheckPackageManager::onInstallStart() {}
@@ -84,13 +83,12 @@ void ZMPluginCheckPackageManager::_moveStagedPlugin() {
     ZMLogFormat("move file fail: %@", {error});
     return;
   }
-  // Read-modify-write: keys a host or the install put there survive.
-  const std::string configPath = ZMPluginManager::getPluginConfigFile(pluginDir_);
-  auto config = ZMFileUtils::readJSONObjectFromFile(configPath);
-  ZMValue object = config && config->is_object() ? std::move(*config) : ZMValue::object();
-  object["hash"] = pluginHash_;
-  object.erase("updateHash");
-  if (!ZMFileManager::writeFileAtomically(configPath, ZMJSONPrettyString(object), &error)) {
+  const auto installed = [&](ZMValue& config) {
+    config[ZMPluginConfig::kHash] = pluginHash_;
+    config.erase(ZMPluginConfig::kUpdateHash);
+  };
+  if (!ZMPluginConfig::update(ZMPluginManager::getPluginConfigFile(pluginDir_), installed,
+                              &error)) {
     // The directory holds a package that its config does not name: it must not pass.
     ZMFileUtils::deleteFile(pluginDir_);
     ZMLogFormat("install update plugin error: %@", {error});

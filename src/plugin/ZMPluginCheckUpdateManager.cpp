@@ -7,6 +7,7 @@
 #include "platform/ZMFormat.h"
 #include "platform/ZMJSON.h"
 #include "platform/ZMValueAccess.h"
+#include "plugin/ZMPluginConfig.h"
 #include "plugin/ZMPluginManager.h"
 #include "protocol/ZMPluginProtocolDownloadPackage.h"
 #include "protocol/ZMPluginProtocolPostHash.h"
@@ -43,7 +44,6 @@ void ZMPluginCheckUpdateManager::cancel() {
   ZMTaskBase::cancel();
   ZMCancelAndClear(postHash_);
   ZMCancelAndClear(downloadPackage_);
-  _end();
 }
 
 void ZMPluginCheckUpdateManager::_tryPostHash() {
@@ -57,8 +57,7 @@ void ZMPluginCheckUpdateManager::_tryPostHash() {
   ++hostIndex_;
   postHash_ = std::make_shared<ZMPluginProtocolPostHash>(
       pluginRootPath_, host, deviceId_, gameId_, appBundleId_, runtimeVersion_, weak_from_this(),
-      static_cast<ZMPluginProtocolPostHash::PluginConfigFile>(
-          &ZMPluginManager::getPluginConfigFile));
+      &ZMPluginConfig::installedHash);
   // Held here as well: a reply made during execute() may replace postHash_.
   const auto query = postHash_;
   // When none of the game's plug-ins is installed with a hash, nothing is sent and no reply
@@ -117,12 +116,9 @@ void ZMPluginCheckUpdateManager::_downloadUpdatePlugin() {
 
 void ZMPluginCheckUpdateManager::_writeUpdateHash(const std::string& configPath,
                                                   const std::string& hash) {
-  // Read-modify-write: the install's "hash" and any key a host put there survive.
-  auto config = ZMFileUtils::readJSONObjectFromFile(configPath);
-  ZMValue object = config && config->is_object() ? std::move(*config) : ZMValue::object();
-  object["updateHash"] = hash;
   // A failed write only costs the next version check its shortcut; the prefetch goes on.
-  ZMFileManager::writeFileAtomically(configPath, ZMJSONPrettyString(object), nullptr);
+  ZMPluginConfig::update(
+      configPath, [&](ZMValue& config) { config[ZMPluginConfig::kUpdateHash] = hash; }, nullptr);
 }
 
 void ZMPluginCheckUpdateManager::_end() { finished(); }

@@ -16,34 +16,29 @@ void ZMPluginCheckVersionTask::execute(const std::string& pluginDir) {
 }
 
 void ZMPluginCheckVersionTask::_checkVersion(const std::string& pluginDir) {
-  if (isCancel()) {
-    finished();  // no reply will run, so the owner's group need not keep the task
-    return;
-  }
+  if (isCancel()) return;  // the cancel ended the run
   const std::string config = ZMPluginManager::getPluginConfigFile(pluginDir);
   if (!ZMFileUtils::isExist(config)) {
     // Without its config the directory is an unfinished unpack: nothing to keep.
     ZMFileUtils::deleteFile(pluginDir);
-    _complete(ZMError("Error:plugin config no exist.", 0));
+    _complete({ZMError("Error:plugin config no exist.", 0)});
     return;
   }
   if (!ZMFileUtils::isExist(pluginDir)) {
     // A config alone marks nothing installed; dropping it makes the next check fail plainly.
+    // Reported as a failure and then, all the same, as a success.
     ZMFileUtils::deleteFile(config);
-    _complete(ZMError("Error:plugin package no exist.", 0), false);
+    _complete({ZMError("Error:plugin package no exist.", 0), std::nullopt});
+    return;
   }
-  _complete(std::nullopt);
+  _complete({std::nullopt});
 }
 
-void ZMPluginCheckVersionTask::_complete(const std::optional<ZMError>& error, bool last) {
-  postStep([error, last](ZMPluginCheckVersionTask& self) {
-    if (last) self.finished();
-    auto listener = self.listener_.lock();
-    if (!listener) return;
-    if (error) {
-      listener->onCheckPluginFailure(self.pluginInfo_, *error);
-    } else {
-      listener->onCheckPluginSuccess(self.pluginInfo_);
-    }
-  });
+void ZMPluginCheckVersionTask::_complete(std::vector<std::optional<ZMError>> outcomes) {
+  postFinalOutcomes(
+      std::move(outcomes),
+      [info = pluginInfo_](auto& listener, const ZMError& e) {
+        listener.onCheckPluginFailure(info, e);
+      },
+      [info = pluginInfo_](auto& listener) { listener.onCheckPluginSuccess(info); });
 }

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tavo/ZMPluginListeners.h"
 #include "tavo/ZMValue.h"
@@ -37,9 +38,8 @@ class ZMPluginCheckVersionTask
 
  private:
   void _checkVersion(const std::string& pluginDir);
-  // Posts onCheckPluginFailure for an error, else onCheckPluginSuccess. `last` is false only
-  // for the failure that a success of the same check follows.
-  void _complete(const std::optional<ZMError>& error, bool last = true);
+  // Posts onCheckPluginFailure for each error, onCheckPluginSuccess for a null, in order.
+  void _complete(std::vector<std::optional<ZMError>> outcomes);
 
   const ZMValue pluginInfo_;
 };

@@ -5,6 +5,7 @@
 #include "platform/ZMFileManager.h"
 #include "platform/ZMFormat.h"
 #include "platform/ZMJSON.h"
+#include "plugin/ZMPluginConfig.h"
 #include "plugin/ZMPluginManager.h"
 #include "plugin/ZMPluginUnzipPackageTask.h"
 #include "protocol/ZMPluginProtocolDownloadPackage.h"
@@ -45,15 +46,13 @@ void ZMPluginInstallPackageManager::cancel() {
   ZMCancelAndClear(getPluginResourceAddress_);
   ZMCancelAndClear(downloadPackage_);
   ZMCancelAndClear(unzipPackageTask_);
-  finished();
 }
 
 void ZMPluginInstallPackageManager::_tryPostUrl() {
   if (isCancel()) return;
   if (hostIndex_ == static_cast<int64_t>(hostArray_.size())) {
-    // Every host failed. With no host at all there is no error to pass on, and the empty error
-    // stands for none.
-    _fail(postUrlError_.value_or(ZMError()));
+    // Every host failed. With no host at all there is no error to pass on.
+    _fail(postUrlError_);
     return;
   }
   ZMCancelAndClear(getPluginResourceAddress_);
@@ -134,11 +133,9 @@ void ZMPluginInstallPackageManager::onInstallStart() {}
 
 void ZMPluginInstallPackageManager::onInstallFailure(const ZMError& error) {
   if (isCancel()) return;
-  if (auto listener = listener_.lock()) listener->onPluginInstallFailure(pluginInfo_, error);
-  // A package that could not be deleted is followed by the success of the same unpack, already
-  // waiting on the main queue. The run ends after it, so the group must not let go of this
-  // manager (and with it the unpack task whose success is pending) before it has run.
-  ZMMainQueue::post([self = shared_from_this()] { self->finished(); });
+  // A package that could not be deleted is followed by the success of the same unpack, in the
+  // same main-queue block, which keeps this manager alive for it.
+  _fail(error);
 }
 
 void ZMPluginInstallPackageManager::onInstallSuccess() {
@@ -147,14 +144,14 @@ void ZMPluginInstallPackageManager::onInstallSuccess() {
 }
 
 void ZMPluginInstallPackageManager::_recordHash() {
-  // The config is a sibling of the directory, so listing finds the plug-in by it.
-  const std::string configPath = ZMPluginManager::getPluginConfigFile(installDir_);
-  // Read-modify-write: an "updateHash" from a prefetch and any key a host put there survive.
-  auto config = ZMFileUtils::readJSONObjectFromFile(configPath);
-  ZMValue object = config && config->is_object() ? std::move(*config) : ZMValue::object();
-  object["hash"] = pluginHash_ ? ZMValue(*pluginHash_) : ZMValue();
+  // An "updateHash" from a prefetch and any key a host put there survive.
   ZMError error;
-  if (!ZMFileManager::writeFileAtomically(configPath, ZMJSONPrettyString(object), &error)) {
+  if (!ZMPluginConfig::update(
+          ZMPluginManager::getPluginConfigFile(installDir_),
+          [&](ZMValue& config) {
+            config[ZMPluginConfig::kHash] = pluginHash_ ? ZMValue(*pluginHash_) : ZMValue();
+          },
+          &error)) {
     // Without its hash the directory could not be told apart from an older install; it goes,
     // and an older config file stays as it was.
     ZMFileUtils::deleteFile(installDir_);
@@ -164,7 +161,7 @@ void ZMPluginInstallPackageManager::_recordHash() {
   _succeed();
 }
 
-void ZMPluginInstallPackageManager::_fail(const ZMError& error) {
+void ZMPluginInstallPackageManager::_fail(const std::optional<ZMError>& error) {
   finished();
   if (auto listener = listener_.lock()) listener->onPluginInstallFailure(pluginInfo_, error);
 }

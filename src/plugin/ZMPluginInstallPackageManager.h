@@ -20,8 +20,8 @@ class ZMPluginUnzipPackageTask;
 // ZMPluginInstallPackageManager installs one plug-in version from the plug-in service for the
 // host's installPlugin: it asks the service hosts, in order, where the package is (the next host
 // only when a query fails), downloads the package into the package cache with its MD5 checked,
-// unpacks it straight into the plug-in's directory and records the package hash under "hash" in
-// the plug-in's config file (other keys kept). Every host callback carries the host's plug-in
+// unpacks it into a staged directory that then replaces the plug-in's directory whole, and
+// records the package hash under "hash" in the plug-in's config file (other keys kept). Every host callback carries the host's plug-in
 // info first. A package that unpacks but cannot be deleted is reported as a failure and then,
 // as the config is still written, as a success.
 //
@@ -85,7 +85,7 @@ class ZMPluginInstallPackageManager
   // Writes "hash" into the plug-in's config, keeping its other keys, and tells the host.
   void _recordHash();
   // Tells the host of a failure, and of success; either ends the run.
-  void _fail(const ZMError& error);
+  void _fail(const std::optional<ZMError>& error);
   void _succeed();
 
   const std::weak_ptr<ZMPluginInstallListener> listener_;

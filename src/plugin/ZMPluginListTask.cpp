@@ -22,10 +22,7 @@ void ZMPluginListTask::_listPlugin(const std::string& root) {
   // A root that cannot be listed (a file, no permission) simply holds no plug-ins.
   const auto names = ZMFileManager::contentsOfDirectory(root, nullptr);
   for (const auto& name : names.value_or(std::vector<std::string>())) {
-    if (isCancel()) {
-      finished();  // no reply will run, so the owner's group need not keep the task
-      return;
-    }
+    if (isCancel()) return;  // the cancel ended the run
     const std::string path = ZMPathJoin(root, name);
     // Config files are plain files beside the directories; only directories are plug-ins.
     if (!ZMFileManager::kindOfItem(path).isDirectory) continue;

@@ -18,6 +18,8 @@
 namespace {
 
 ZMError invalidNameError() { return ZMError("plugin provider or version is invalid", 0); }
+// A request made after done(): it fails at once rather than start work nobody would finish.
+ZMError doneError() { return ZMError("plugin manager is done", 0); }
 
 }  // namespace
 
@@ -73,7 +75,9 @@ void ZMPluginManager::setPluginServiceHosts(std::vector<std::string> hosts) {
 std::optional<ZMError> ZMPluginManager::onGameEvent(ZMGameEvent event, ZMValue& options) {
   switch (event) {
     case ZMGameEventInit:
-      // The layout's plug-in root is the creation option, or Caches + "plugin".
+      // `options` are the creation options, and the layout was made from these very options:
+      // its plug-in root is their "rt_storage_path_plugin", or Caches + "plugin". The layout is
+      // the one reader of the root keys, so they are not read a second time here.
       storagePluginPath_ = layout_->plugin;
       ZMFileUtils::validateDirectory(storagePluginPath_);
       appPackageCache_ = layout_->cache;
@@ -135,9 +139,12 @@ void ZMPluginManager::checkPluginVersion(const ZMValue& info,
     if (host) host->onCheckPluginFailure(info, invalidNameError());
     return;
   }
+  if (tasks_->hasEnded()) {
+    if (host) host->onCheckPluginFailure(info, doneError());
+    return;
+  }
   ZMCancelAndClear(pluginCheckPackageManager_);
   if (host) host->onCheckPluginVersionStart(info);
-  if (tasks_->hasEnded()) return;
   pluginCheckPackageManager_ = adopt(std::make_shared<ZMPluginCheckPackageManager>(
       appPackageCache_, getPluginDirFile(storagePluginPath_, *provider, *version),
       std::move(listener), layout_->packageLimits));
@@ -163,7 +170,10 @@ void ZMPluginManager::installPlugin(const ZMValue& info,
     if (host) host->onPluginInstallFailure(info, invalidNameError());
     return;
   }
-  if (tasks_->hasEnded()) return;
+  if (tasks_->hasEnded()) {
+    if (host) host->onPluginInstallFailure(info, doneError());
+    return;
+  }
   pluginInstallPackageManager_ = adopt(std::make_shared<ZMPluginInstallPackageManager>(
       pluginServiceHosts_, appPackageCache_,
       getPluginDirFile(storagePluginPath_, *provider, *version), _getUniqueId(),
@@ -174,7 +184,10 @@ void ZMPluginManager::installPlugin(const ZMValue& info,
 
 void ZMPluginManager::listPlugin(std::weak_ptr<ZMGameListListener> listener) {
   ZMCancelAndClear(listTask_);
-  if (tasks_->hasEnded()) return;
+  if (tasks_->hasEnded()) {
+    if (auto host = listener.lock()) host->onListGameFailure(doneError());
+    return;
+  }
   listTask_ = adopt(std::make_shared<ZMPluginListTask>(std::move(listener)));
   listTask_->execute(storagePluginPath_);
 }
@@ -182,7 +195,10 @@ void ZMPluginManager::listPlugin(std::weak_ptr<ZMGameListListener> listener) {
 void ZMPluginManager::removePluginList(const ZMValue& list,
                                        std::weak_ptr<ZMPluginRemoveListener> listener) {
   ZMCancelAndClear(removeListTask_);
-  if (tasks_->hasEnded()) return;
+  if (tasks_->hasEnded()) {
+    if (auto host = listener.lock()) host->onPluginRemoveFailure(doneError());
+    return;
+  }
   removeListTask_ =
       adopt(std::make_shared<ZMPluginRemoveListTask>(storagePluginPath_, std::move(listener)));
   removeListTask_->execute(list);

@@ -81,7 +81,8 @@ class ZMPluginManager : public ZMZimoGamePluginManager,
   void setPluginServiceHosts(std::vector<std::string> hosts) override;
 
   // Cancels every worker and waits until none of their background work runs; the runtime's
-  // done() calls it. Later requests are refused silently.
+  // done() calls it. A later request fails at once with "plugin manager is done" (an install
+  // after its start callback, as an install's validation failures do).
   void done();
 
   const std::string& storagePluginPath() const { return storagePluginPath_; }

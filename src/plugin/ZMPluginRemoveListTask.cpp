@@ -21,10 +21,7 @@ void ZMPluginRemoveListTask::_removeList(const ZMValue& list) {
   }
   ZMValue removedList = ZMValue::array();
   for (const ZMValue& info : list) {
-    if (isCancel()) {
-      finished();  // no reply will run, so the owner's group need not keep the task
-      return;
-    }
+    if (isCancel()) return;  // the cancel ended the run
     _onProgressUpdate(info, true);
     const auto provider = ZMTextOption(info, "provider");
     const auto version = ZMTextOption(info, "version");

@@ -51,7 +51,7 @@ void ZMPluginUnzipPackageTask::onUnzipFailed(const std::string& message) {
   _deletePackage();
   staging_.reset();
   ZMFileUtils::deleteFile(installDir_);
-  _complete(ZMError(message, 0));
+  _complete({ZMError(message, 0)});
 }
 
 void ZMPluginUnzipPackageTask::onUnzipSucceed() {
@@ -59,7 +59,6 @@ void ZMPluginUnzipPackageTask::onUnzipSucceed() {
     // Nobody hears of it (the outcome is silenced), and the destination stays as it was.
     _deletePackage();
     staging_.reset();
-    _complete(std::nullopt);
     return;
   }
   ZMError error;
@@ -69,22 +68,16 @@ void ZMPluginUnzipPackageTask::onUnzipSucceed() {
   }
   staging_.reset();
   if (!_deletePackage()) {
+    // The owner is told of the failure, and then of the success all the same.
     ZMFileUtils::deleteFile(installDir_);
-    _complete(ZMError(ZMFormat("deleteFile failure: %@", {zipFilePath_}), 0), false);
+    _complete({ZMError(ZMFormat("deleteFile failure: %@", {zipFilePath_}), 0), std::nullopt});
+    return;
   }
-  // Reached after a failed deletion too: the owner is told of the failure and then of success.
-  _complete(std::nullopt);
+  _complete({std::nullopt});
 }
 
-void ZMPluginUnzipPackageTask::_complete(const std::optional<ZMError>& error, bool last) {
-  postStep([error, last](ZMPluginUnzipPackageTask& self) {
-    if (last) self.finished();
-    auto listener = self.listener_.lock();
-    if (!listener) return;
-    if (error) {
-      listener->onInstallFailure(*error);
-    } else {
-      listener->onInstallSuccess();
-    }
-  });
+void ZMPluginUnzipPackageTask::_complete(std::vector<std::optional<ZMError>> outcomes) {
+  postFinalOutcomes(
+      std::move(outcomes), [](auto& listener, const ZMError& e) { listener.onInstallFailure(e); },
+      [](auto& listener) { listener.onInstallSuccess(); });
 }

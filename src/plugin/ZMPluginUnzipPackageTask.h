@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tavo/ZMCoreListeners.h"
 #include "tavo/ZMGameListeners.h"
@@ -55,9 +56,10 @@ class ZMPluginUnzipPackageTask : public ZMUnzipGamePackageListener,
   const std::string& zipFilePath() const { return zipFilePath_; }
 
  private:
-  // Posts onInstallFailure for an error, else onInstallSuccess. `last` is false only for the
-  // failure that a success of the same unzip follows.
-  void _complete(const std::optional<ZMError>& error, bool last = true);
+  // Posts the outcomes, in order and in one main-queue block: onInstallFailure for an error,
+  // onInstallSuccess for null. Two of them are a failure that a success of the same unzip
+  // follows; arriving back to back, they need the owner kept alive for nothing in between.
+  void _complete(std::vector<std::optional<ZMError>> outcomes);
 
   // Deletes the package (its private name and its shared one); false when that failed.
   bool _deletePackage();

@@ -13,7 +13,7 @@ using Form = ZMPluginProtocolPostForm;
 ZMPluginProtocolPostHash::ZMPluginProtocolPostHash(
     std::string pluginRootPath, const std::string& host, std::optional<std::string> deviceId,
     std::string gameId, std::string appBundleId, std::string runtimeVersion,
-    std::weak_ptr<ZMPluginProtocolPostHashListener> listener, PluginConfigFile pluginConfigFile)
+    std::weak_ptr<ZMPluginProtocolPostHashListener> listener, InstalledHash installedHash)
     : listener_(std::move(listener)),
       pluginRootPath_(std::move(pluginRootPath)),
       url_(Form::requestURL(host, kPath)),
@@ -21,7 +21,7 @@ ZMPluginProtocolPostHash::ZMPluginProtocolPostHash(
       gameId_(std::move(gameId)),
       appBundleId_(std::move(appBundleId)),
       runtimeVersion_(std::move(runtimeVersion)),
-      pluginConfigFile_(pluginConfigFile) {}
+      installedHash_(std::move(installedHash)) {}
 
 bool ZMPluginProtocolPostHash::execute(const ZMZimoGameConfig& config) {
   ZMValue list = ZMValue::array();
@@ -32,11 +32,8 @@ bool ZMPluginProtocolPostHash::execute(const ZMZimoGameConfig& config) {
       const auto version = ZMTextOption(declaration, "version");
       if (!provider || !version) continue;
       // Only plug-ins installed with a known hash are worth asking about. A declaration that
-      // names no plug-in safely has no config path ("") and so no hash.
-      const auto installed = ZMFileUtils::readJSONObjectFromFile(
-          pluginConfigFile_(pluginRootPath_, *provider, *version));
-      if (!installed) continue;
-      const auto hash = ZMTextOption(*installed, "hash");
+      // names no plug-in safely has no config and so no hash.
+      const auto hash = installedHash_(pluginRootPath_, *provider, *version);
       if (!hash || hash->empty()) continue;
       list.push_back({{"plugin_id", *provider}, {"version", *version}, {"hash", *hash}});
     }

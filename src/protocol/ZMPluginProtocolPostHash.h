@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -23,8 +24,8 @@
 //
 // Ownership: the listener is held weakly; the request in flight (`dataTask`) strongly; the
 // request's completion holds this object weakly (releasing it silences the reply). The plug-in
-// directory layout belongs to the plug-in manager, which hands in how it names a plug-in's config
-// file.
+// directory layout and config files belong to the plug-in subsystem, which hands in how it reads
+// an installed plug-in's hash.
 //
 // Threads: execute() reads the installed plug-ins' config files on the caller's thread; replies
 // are handled and reported on the main queue. A cancelled request logs "post hash request has
@@ -32,17 +33,17 @@
 class ZMPluginProtocolPostHash : public std::enable_shared_from_this<ZMPluginProtocolPostHash> {
  public:
   static constexpr const char* kPath = "runtime/plugin/hash";
-  // The manager's getPluginConfigFile(root, pluginId, version).
-  using PluginConfigFile = std::string (*)(const std::string& root, const std::string& pluginId,
-                                           const std::string& version);
+  // The hash recorded for an installed plug-in under `root`, or null (ZMPluginConfig's).
+  using InstalledHash = std::function<std::optional<std::string>(
+      const std::string& root, const std::string& pluginId, const std::string& version)>;
 
   // `initWithPluginRootPath:host:deviceId:gameId:appBundleId:runtimeVersion:listener:`, plus the
-  // manager's config-file naming. `deviceId` may be null. Sends nothing.
+  // plug-in subsystem's reading of installed hashes. `deviceId` may be null. Sends nothing.
   ZMPluginProtocolPostHash(std::string pluginRootPath, const std::string& host,
                            std::optional<std::string> deviceId, std::string gameId,
                            std::string appBundleId, std::string runtimeVersion,
                            std::weak_ptr<ZMPluginProtocolPostHashListener> listener,
-                           PluginConfigFile pluginConfigFile);
+                           InstalledHash installedHash);
 
   // Reports the game's installed plug-ins (config.plugins(): {"provider", "version"} objects)
   // with their recorded hashes; returns at once. False when nothing was sent (no installed
@@ -74,7 +75,7 @@ class ZMPluginProtocolPostHash : public std::enable_shared_from_this<ZMPluginPro
   const std::string gameId_;
   const std::string appBundleId_;
   const std::string runtimeVersion_;
-  const PluginConfigFile pluginConfigFile_;
+  const InstalledHash installedHash_;
 
   ZMPluginProtocolRequest request_;  // `dataTask`
 };

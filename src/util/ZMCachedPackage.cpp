@@ -37,7 +37,8 @@ class CacheLock {
 };
 
 bool sameFile(const std::string& a, const std::string& b) {
-  struct stat x {}, y {};
+  struct stat x {
+  }, y{};
   return ::lstat(a.c_str(), &x) == 0 && ::lstat(b.c_str(), &y) == 0 && x.st_dev == y.st_dev &&
          x.st_ino == y.st_ino;
 }

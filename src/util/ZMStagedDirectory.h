@@ -18,8 +18,7 @@
 // Owned by the one unpack that fills it; any thread, one at a time.
 class ZMStagedDirectory {
  public:
-  static std::unique_ptr<ZMStagedDirectory> create(const std::string& destination,
-                                                   ZMError* error);
+  static std::unique_ptr<ZMStagedDirectory> create(const std::string& destination, ZMError* error);
   ~ZMStagedDirectory();
   ZMStagedDirectory(const ZMStagedDirectory&) = delete;
   ZMStagedDirectory& operator=(const ZMStagedDirectory&) = delete;

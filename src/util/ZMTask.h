@@ -3,9 +3,12 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "platform/ZMGlobalQueue.h"
+#include "tavo/ZMError.h"
 #include "tavo/ZMMainQueue.h"
 
 class ZMTaskGroup;
@@ -37,7 +40,12 @@ void ZMCancelAndClear(std::shared_ptr<Worker>& worker) {
 class ZMTaskBase {
  public:
   virtual ~ZMTaskBase() = default;
-  virtual void cancel() { isCancel_ = true; }
+  // Overrides stop their own work and then call this. A cancelled task reports nothing more, so
+  // its group lets go of it here: no path after a cancel needs to say that the run is over.
+  virtual void cancel() {
+    markCancelled();
+    finished();
+  }
   bool isCancel() const { return isCancel_ || ZMGlobalQueue::isEnding(); }
 
   // True once nothing may run on this task's behalf: the group has ended (its owner's done()) or
@@ -52,7 +60,12 @@ class ZMTaskBase {
   // Runs `work` on the global queue, counted by the group so that ending the group waits for it;
   // skipped when the group has ended before the work starts. The work holds what it needs.
   void postWork(std::function<void()> work);
-  // Tells the group that this task's last reply has run, so it need not be kept any longer.
+  // Sets the cancel flag alone, for a task whose cancel silences only its outcome and which the
+  // group must keep until its last reply has run.
+  void markCancelled() { isCancel_ = true; }
+  // Tells the group that this task's last reply has run, so it need not be kept any longer. A run
+  // ends in exactly one of: its final reply (postFinalReply, or a step that calls this first), a
+  // cancel, or a check that finds it cancelled; calling it twice is harmless.
   void finished();
   // The group set by the owner, or null; a worker puts the tasks it starts into it as well.
   const std::shared_ptr<ZMTaskGroup>& group() const { return group_; }
@@ -106,6 +119,23 @@ class ZMTask : public ZMTaskBase, public std::enable_shared_from_this<Derived> {
     postStep([reply = std::move(reply)](Derived& self) mutable {
       self.finished();
       if (auto listener = self.listener_.lock()) reply(*listener);
+    });
+  }
+
+  // The outcomes that end a run, posted in order in one block: failure(listener, error) for an
+  // error, success(listener) for a null. Two of them are a failure that a success of the same
+  // run follows; arriving back to back, they need the owner kept alive for nothing in between.
+  template <typename Failure, typename Success>
+  void postFinalOutcomes(std::vector<std::optional<ZMError>> outcomes, Failure failure,
+                         Success success) {
+    postStep([outcomes = std::move(outcomes), failure = std::move(failure),
+              success = std::move(success)](Derived& self) mutable {
+      self.finished();
+      auto listener = self.listener_.lock();
+      for (const auto& error : outcomes) {
+        if (!listener || self.isCancel()) return;
+        error ? failure(*listener, *error) : success(*listener);
+      }
     });
   }
 

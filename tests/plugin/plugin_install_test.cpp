@@ -100,7 +100,7 @@ TEST(ZMPluginInstallPackageManager, AsksHostsInOrderThenDownloadsUnpacksAndRecor
   } rows[] = {
       {R"({"code":404})", "not json", {"a url", "b url"}, "get plugin url error (null)|0"},
       {"not json", R"({"code":404})", {"a url", "b url"}, "get plugin url error 404|0"},
-      {"", "", {}, "|0"},  // no host at all
+      {"", "", {}, "null"},  // no host at all, so no error to pass on
       {"lists:", "", {"a url", "GET p.zip"}, "NSNetServicesErrorDomain|404"},
       {"lists:corrupt", "", {"a url", "GET p.zip"}, ""},
   };

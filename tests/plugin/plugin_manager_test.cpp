@@ -95,6 +95,24 @@ TEST_F(ZMPluginManagerTest, ListAndRemoveWorkOnThePluginRootAndANewRequestSilenc
   plugins->cancelPluginRequest();
   DrainMainQueue();
   EXPECT_EQ(cancelled->size(), 0u);
+
+  // After done(), every request still ends, at once and with a failure.
+  plugins->done();
+  const ZMValue q = {{"provider", "q"}, {"version", "2"}};
+  const std::string done = "plugin manager is done|0";
+  auto check = std::make_shared<PluginCheckRecorder>();
+  auto installing = std::make_shared<PluginInstallRecorder>();
+  auto listing = std::make_shared<ListRecorder>();
+  auto removing = std::make_shared<PluginRemoveRecorder>();
+  plugins->checkPluginVersion(q, check);
+  plugins->installPlugin(q, installing);
+  plugins->listPlugin(listing);
+  plugins->removePluginList(ZMValue::array({q}), removing);
+  EXPECT_EQ(check->events(), Events{"failure:q|" + done});
+  EXPECT_EQ(installing->events(), (Events{"start:q", "failure:q|" + done}));
+  EXPECT_EQ(listing->events(), Events{"onListGameFailure:" + done});
+  EXPECT_EQ(removing->events(), Events{"failure:" + done});
+  EXPECT_EQ(ListDir(t.plugin()), (Events{"q_2", "q_2.detail.json"}));
 }
 
 TEST_F(ZMPluginManagerTest, ARunningGameWithPluginsPrefetchesFromTheHostsSetLast) {

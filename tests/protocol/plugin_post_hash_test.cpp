@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "plugin/ZMPluginManager.h"
+#include "plugin/ZMPluginConfig.h"
 #include "runtime/ZMGameConfig.h"
 #include "support/TestListeners.h"
 #include "support/TestPluginService.h"
@@ -41,9 +41,7 @@ struct PluginRoot {
                                                   const std::string& host = "") {
     return std::make_shared<ZMPluginProtocolPostHash>(
         dir.path(), host.empty() ? service.host("s") : host, std::nullopt, "g&1",
-        "com.example.host", "1.0.0", recorder,
-        static_cast<ZMPluginProtocolPostHash::PluginConfigFile>(
-            &ZMPluginManager::getPluginConfigFile));
+        "com.example.host", "1.0.0", recorder, &ZMPluginConfig::installedHash);
   }
 };
 

@@ -188,8 +188,8 @@ struct PluginInstallRecorder : ZMPluginInstallListener, EventLog {
     note("retry", ProviderOf(i), n);
   }
   void onPluginInstallSuccess(const ZMValue& i) override { note("success", ProviderOf(i)); }
-  void onPluginInstallFailure(const ZMValue& i, const ZMError& e) override {
-    note("failure", ProviderOf(i), e);
+  void onPluginInstallFailure(const ZMValue& i, const std::optional<ZMError>& e) override {
+    e ? note("failure", ProviderOf(i), *e) : note("failure", ProviderOf(i), std::string("null"));
   }
 };
 

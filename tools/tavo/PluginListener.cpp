@@ -54,12 +54,16 @@ void PluginListener::onPluginInstallSuccess(const ZMValue& info) {
   succeed();
 }
 
-void PluginListener::onPluginInstallFailure(const ZMValue& info, const ZMError& error) {
-  reporter_.event("onPluginInstallFailure", ZMValue::array({info, Error(error)}));
+void PluginListener::onPluginInstallFailure(const ZMValue& info,
+                                            const std::optional<ZMError>& error) {
+  // Null only without any service host.
+  const ZMError reported = error.value_or(ZMError("no plug-in service host", 0));
+  reporter_.event("onPluginInstallFailure",
+                  ZMValue::array({info, error ? Error(*error) : ZMValue()}));
   // A package that could not be deleted after a good unpack is reported, and the install then
   // succeeds all the same: that failure is not the last callback.
-  const bool last = error.domain.rfind("deleteFile failure", 0) != 0;
-  fail(error, last);
+  const bool last = reported.domain.rfind("deleteFile failure", 0) != 0;
+  fail(reported, last);
 }
 
 void PluginListener::onPluginRemoveStart(const ZMValue& info) {

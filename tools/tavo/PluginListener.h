@@ -20,7 +20,7 @@ class PluginListener : public HostListener,
                                 int64_t totalSize) override;
   void onPluginDownloadRetry(const ZMValue& info, int64_t retryNo) override;
   void onPluginInstallSuccess(const ZMValue& info) override;
-  void onPluginInstallFailure(const ZMValue& info, const ZMError& error) override;
+  void onPluginInstallFailure(const ZMValue& info, const std::optional<ZMError>& error) override;
   void onPluginRemoveStart(const ZMValue& info) override;
   void onPluginRemoveFinish(const ZMValue& info) override;
   void onPluginRemoveSuccess(const ZMValue& removed) override;
