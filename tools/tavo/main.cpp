@@ -140,7 +140,9 @@ int main(int argc, char** argv) {
   run->add_option("--app", appId, "App id")->required();
   run->add_option("--version", version, "Version")->required();
   run->add_option("--extend", extend, "Host data kept with the game's record");
-  run->add_option("--hold", holdSeconds, "Seconds the game keeps running before it exits");
+  run->add_option("--hold", holdSeconds,
+                  "Seconds the game keeps running before it exits (SIGINT or SIGTERM ends the "
+                  "hold sooner)");
   run->add_flag("--loading-times", loadingTimes, "Log the launch's timings");
 
   auto* list = app.add_subcommand("list", "List the user's games");
