@@ -1,0 +1,67 @@
+#pragma once
+
+#include <asio.hpp>
+#include <chrono>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "HttpMessage.h"
+#include "HttpRequestReader.h"
+
+class HttpServer;
+
+// HttpConnection is one client of HttpServer: it reads a request, has the server's handler
+// answer it, sends the response, and then waits for the next request on the same connection
+// (or lingers briefly and closes). Each phase has a deadline, which the server's sweep enforces.
+// Lives on the server's loop thread only; the server's list and its pending operations own it.
+class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
+ public:
+  using Clock = std::chrono::steady_clock;
+  enum class Phase { Waiting, Head, Body, Handling, Sending, Closing, Closed };
+
+  HttpConnection(HttpServer& server, asio::ip::tcp::socket socket);
+  void start();
+  // Ends the connection at once, without a word to the client.
+  void close();
+  // The phase's deadline has passed.
+  void expire();
+  // Hands over the handler's answer to the request read last.
+  void respond(HttpResponse response);
+
+  Phase phase() const { return phase_; }
+  Clock::time_point since() const { return since_; }
+  Clock::time_point deadline() const { return deadline_; }
+
+  std::list<std::shared_ptr<HttpConnection>>::iterator slot;  // in the server's list
+
+ private:
+  void enter(Phase phase, std::optional<std::chrono::seconds> limit);
+  // Reads what has arrived and acts on it; waits when nothing has.
+  void receive();
+  // Acts on the input held; false when it needs no more input for now.
+  bool process();
+  // Writes what is left of the response; waits while the client's window is full.
+  void send();
+  void sent();
+  void wait(asio::socket_base::wait_type type);
+  void log(int status, const std::string& note);
+
+  HttpServer& server_;
+  asio::ip::tcp::socket socket_;
+  HttpRequestReader reader_;
+  std::string input_;
+  Phase phase_ = Phase::Waiting;
+  Clock::time_point since_;
+  Clock::time_point deadline_;
+  // The request being answered.
+  std::string method_, target_;
+  bool keepAlive_ = false;
+  bool http10_ = false;
+  // The response being sent: out_ from outSent_ on, then file_.
+  std::string out_;
+  std::size_t outSent_ = 0;
+  std::optional<HttpResponse::FileBody> file_;
+  bool closeAfter_ = false;
+};
