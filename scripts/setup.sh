@@ -10,6 +10,7 @@ packages=(
   libasio-dev
   libcli11-dev libcpp-httplib-dev googletest libgtest-dev libbenchmark-dev
   curl zip unzip libarchive-tools ca-certificates openssl time
+  nginx-light  # the tool test of `tavo serve` behind nginx
   "$@"  # extra packages a caller needs (scripts/fuzz: Clang and libFuzzer)
 )
 

@@ -1,5 +1,5 @@
 // `tavo serve` as clients on a network meet it: the runtime's queries, hostile and slow
-// clients and byte ranges.
+// clients, byte ranges, and the production shape behind nginx.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -266,6 +266,111 @@ TEST_F(TavoServe, RangesAreAnsweredExactlyAndEveryListedNameInstalls) {
     EXPECT_EQ(r.status, 0) << provider << ": " << r.err;
     EXPECT_EQ(ReadFile(root + "/Caches/plugin/" + provider + "_1.0/main.js"), provider);
   }
+}
+
+// A port that was free a moment ago.
+int FreePort() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+// Polls `done` every 20 ms for up to 60 s.
+bool Eventually(const std::function<bool()>& done) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+std::string Replaced(std::string text, const std::string& from, const std::string& to) {
+  const auto at = text.find(from);
+  EXPECT_NE(at, std::string::npos) << from;
+  return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
+// The README's production shape: nginx serves the packages and balances the queries over two
+// replicas. A game with 1,000 plug-ins gets its one update prefetched through it.
+TEST_F(TavoServe, NginxServesPackagesAndBalancesQueriesOverTwoReplicas) {
+  const std::string nginx = "/usr/sbin/nginx";
+  if (::access(nginx.c_str(), X_OK) != 0) {
+    GTEST_SKIP() << "nginx is not installed (Debian: nginx-light; scripts/setup.sh installs it)";
+  }
+  const std::string site = ReadFile(TAVO_SOURCE_DIR "/examples/plugin_service/nginx.conf");
+  EXPECT_NE(ReadFile(TAVO_SOURCE_DIR "/README.md").find(site), std::string::npos)
+      << "the README shows examples/plugin_service/nginx.conf as it is";
+  MakeZip(pk + "/demo_1.0.zip", {{"main.js", "revision 1"}});
+  const int port = FreePort();
+  const std::string front = "http://127.0.0.1:" + std::to_string(port);
+  const std::vector<std::string> args = {"--package-url", front + "/plugins"};
+  ServedPlugins one(pk, dir / "one.log", args), two(pk, dir / "two.log", args);
+  const std::string prefix = dir / "nginx";
+  std::filesystem::create_directories(prefix);
+  std::string conf = Replaced(site, "listen 80;", "listen 127.0.0.1:" + std::to_string(port) + ";");
+  conf = Replaced(conf, "127.0.0.1:8701", "127.0.0.1:" + std::to_string(one.port));
+  conf = Replaced(conf, "127.0.0.1:8702", "127.0.0.1:" + std::to_string(two.port));
+  WriteFile(prefix + "/site.conf", Replaced(conf, "/srv/plugins/", pk + "/"));
+  // One unprivileged process with everything under its prefix.
+  WriteFile(prefix + "/nginx.conf",
+            "daemon off; master_process off; pid " + prefix +
+                "/nginx.pid;\n"
+                "events { worker_connections 256; }\nhttp {\n  access_log " +
+                prefix + "/access.log;\n  client_body_temp_path " + prefix +
+                "/body;\n  proxy_temp_path " + prefix + "/proxy;\n  fastcgi_temp_path " + prefix +
+                "/fastcgi;\n  uwsgi_temp_path " + prefix + "/uwsgi;\n  scgi_temp_path " + prefix +
+                "/scgi;\n  include " + prefix + "/site.conf;\n}\n");
+  TavoChild front_({"-p", prefix, "-e", prefix + "/error.log", "-c", prefix + "/nginx.conf"},
+                   dir / "nginx.err", nginx);
+  ASSERT_TRUE(Eventually([&] {
+    httplib::Client probe("127.0.0.1", port);
+    return static_cast<bool>(probe.Get("/"));
+  })) << ReadFile(prefix + "/error.log");
+
+  const std::vector<std::string> at = {"--plugin-service", front + "/ced"};
+  auto with = [&](std::vector<std::string> command) {
+    command.insert(command.end(), at.begin(), at.end());
+    return command;
+  };
+  ASSERT_EQ(tavo(with({"plugin", "install", "--provider", "demo", "--version", "1.0"})).status, 0);
+  std::string config = R"({"plugins":{"demo":{"provider":"demo","version":"1.0"})";
+  for (int i = 0; i < 999; ++i) {
+    const std::string name = "p" + std::to_string(i);
+    config += ",\"" + name + "\":{\"provider\":\"" + name + "\",\"version\":\"1.0\"}";
+    WriteFile(root + "/Caches/plugin/" + name + "_1.0.detail.json", R"({"hash":"0"})");
+  }
+  MakeGamePackage(dir / "g.zip", config + "}}");
+  ASSERT_EQ(tavo({"install", "--app", "g", "--version", "1", "--package", dir / "g.zip"}).status,
+            0);
+
+  // A newer package of the same version: the running game's hash query finds it, and it is
+  // prefetched into the package cache; the next check installs it.
+  MakeZip(pk + "/demo_1.0.zip", {{"main.js", "revision 2"}});
+  const std::string prefetched = root + "/tmp/" + Md5(pk + "/demo_1.0.zip") + "_demo_1.0.zip";
+  {
+    TavoChild game(with({"run", "--app", "g", "--version", "1", "--hold", "120", "--root", root}),
+                   dir / "run.err");
+    EXPECT_TRUE(Eventually([&] { return Exists(prefetched); })) << ReadFile(dir / "one.log");
+    EXPECT_EQ(game.interrupt(), 0) << ReadFile(dir / "run.err");
+  }
+  EXPECT_EQ(tavo({"plugin", "check", "--provider", "demo", "--version", "1.0"}).status, 0);
+  EXPECT_EQ(ReadFile(root + "/Caches/plugin/demo_1.0/main.js"), "revision 2");
+
+  // Each replica answered a query, and neither served a package.
+  EXPECT_EQ(front_.interrupt(), 0);
+  for (ServedPlugins* replica : {&one, &two}) EXPECT_TRUE(replica->stop());
+  for (const std::string& log : {ReadFile(dir / "one.log"), ReadFile(dir / "two.log")}) {
+    EXPECT_NE(log.find("POST /ced/runtime/plugin/"), std::string::npos) << log;
+    EXPECT_EQ(log.find("GET "), std::string::npos) << log;
+  }
+  EXPECT_NE(ReadFile(prefix + "/access.log").find("GET /plugins/demo_1.0.zip "), std::string::npos);
 }
 
 }  // namespace
