@@ -10,7 +10,7 @@ packages=(
   libasio-dev
   libcli11-dev libcpp-httplib-dev googletest libgtest-dev libbenchmark-dev
   curl zip unzip libarchive-tools ca-certificates openssl time
-  nginx-light  # the tool test of `tavo serve` behind nginx
+  nginx-light wrk  # `tavo serve` behind nginx (a tool test), and beside it (a benchmark)
   "$@"  # extra packages a caller needs (scripts/fuzz: Clang and libFuzzer)
 )
 
