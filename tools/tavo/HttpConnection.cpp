@@ -23,8 +23,10 @@ bool WouldBlock(const asio::error_code& error) {
 
 }  // namespace
 
-HttpConnection::HttpConnection(HttpServer& server, asio::ip::tcp::socket socket)
+HttpConnection::HttpConnection(HttpServer& server, HttpServer::Loop& loop,
+                               asio::ip::tcp::socket socket)
     : server_(server),
+      loop_(loop),
       socket_(std::move(socket)),
       reader_(server.limits_.maxHeadBytes, server.limits_.maxBodyBytes) {}
 
@@ -42,7 +44,7 @@ void HttpConnection::enter(Phase phase, std::optional<std::chrono::seconds> limi
 void HttpConnection::receive() {
   for (int reads = 0; reads < kBurst; ++reads) {
     asio::error_code error;
-    const std::size_t got = socket_.read_some(asio::buffer(server_.scratch_), error);
+    const std::size_t got = socket_.read_some(asio::buffer(loop_.scratch), error);
     if (WouldBlock(error)) {
       // Waiting only after the socket said it is drained: the loop wakes on new data alone.
       wait(asio::socket_base::wait_read);
@@ -53,7 +55,7 @@ void HttpConnection::receive() {
       return;
     }
     if (phase_ == Phase::Closing) continue;  // read past
-    input_.append(server_.scratch_.data(), got);
+    input_.append(loop_.scratch.data(), got);
     if (!process()) return;
   }
   asio::post(socket_.get_executor(), [self = shared_from_this()] {
@@ -182,8 +184,14 @@ void HttpConnection::sent() {
   }
   reader_.reset();
   enter(Phase::Waiting, server_.limits_.idleTimeout);
-  // A request sent right behind the last one is already here.
-  if (input_.empty() || process()) receive();
+  // Posted rather than called: a client that sends requests back to back would otherwise have
+  // them answered ever deeper down this stack.
+  asio::post(socket_.get_executor(), [self = shared_from_this()] {
+    // A request sent right behind the last one is already here.
+    if (self->phase_ == Phase::Waiting && (self->input_.empty() || self->process())) {
+      self->receive();
+    }
+  });
 }
 
 void HttpConnection::wait(asio::socket_base::wait_type type) {
@@ -218,7 +226,7 @@ void HttpConnection::close() {
   asio::error_code ignored;
   socket_.close(ignored);  // pending waits end with operation_aborted
   file_.reset();
-  server_.forget(*this);  // may drop the last reference but the caller's
+  loop_.connections.erase(slot);  // may drop the last reference but the caller's
 }
 
 void HttpConnection::log(int status, const std::string& note) {

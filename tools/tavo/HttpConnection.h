@@ -10,18 +10,18 @@
 #include "HttpMessage.h"
 #include "HttpRequestReader.h"
 
-class HttpServer;
+#include "HttpServer.h"
 
 // HttpConnection is one client of HttpServer: it reads a request, has the server's handler
 // answer it, sends the response, and then waits for the next request on the same connection
 // (or lingers briefly and closes). Each phase has a deadline, which the server's sweep enforces.
-// Lives on the server's loop thread only; the server's list and its pending operations own it.
+// Lives on its loop's thread only; the loop's list and its pending operations own it.
 class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
  public:
   using Clock = std::chrono::steady_clock;
   enum class Phase { Waiting, Head, Body, Handling, Sending, Closing, Closed };
 
-  HttpConnection(HttpServer& server, asio::ip::tcp::socket socket);
+  HttpConnection(HttpServer& server, HttpServer::Loop& loop, asio::ip::tcp::socket socket);
   void start();
   // Ends the connection at once, without a word to the client.
   void close();
@@ -31,6 +31,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   void respond(HttpResponse response);
 
   Phase phase() const { return phase_; }
+  asio::any_io_executor executor() { return socket_.get_executor(); }
   Clock::time_point since() const { return since_; }
   Clock::time_point deadline() const { return deadline_; }
 
@@ -49,6 +50,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   void log(int status, const std::string& note);
 
   HttpServer& server_;
+  HttpServer::Loop& loop_;
   asio::ip::tcp::socket socket_;
   HttpRequestReader reader_;
   std::string input_;

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "HttpMessage.h"
 
@@ -32,17 +33,20 @@ struct HttpLimits {
   std::size_t maxConnections = 4096;
 };
 
-// HttpServer is the HTTP/1.1 server of `tavo serve`. One event loop (Asio, on a thread of its
-// own) holds every connection, so an idle or slow client costs a little memory, never a thread,
-// and deadlines end those that dawdle. Each complete request goes to the handler on a small
-// pool of worker threads, so a slow answer (the MD5 of a large package) never stalls the loop.
+// HttpServer is the HTTP/1.1 server of `tavo serve`. Event loops (Asio, one thread per core)
+// hold the connections, each on one loop, so an idle or slow client costs a little memory, never
+// a thread, and deadlines end those that dawdle. The handler answers a complete request on its
+// loop when it can at once; what would stall the loop (the MD5 of a large package) it declines
+// there, and is asked again on a small pool of worker threads.
 //
 // bind(), then start(); stop() from any other thread (the destructor stops it). The handler
-// runs on the worker threads, several requests at once; `log` runs on the loop thread, one line
-// per response and per connection ended for a missed deadline.
+// runs on the loops and the workers, several requests at once; `log` runs on the loops, also at
+// once, one line per response and per connection ended for a missed deadline.
 class HttpServer {
  public:
-  using Handler = std::function<HttpResponse(HttpRequest&)>;
+  // The answer to a request; with `mayBlock` false (on the loop), null when it cannot be made
+  // at once.
+  using Handler = std::function<std::optional<HttpResponse>(HttpRequest&, bool mayBlock)>;
   using Log = std::function<void(const std::string&)>;
 
   HttpServer(HttpLimits limits, Handler handler, Log log);
@@ -61,27 +65,40 @@ class HttpServer {
   friend class HttpConnection;
   using Clock = std::chrono::steady_clock;
 
+  // One event loop and what lives on it. The connection cap is shared out between the loops,
+  // so a full loop makes room among its own connections.
+  struct Loop {
+    asio::io_context context{1};
+    asio::steady_timer sweeper{context};
+    std::list<std::shared_ptr<HttpConnection>> connections;
+    std::size_t maxConnections = 0;
+    // Every read lands here first, and only what a request still needs is kept: an idle
+    // connection holds no buffer.
+    std::array<char, 64 * 1024> scratch{};
+    std::thread thread;
+  };
+  static std::vector<std::unique_ptr<Loop>> MakeLoops(std::size_t maxConnections);
+
+  // Accepts on the first loop, handing the connections to the loops in turn.
   void accept();
-  void admit(asio::ip::tcp::socket socket);
-  // Ends the connection that is least use to keep; false when every one is busy.
-  bool makeRoom();
-  void sweep();
-  // Runs the handler on a worker, then hands the response back on the loop.
+  void admit(Loop& loop, asio::ip::tcp::socket socket);
+  // Ends the loop's connection that is least use to keep; false when every one is busy.
+  bool makeRoom(Loop& loop);
+  void sweep(Loop& loop);
+  // Has the request answered on the loop, or else on a worker and the response handed back on
+  // the loop.
   void dispatch(std::shared_ptr<HttpConnection> connection, HttpRequest request);
-  void forget(HttpConnection& connection);
+  // The handler's answer; a handler that throws answers 500.
+  std::optional<HttpResponse> answer(HttpRequest& request, bool mayBlock);
 
   const HttpLimits limits_;
   const Handler handler_;
   const Log log_;
-  asio::io_context loop_;
-  asio::ip::tcp::acceptor acceptor_{loop_};
-  asio::steady_timer sweeper_{loop_};
-  asio::steady_timer acceptRetry_{loop_};
-  std::list<std::shared_ptr<HttpConnection>> connections_;
-  // Every read lands here first, and only what a request still needs is kept: the loop is one
-  // thread, and an idle connection holds no buffer.
-  std::array<char, 64 * 1024> scratch_{};
+  std::vector<std::unique_ptr<Loop>> loops_;
+  asio::ip::tcp::acceptor acceptor_{loops_.front()->context};
+  asio::steady_timer acceptRetry_{loops_.front()->context};
+  std::size_t nextLoop_ = 0;  // the first loop's
   asio::thread_pool workers_;
-  std::thread thread_;
+  bool started_ = false;
   int port_ = -1;
 };

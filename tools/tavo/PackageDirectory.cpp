@@ -17,7 +17,7 @@ std::optional<PackageDirectory::File> PackageDirectory::file(std::string_view na
   return found;
 }
 
-std::optional<std::string> PackageDirectory::md5(const std::string& name) {
+std::optional<std::string> PackageDirectory::md5(const std::string& name, bool* unhashed) {
   const auto found = file(name);
   std::shared_ptr<Digest> digest;
   {
@@ -30,8 +30,16 @@ std::optional<std::string> PackageDirectory::md5(const std::string& name) {
     if (!slot) slot = std::make_shared<Digest>();
     digest = slot;
   }
-  std::lock_guard lock(digest->mutex);
+  std::unique_lock lock(digest->mutex, std::defer_lock);
+  if (unhashed ? !lock.try_lock() : (lock.lock(), false)) {
+    *unhashed = true;  // being hashed right now
+    return std::nullopt;
+  }
   if (digest->size != found->size || digest->modified != found->modified) {
+    if (unhashed) {
+      *unhashed = true;
+      return std::nullopt;
+    }
     digest->md5 = ZMFileUtils::getFileMD5(found->path);
     if (digest->md5 && digest->md5->empty()) digest->md5.reset();
     digest->size = found->size;

@@ -26,7 +26,8 @@ class PackageDirectory {
   // that could reach outside it or a hidden file ("/", NUL, a leading ".").
   std::optional<File> file(std::string_view name) const;
   // The file's MD5 in lower-case hex; null when there is no such file or it cannot be read.
-  std::optional<std::string> md5(const std::string& name);
+  // Given `unhashed`, a file that would have to be read first is not: it is set instead.
+  std::optional<std::string> md5(const std::string& name, bool* unhashed = nullptr);
 
  private:
   struct Digest {

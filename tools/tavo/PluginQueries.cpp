@@ -44,17 +44,22 @@ std::string Text(const ZMValue& object, const char* key) {
 
 }  // namespace
 
-ZMValue PluginQueries::answer(Kind kind, std::string_view body, const std::string& packageBase) {
+std::optional<ZMValue> PluginQueries::answer(Kind kind, std::string_view body,
+                                             const std::string& packageBase, bool mayBlock) {
   const FormList form = PluginListText(kind, body);
-  if (!form.problem.empty()) return {{"code", 400}, {"message", form.problem}};
+  if (!form.problem.empty()) return ZMValue{{"code", 400}, {"message", form.problem}};
   const ZMValue list = ZMValue::parse(form.list.begin(), form.list.end(), nullptr, false);
-  if (!list.is_array()) return {{"code", 400}, {"message", "plugin_list is not a JSON array"}};
+  if (!list.is_array()) {
+    return ZMValue{{"code", 400}, {"message", "plugin_list is not a JSON array"}};
+  }
   ZMValue results = ZMValue::array();
   for (const auto& asked : list) {
     const std::string provider = Text(asked, "plugin_id"), version = Text(asked, "version");
     if (provider.empty() || version.empty()) continue;
     const std::string name = provider + "_" + version + ".zip";
-    const auto md5 = packages_.md5(name);
+    bool unhashed = false;
+    const auto md5 = packages_.md5(name, mayBlock ? nullptr : &unhashed);
+    if (unhashed) return std::nullopt;
     if (!md5) continue;
     // The hash query lists only what changed; the url query everything that exists.
     if (kind == Kind::Hash && Text(asked, "hash") == *md5) continue;
@@ -63,5 +68,5 @@ ZMValue PluginQueries::answer(Kind kind, std::string_view body, const std::strin
                        {"hash", *md5},
                        {"url", packageBase + "/" + PercentEncode(name)}});
   }
-  return {{"code", 200}, {"plugin_results", std::move(results)}};
+  return ZMValue{{"code", 200}, {"plugin_results", std::move(results)}};
 }

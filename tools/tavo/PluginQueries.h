@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -18,8 +19,10 @@ class PluginQueries {
 
   // The reply to a query body as the runtime writes it: code 200 and plugin_results, or code
   // 400 and a message when the body is not that form. A result's url is `packageBase`, "/" and
-  // the file name, percent-encoded.
-  ZMValue answer(Kind kind, std::string_view body, const std::string& packageBase);
+  // the file name, percent-encoded. With `mayBlock` false it reads no package, and is null when
+  // one would have to be hashed first.
+  std::optional<ZMValue> answer(Kind kind, std::string_view body, const std::string& packageBase,
+                                bool mayBlock);
 
  private:
   PackageDirectory& packages_;

@@ -11,6 +11,7 @@ namespace {
 constexpr std::string_view kQueries = "/ced/runtime/plugin/";
 constexpr std::string_view kFilesPath = "/ced/packages";
 constexpr std::string_view kFiles = "/ced/packages/";
+constexpr std::size_t kLargeBody = 64 * 1024;
 
 // A Host header that can stand in a URL as it is: a name or address and a port.
 bool IsPlainHost(const std::string& host) {
@@ -36,7 +37,8 @@ PluginService::PluginService(Settings settings, std::function<void(const std::st
     : packageUrl_(WithoutTrailingSlashes(std::move(settings.packageUrl))),
       packages_(std::move(settings.directory)),
       server_(
-          settings.limits, [this](HttpRequest& request) { return handle(request); },
+          settings.limits,
+          [this](HttpRequest& request, bool mayBlock) { return handle(request, mayBlock); },
           std::move(log)) {}
 
 std::optional<std::string> PluginService::bind(const std::string& address, int port) {
@@ -60,14 +62,18 @@ std::string PluginService::packageBase(const HttpRequest& request) const {
   return origin() + std::string(kFilesPath);
 }
 
-HttpResponse PluginService::handle(HttpRequest& request) {
+std::optional<HttpResponse> PluginService::handle(HttpRequest& request, bool mayBlock) {
   const std::string_view path = request.path;
   if (path.starts_with(kQueries)) {
     const std::string_view query = path.substr(kQueries.size());
     if (query != "url" && query != "hash") return HttpResponse::error(404, "no such query");
     if (request.method != "POST") return NotAllowed("POST");
+    // A large list takes milliseconds to read: not on the loop.
+    if (!mayBlock && request.body.size() > kLargeBody) return std::nullopt;
     const auto kind = query == "url" ? PluginQueries::Kind::Url : PluginQueries::Kind::Hash;
-    const ZMValue reply = queries_.answer(kind, request.body, packageBase(request));
+    const auto answer = queries_.answer(kind, request.body, packageBase(request), mayBlock);
+    if (!answer) return std::nullopt;
+    const ZMValue& reply = *answer;
     const int code = reply["code"];
     const std::string note = code == 200
                                  ? std::to_string(reply["plugin_results"].size()) + " result(s)"

@@ -15,7 +15,7 @@
 // the files live elsewhere (nginx, a CDN, an object store) and `packageUrl` points there.
 //
 // bind(), then start(); stop() from any thread (the destructor stops it). `log` is called on the
-// server's loop thread, one line per request.
+// server's loop threads, several at once, one line per request.
 class PluginService {
  public:
   struct Settings {
@@ -38,7 +38,7 @@ class PluginService {
   void stop() { server_.stop(); }
 
  private:
-  HttpResponse handle(HttpRequest& request);
+  std::optional<HttpResponse> handle(HttpRequest& request, bool mayBlock);
   std::string packageBase(const HttpRequest& request) const;
   std::string origin() const;  // "http://ADDRESS:PORT"
 

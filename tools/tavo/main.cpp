@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -89,9 +90,12 @@ int ServePlugins(PluginService::Settings settings, const std::string& address, i
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // before any thread starts: sigwait gets them
   FitConnectionsToFileLimit(settings.limits);
-  // The server's loop thread is the only one that logs.
-  PluginService service(std::move(settings),
-                        [](const std::string& line) { std::cerr << line << std::endl; });
+  // Lines come from the server's loop threads, several at once.
+  std::mutex logging;
+  PluginService service(std::move(settings), [&logging](const std::string& line) {
+    std::lock_guard lock(logging);
+    std::cerr << line << std::endl;
+  });
   if (const auto problem = service.bind(address, port)) {
     std::cerr << "tavo serve: cannot listen on " << address << " port " << port << ": " << *problem
               << std::endl;
