@@ -8,6 +8,7 @@
 # Usage: bench/protocol/serve_vs_nginx.sh [BUILD_DIR]   (DURATION=10 CONNECTIONS=64)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
+source bench/protocol/tavo_serve.sh
 build=${1:-build}
 duration=${DURATION:-10}
 connections=${CONNECTIONS:-64}
@@ -31,11 +32,7 @@ trap cleanup EXIT
 
 mkdir -p "$work/pk" "$work/nginx"
 for name in bench physics audio net; do head -c 65536 /dev/urandom > "$work/pk/${name}_1.0.zip"; done
-"$tavo" serve "$work/pk" > "$work/serve.url" 2> /dev/null &
-serve_pid=$!
-for _ in $(seq 100); do [ -s "$work/serve.url" ] && break; sleep 0.05; done
-base=$(head -1 "$work/serve.url")
-[ -n "$base" ] || { echo "tavo serve did not start"; exit 1; }
+start_tavo_serve "$work/pk"
 port=${base%/ced}
 port=${port##*:}
 
@@ -51,8 +48,10 @@ grep -q '"code":200' "$work/reply" || { cat "$work/reply"; exit 1; }
 # Before any load, so that the peak memory is that of the held connections.
 "$idle" "$port" "$serve_pid"
 
-nginx_port=$(( port + 1 ))
-cat > "$work/nginx/nginx.conf" <<CONF
+# nginx on a port below the ephemeral range, another one if that is taken.
+for _ in 1 2 3 4 5; do
+  nginx_port=$(( 20000 + RANDOM % 10000 ))
+  cat > "$work/nginx/nginx.conf" <<CONF
 daemon off;
 worker_processes auto;
 pid $work/nginx/nginx.pid;
@@ -73,9 +72,18 @@ http {
   }
 }
 CONF
-/usr/sbin/nginx -p "$work/nginx" -e "$work/nginx/error.log" -c "$work/nginx/nginx.conf" &
-nginx_pid=$!
-for _ in $(seq 100); do curl -s -o /dev/null "http://127.0.0.1:$nginx_port/" && break; sleep 0.05; done
+  /usr/sbin/nginx -p "$work/nginx" -e "$work/nginx/error.log" -c "$work/nginx/nginx.conf" &
+  nginx_pid=$!
+  for _ in $(seq 100); do
+    curl -s -o /dev/null "http://127.0.0.1:$nginx_port/" && break 2
+    kill -0 "$nginx_pid" 2>/dev/null || break
+    sleep 0.05
+  done
+  kill "$nginx_pid" 2>/dev/null || true
+  wait "$nginx_pid" 2>/dev/null || true
+  nginx_pid=
+done
+[ -n "$nginx_pid" ] || { echo "nginx did not start"; cat "$work/nginx/error.log"; exit 1; }
 
 cat > "$work/post.lua" <<LUA
 wrk.method = "POST"
