@@ -191,13 +191,12 @@ void HttpServer::dispatch(std::shared_ptr<HttpConnection> connection, HttpReques
     connection->respond(std::move(*response));
     return;
   }
-  asio::post(
-      workers_, [this, connection = std::move(connection), request = std::move(request)]() mutable {
-        HttpResponse response = std::move(*answer(request, true));
-        auto executor = connection->executor();
-        asio::post(executor,
-                   [connection = std::move(connection), response = std::move(response)]() mutable {
-                     connection->respond(std::move(response));
-                   });
-      });
+  auto executor = connection->executor();
+  asio::post(workers_, [this, executor, connection = std::move(connection),
+                        request = std::move(request)]() mutable {
+    asio::post(executor, [connection = std::move(connection),
+                          response = std::move(*answer(request, true))]() mutable {
+      connection->respond(std::move(response));
+    });
+  });
 }

@@ -3,7 +3,7 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <csignal>
+#include <atomic>
 #include <cstdlib>
 #include <iostream>
 
@@ -11,9 +11,10 @@ namespace {
 
 constexpr std::string_view kUnzipProgress = "unzip progress:";
 
-volatile std::sig_atomic_t holdInterrupted = 0;
+// Set by the handler on whichever thread the signal lands: a lock-free atomic, safe there.
+std::atomic<bool> holdInterrupted{false};
 
-extern "C" void InterruptHold(int) { holdInterrupted = 1; }
+extern "C" void InterruptHold(int) { holdInterrupted = true; }
 
 // Keeps the game running for `hold`, or until SIGINT or SIGTERM; either way the game then
 // exits as usual. Outside the hold the signals keep their usual effect.
@@ -23,7 +24,7 @@ void HoldGame(std::chrono::milliseconds hold) {
   interrupt.sa_handler = InterruptHold;
   interrupt.sa_flags = SA_RESTART;
   sigemptyset(&interrupt.sa_mask);
-  holdInterrupted = 0;
+  holdInterrupted = false;
   sigaction(SIGINT, &interrupt, &previousInt);
   sigaction(SIGTERM, &interrupt, &previousTerm);
   // A signal handler cannot wake the main queue, so the flag is looked at every 100 ms.
@@ -32,7 +33,7 @@ void HoldGame(std::chrono::milliseconds hold) {
        now = std::chrono::steady_clock::now()) {
     const auto slice =
         std::min<std::chrono::steady_clock::duration>(end - now, std::chrono::milliseconds(100));
-    ZMMainQueue::runUntil([] { return holdInterrupted != 0; },
+    ZMMainQueue::runUntil([] { return holdInterrupted.load(); },
                           std::chrono::duration_cast<std::chrono::milliseconds>(slice));
   }
   sigaction(SIGINT, &previousInt, nullptr);
