@@ -213,9 +213,15 @@ int main(int argc, char** argv) {
   serve->add_option("--bind", serveAddress, "Address to listen on (an IP address)")
       ->capture_default_str();
   serve->add_option("--port", servePort, "Port (default: a free one)");
-  serve->add_option("--package-url", serveSettings.packageUrl,
-                    "Base URL the packages are served from elsewhere (nginx, a CDN): answers "
-                    "name BASE/<file name> (default: this service's own /ced/packages)");
+  serve
+      ->add_option("--package-url", serveSettings.packageUrl,
+                   "Base URL the packages are served from elsewhere (nginx, a CDN): answers "
+                   "name BASE/<file name> (default: this service's own /ced/packages)")
+      ->check([](const std::string& url) {
+        return url.starts_with("http://") || url.starts_with("https://")
+                   ? std::string()
+                   : "--package-url must start with http:// or https://";
+      });
   serve
       ->add_option("--max-connections", serveSettings.limits.maxConnections,
                    "Connections held at once; beyond, a new client replaces the idlest")
