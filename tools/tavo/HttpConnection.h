@@ -1,12 +1,12 @@
 #pragma once
 
-#include <asio.hpp>
 #include <chrono>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "Asio.h"
 #include "HttpMessage.h"
 #include "HttpRequestReader.h"
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <asio.hpp>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -12,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "Asio.h"
 #include "HttpMessage.h"
 
 class HttpConnection;
