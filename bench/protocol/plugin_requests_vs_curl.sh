@@ -8,6 +8,7 @@
 # Usage: bench/protocol/plugin_requests_vs_curl.sh [BUILD_DIR]   (COUNT=1000)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
+source bench/protocol/tavo_serve.sh
 build=${1:-build}
 count=${COUNT:-1000}
 driver=$build/bench/protocol/tavo_plugin_requests_driver
@@ -40,11 +41,7 @@ recorder="http://127.0.0.1:$port/ced"
 # The service under test: the plug-ins the driver asks about, each with a package.
 mkdir -p "$work/pk"
 for name in bench physics audio net; do head -c 65536 /dev/urandom > "$work/pk/${name}_1.0.zip"; done
-"$tavo" serve "$work/pk" > "$work/serve.url" 2> /dev/null &
-serve_pid=$!
-for _ in $(seq 100); do [ -s "$work/serve.url" ] && break; sleep 0.05; done
-base=$(head -1 "$work/serve.url")
-[ -n "$base" ] || { echo "tavo serve did not start"; exit 1; }
+start_tavo_serve "$work/pk"
 
 # Reads one latency in seconds per line, for requests that took `wall` seconds in all; prints
 # them the way the driver does.

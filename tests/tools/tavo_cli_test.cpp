@@ -1,21 +1,14 @@
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
-#include <httplib.h>
-
+#include "TavoCli.h"
 #include "support/TestHttpServer.h"
 #include "support/TestPluginService.h"
 #include "support/TestSupport.h"
@@ -23,55 +16,6 @@
 #include "tavo/tavo.h"
 
 namespace {
-
-struct Result {
-  int status = -1;
-  std::string out, err;
-
-  // stdout's lines parsed as JSON; a line that is not JSON fails the test.
-  std::vector<ZMValue> json() const {
-    std::vector<ZMValue> lines;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-      lines.push_back(ZMValue::parse(line, nullptr, false));
-      EXPECT_FALSE(lines.back().is_discarded()) << "not JSON: " << line;
-    }
-    return lines;
-  }
-  std::vector<std::string> events() const {
-    std::vector<std::string> names;
-    for (const auto& line : json()) names.push_back(line.value("event", ""));
-    return names;
-  }
-};
-
-std::string Quote(const std::string& arg) {
-  std::string quoted = "'";
-  for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
-class TavoCli : public ::testing::Test {
- protected:
-  TempDir dir;
-  std::string root = dir / "root";
-
-  // Runs `tavo ARGS --root ROOT` with stdout and stderr captured (stdout is not a terminal).
-  Result tavo(const std::vector<std::string>& args) {
-    std::string command = Quote(TAVO_BINARY);
-    for (const auto& arg : args) command += " " + Quote(arg);
-    command += " --root " + Quote(root) + " >" + Quote(dir / "out") + " 2>" + Quote(dir / "err");
-    const int raw = std::system(command.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(dir / "out"), ReadFile(dir / "err")};
-  }
-  // Runs with --trace, expecting success.
-  Result trace(std::vector<std::string> args) {
-    args.push_back("--trace");
-    Result r = tavo(args);
-    EXPECT_EQ(r.status, 0) << args[0] << ": " << r.err;
-    return r;
-  }
-};
 
 TEST_F(TavoCli, GameCycleAcrossInvocationsWithTrace) {
   MakeGamePackage(dir / "g.zip", R"({"deviceOrientation":"portrait"})",
@@ -196,41 +140,6 @@ TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
   EXPECT_EQ(tavo({"list"}).status, 2);
 }
 
-// `tavo serve DIR` as a child process: its base URL is its first line on stdout.
-class ServedPlugins {
- public:
-  explicit ServedPlugins(const std::string& dir, const std::string& log) {
-    const std::string command = "exec " + Quote(TAVO_BINARY) + " serve " + Quote(dir) + " 2>" +
-                                Quote(log) + " & echo pid $!";
-    pipe_ = ::popen(command.c_str(), "r");
-    char line[256];
-    while ((pid_ == 0 || url.empty()) && std::fgets(line, sizeof line, pipe_)) {
-      std::string text(line);
-      text.pop_back();
-      if (text.rfind("pid ", 0) == 0) pid_ = std::stoi(text.substr(4));
-      if (text.rfind("http://", 0) == 0) url = text;
-    }
-  }
-  // Interrupted, it stops: its output closes within 10 s.
-  bool stop() {
-    ::kill(pid_, SIGINT);
-    pollfd output{::fileno(pipe_), POLLIN, 0};
-    char buffer[256];
-    bool closed = false;
-    while (!closed && ::poll(&output, 1, 10000) == 1) {
-      closed = ::read(output.fd, buffer, sizeof buffer) <= 0;
-    }
-    if (!closed) ::kill(pid_, SIGKILL);
-    ::pclose(pipe_);
-    return closed;
-  }
-  std::string url;
-
- private:
-  FILE* pipe_ = nullptr;
-  int pid_ = 0;
-};
-
 TEST_F(TavoCli, PluginCycleAgainstTheReferenceService) {
   std::filesystem::create_directories(dir / "pk");
   MakeZip(dir / "pk/demo_1.0.zip", {{"main.js", "console.log(1)"}});
@@ -272,28 +181,9 @@ TEST_F(TavoCli, PluginCycleAgainstTheReferenceService) {
   EXPECT_EQ(tavo(plugin({"install", "--provider", "nope", "--version", "1"})).status, 1);
   EXPECT_EQ(tavo(plugin({"remove", "--provider", "a"})).status, 1) << "unpaired";
 
-  // Hostile bodies: unreadable lists get code 400; raw "&" and "=" in values do not confuse the
-  // list, which is the body's last field; a huge list is answered.
-  httplib::Client client(service.url.substr(0, service.url.size() - 4));
-  std::string huge = "plugin_list=[";
-  for (int i = 0; i < 20000; ++i) huge += R"({"plugin_id":"x","version":"1"},)";
-  huge += R"({"plugin_id":"demo","version":"1.0"}])";
-  for (const auto& [body, code, results] : std::vector<std::tuple<std::string, int, std::size_t>>{
-           {R"(client_id=a&plugin_list=[{"plugin_id":"demo")", 400, 0},
-           {"", 400, 0},
-           {R"(device_id=a&plugin_list=[]&b=c&plugin_list=[{"plugin_id":"demo","version":"1.0"}])",
-            200, 1},
-           {huge, 200, 1}}) {
-    const auto reply = client.Post("/ced/runtime/plugin/url", body, "text/plain");
-    ASSERT_TRUE(reply);
-    const ZMValue answer = ZMValue::parse(reply->body, nullptr, false);
-    EXPECT_EQ(answer["code"], code) << body.substr(0, 60);
-    EXPECT_EQ(answer.value("plugin_results", ZMValue::array()).size(), results);
-  }
-
   EXPECT_TRUE(service.stop());
   const std::string log = ReadFile(dir / "serve.log");
-  EXPECT_NE(log.find("POST /ced/runtime/plugin/url code 200, 1 result(s)"), std::string::npos);
+  EXPECT_NE(log.find("POST /ced/runtime/plugin/url 200, code 200, 1 result(s)"), std::string::npos);
   EXPECT_NE(log.find("GET /ced/packages/demo_1.0.zip 200"), std::string::npos) << log;
 }
 

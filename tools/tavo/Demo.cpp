@@ -118,8 +118,10 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
   const std::string pluginDir = work + "/plugins";
   const std::string pluginPackage = pluginDir + "/" + kPlugin + "_" + kPluginVersion + ".zip";
   std::filesystem::create_directories(pluginDir);
-  PluginService plugins(pluginDir, [](const std::string&) {});
-  if (!WriteSamplePlugin(pluginPackage, 1) || !plugins.bind(0)) {
+  PluginService::Settings pluginSettings;
+  pluginSettings.directory = pluginDir;
+  PluginService plugins(pluginSettings, [](const std::string&) {});
+  if (!WriteSamplePlugin(pluginPackage, 1) || plugins.bind("127.0.0.1", 0)) {
     reporter.failure("demo", "cannot set up the plug-in service");
     std::filesystem::remove_all(work);
     return kExitFailure;

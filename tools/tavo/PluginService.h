@@ -1,62 +1,50 @@
 #pragma once
 
-#include <httplib.h>
-
-#include <atomic>
-#include <cstdint>
 #include <functional>
-#include <map>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 
-#include "tavo/ZMValue.h"
+#include "HttpServer.h"
+#include "PackageDirectory.h"
+#include "PluginQueries.h"
 
-// PluginService is the reference plug-in service that `tavo serve` and `tavo demo` run: it
-// answers the runtime's "runtime/plugin/url" and "runtime/plugin/hash" queries for the packages
-// in one directory, named <provider>_<version>.zip, and serves those files. A package's hash is
-// its MD5, computed when it is first asked about and again whenever the file changes (its size
-// or modification time), so a package replaced while the service runs is announced anew.
+// PluginService is the plug-in service that `tavo serve` and `tavo demo` run: it answers the
+// runtime's "runtime/plugin/url" and "runtime/plugin/hash" queries (PluginQueries) for the
+// packages in one directory, and serves that directory's files under /ced/packages/. It keeps
+// no state beyond the directory, so any number of them behind a load balancer agree; at scale
+// the files live elsewhere (nginx, a CDN, an object store) and `packageUrl` points there.
 //
-// Requests are handled on the HTTP server's own threads; `log` is called there, one line per
-// request. bind(), then start() (the server runs on a thread of its own); stop() from any
-// thread. The destructor stops it.
+// bind(), then start(); stop() from any thread (the destructor stops it). `log` is called on the
+// server's loop threads, several at once, one line per request.
 class PluginService {
  public:
-  PluginService(std::string directory, std::function<void(const std::string&)> log);
-  ~PluginService();
+  struct Settings {
+    std::string directory;
+    // Where answers say the packages are: "<packageUrl>/<file name>". Empty: this service's own
+    // /ced/packages, at the address the client reached the service by.
+    std::string packageUrl;
+    HttpLimits limits;
+  };
+
+  PluginService(Settings settings, std::function<void(const std::string&)> log);
   PluginService(const PluginService&) = delete;
   PluginService& operator=(const PluginService&) = delete;
 
-  // Listens on 127.0.0.1 at `port` (0: a free one); false when it cannot.
-  bool bind(int port);
-  // "http://127.0.0.1:PORT/ced": what a runtime takes as a plug-in service host.
+  // Listens on `address` (an IP literal) at `port` (0: a free one); the reason when it cannot.
+  std::optional<std::string> bind(const std::string& address, int port);
+  // "http://ADDRESS:PORT/ced": what a runtime takes as a plug-in service host.
   std::string baseUrl() const;
-  void start();
-  void stop();
-
-  // The reply to a query body as the runtime writes it ("k=v&...&plugin_list=<JSON>", values
-  // raw): for "url" the packages asked for that exist, for "hash" those whose MD5 differs from
-  // the hash sent. A body without a readable plug-in list gets code 400.
-  ZMValue answer(const std::string& query, const std::string& body);
+  void start() { server_.start(); }
+  void stop() { server_.stop(); }
 
  private:
-  struct Package {
-    int64_t size = -1;
-    int64_t modified = -1;
-    std::string md5;
-  };
-  // The package's path and MD5, or null when there is no such package.
-  std::optional<std::pair<std::string, std::string>> package(const std::string& provider,
-                                                             const std::string& version);
+  std::optional<HttpResponse> handle(HttpRequest& request, bool mayBlock);
+  std::string packageBase(const HttpRequest& request) const;
+  std::string origin() const;  // "http://ADDRESS:PORT"
 
-  const std::string directory_;
-  const std::function<void(const std::string&)> log_;
-  httplib::Server server_;
-  int port_ = -1;
-  std::thread thread_;
-  std::atomic<bool> finished_{false};
-  std::mutex mutex_;
-  std::map<std::string, Package> packages_;  // by file name, guarded by mutex_
+  const std::string packageUrl_;
+  std::string address_;  // set by bind(), before any request
+  PackageDirectory packages_;
+  PluginQueries queries_{packages_};
+  HttpServer server_;  // last: stopped before what its handler uses goes
 };

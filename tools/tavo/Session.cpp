@@ -1,11 +1,44 @@
 #include "Session.h"
 
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <iostream>
 
 namespace {
 
 constexpr std::string_view kUnzipProgress = "unzip progress:";
+
+// Set by the handler on whichever thread the signal lands: a lock-free atomic, safe there.
+std::atomic<bool> holdInterrupted{false};
+
+extern "C" void InterruptHold(int) { holdInterrupted = true; }
+
+// Keeps the game running for `hold`, or until SIGINT or SIGTERM; either way the game then
+// exits as usual. Outside the hold the signals keep their usual effect.
+void HoldGame(std::chrono::milliseconds hold) {
+  struct sigaction interrupt {
+  }, previousInt{}, previousTerm{};
+  interrupt.sa_handler = InterruptHold;
+  interrupt.sa_flags = SA_RESTART;
+  sigemptyset(&interrupt.sa_mask);
+  holdInterrupted = false;
+  sigaction(SIGINT, &interrupt, &previousInt);
+  sigaction(SIGTERM, &interrupt, &previousTerm);
+  // A signal handler cannot wake the main queue, so the flag is looked at every 100 ms.
+  const auto end = std::chrono::steady_clock::now() + hold;
+  for (auto now = std::chrono::steady_clock::now(); !holdInterrupted && now < end;
+       now = std::chrono::steady_clock::now()) {
+    const auto slice =
+        std::min<std::chrono::steady_clock::duration>(end - now, std::chrono::milliseconds(100));
+    ZMMainQueue::runUntil([] { return holdInterrupted.load(); },
+                          std::chrono::duration_cast<std::chrono::milliseconds>(slice));
+  }
+  sigaction(SIGINT, &previousInt, nullptr);
+  sigaction(SIGTERM, &previousTerm, nullptr);
+}
 
 class InitListener : public ZMRuntimeInitListener {
  public:
@@ -134,8 +167,9 @@ int Session::run(const std::string& appId, const std::string& version,
   runtime_->runGame(viewController_, appId, options, l);
   if (int status = finish("run", *l); status != kExitSuccess) return status;
   if (hold.count() > 0) {
-    reporter_.say("  keeping it running for " + std::to_string(hold.count()) + " ms");
-    ZMMainQueue::runUntil([] { return false; }, hold);
+    reporter_.say("  keeping it running for " + std::to_string(hold.count()) +
+                  " ms (SIGINT or SIGTERM ends it sooner)");
+    HoldGame(hold);
   }
   auto exit = listener();
   reporter_.say("Exiting " + appId);

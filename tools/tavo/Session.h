@@ -52,7 +52,8 @@ class Session {
   int install(const std::string& appId, const std::string& version, const std::string& package,
               const std::optional<std::string>& subpackageRoot,
               const std::optional<std::string>& extend);
-  // Runs the game, keeps it running for `hold`, then exits it.
+  // Runs the game, keeps it running for `hold` (SIGINT or SIGTERM ends the hold sooner), then
+  // exits it.
   int run(const std::string& appId, const std::string& version,
           const std::optional<std::string>& extend, std::chrono::milliseconds hold,
           bool loadingTimes);

@@ -3,11 +3,13 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -63,17 +65,40 @@ std::optional<std::string> PluginArgument(const std::optional<std::string>& info
   return std::nullopt;
 }
 
+// Raises the soft limit on open files to the hard one, and keeps the connection cap within it
+// (room left for the files being sent and the process's own).
+void FitConnectionsToFileLimit(HttpLimits& limits) {
+  constexpr rlim_t kReserve = 64;
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) != 0) return;
+  files.rlim_cur = files.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &files);
+  ::getrlimit(RLIMIT_NOFILE, &files);
+  if (files.rlim_cur != RLIM_INFINITY && limits.maxConnections + kReserve > files.rlim_cur) {
+    limits.maxConnections = files.rlim_cur > 2 * kReserve ? files.rlim_cur - kReserve : kReserve;
+    std::cerr << "tavo serve: at most " << limits.maxConnections
+              << " connections: the limit on open files is " << files.rlim_cur << std::endl;
+  }
+}
+
 // `tavo serve`: the base URL on stdout first, one line per request on stderr, until SIGINT or
 // SIGTERM.
-int ServePlugins(const std::string& directory, int port) {
+int ServePlugins(PluginService::Settings settings, const std::string& address, int port) {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // before any thread starts: sigwait gets them
-  PluginService service(directory, [](const std::string& line) { std::cerr << line << std::endl; });
-  if (!service.bind(port)) {
-    std::cerr << "tavo serve: cannot listen on 127.0.0.1:" << port << std::endl;
+  FitConnectionsToFileLimit(settings.limits);
+  // Lines come from the server's loop threads, several at once.
+  std::mutex logging;
+  PluginService service(std::move(settings), [&logging](const std::string& line) {
+    std::lock_guard lock(logging);
+    std::cerr << line << std::endl;
+  });
+  if (const auto problem = service.bind(address, port)) {
+    std::cerr << "tavo serve: cannot listen on " << address << " port " << port << ": " << *problem
+              << std::endl;
     return kExitFailure;
   }
   std::cout << service.baseUrl() << std::endl;
@@ -140,7 +165,9 @@ int main(int argc, char** argv) {
   run->add_option("--app", appId, "App id")->required();
   run->add_option("--version", version, "Version")->required();
   run->add_option("--extend", extend, "Host data kept with the game's record");
-  run->add_option("--hold", holdSeconds, "Seconds the game keeps running before it exits");
+  run->add_option("--hold", holdSeconds,
+                  "Seconds the game keeps running before it exits (SIGINT or SIGTERM ends the "
+                  "hold sooner)");
   run->add_flag("--loading-times", loadingTimes, "Log the launch's timings");
 
   auto* list = app.add_subcommand("list", "List the user's games");
@@ -173,14 +200,38 @@ int main(int argc, char** argv) {
       "demo", "Walk the whole game cycle against a local server and a temporary root");
   demo->add_flag("--keep", keep, "Keep the temporary root and package");
 
-  std::string serveDir;
+  PluginService::Settings serveSettings;
+  std::string serveAddress = "127.0.0.1";
   int servePort = 0;
+  int64_t requestSeconds = serveSettings.limits.requestTimeout.count();
   auto* serve = app.add_subcommand(
       "serve",
       "Serve the plug-in packages of DIR (named <provider>_<version>.zip) as a plug-in "
-      "service on 127.0.0.1; prints its base URL first and runs until interrupted");
-  serve->add_option("DIR", serveDir, "Directory of plug-in packages")->required();
+      "service: answers the runtime's queries and serves the files; prints its base URL "
+      "first, logs one line per request on stderr and runs until interrupted");
+  serve->add_option("DIR", serveSettings.directory, "Directory of plug-in packages")->required();
+  serve->add_option("--bind", serveAddress, "Address to listen on (an IP address)")
+      ->capture_default_str();
   serve->add_option("--port", servePort, "Port (default: a free one)");
+  serve
+      ->add_option("--package-url", serveSettings.packageUrl,
+                   "Base URL the packages are served from elsewhere (nginx, a CDN): answers "
+                   "name BASE/<file name> (default: this service's own /ced/packages)")
+      ->check([](const std::string& url) {
+        return url.starts_with("http://") || url.starts_with("https://")
+                   ? std::string()
+                   : "--package-url must start with http:// or https://";
+      });
+  serve
+      ->add_option("--max-connections", serveSettings.limits.maxConnections,
+                   "Connections held at once; beyond, a new client replaces the idlest")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  serve
+      ->add_option("--request-timeout", requestSeconds,
+                   "Seconds a client has to send a request's head, and then its body")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
 
   std::vector<std::string> providers, versions;
   std::optional<std::string> pluginInfo;
@@ -211,7 +262,10 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
   settings.timeout = std::chrono::seconds(timeoutSeconds);
 
-  if (serve->parsed()) return ServePlugins(serveDir, servePort);
+  if (serve->parsed()) {
+    serveSettings.limits.requestTimeout = std::chrono::seconds(requestSeconds);
+    return ServePlugins(std::move(serveSettings), serveAddress, servePort);
+  }
 
   MerinGameHandle::install();  // the reference headless engine runs the games
   Reporter reporter(trace, isatty(STDOUT_FILENO) == 1);
