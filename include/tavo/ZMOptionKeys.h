@@ -16,6 +16,12 @@ inline constexpr const char* ZM_KEY_STORAGE_PATH_PLUGIN = "rt_storage_path_plugi
 inline constexpr const char* ZM_KEY_PACKAGE_MAX_UNPACKED_BYTES = "rt_package_max_unpacked_bytes";
 inline constexpr const char* ZM_KEY_PACKAGE_MAX_COMPRESSION_RATIO =
     "rt_package_max_compression_ratio";
+// How many times a package download (a game's or a plug-in's) that fails after some bytes arrived
+// is continued where it stopped, as a whole number (default 0: never, a failure ends it). With a
+// positive number the bytes received are also kept beside the package, so that the next download
+// of the same URL and hash, in any process, continues them while the server agrees (same ETag or
+// Last-Modified); bytes nobody continues for a day are removed at the next runtime creation.
+inline constexpr const char* ZM_KEY_DOWNLOAD_RESUME_ATTEMPTS = "rt_download_resume_attempts";
 
 // Game packages (check, download, install, getGameConfig) and the "detail.json" members.
 inline constexpr const char* ZM_KEY_GAME_PACKAGE_APP_ID = "rt_game_package_app_id";

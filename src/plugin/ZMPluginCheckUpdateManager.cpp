@@ -13,13 +13,12 @@
 #include "protocol/ZMPluginProtocolPostHash.h"
 #include "tavo/ZMFileUtils.h"
 
-ZMPluginCheckUpdateManager::ZMPluginCheckUpdateManager(std::string pluginRootPath,
-                                                       std::string pluginZipSaveRootPath,
-                                                       std::vector<std::string> hosts,
-                                                       std::optional<std::string> deviceId,
-                                                       std::string gameId, std::string appBundleId,
-                                                       std::string runtimeVersion)
+ZMPluginCheckUpdateManager::ZMPluginCheckUpdateManager(
+    std::string pluginRootPath, std::string pluginZipSaveRootPath, std::vector<std::string> hosts,
+    std::optional<std::string> deviceId, std::string gameId, std::string appBundleId,
+    std::string runtimeVersion, ZMPackageLimits limits)
     : pluginRootPath_(std::move(pluginRootPath)),
+      limits_(limits),
       pluginZipSavePath_(std::move(pluginZipSaveRootPath)),
       hostArr_(std::move(hosts)),
       deviceId_(std::move(deviceId)),
@@ -104,6 +103,7 @@ void ZMPluginCheckUpdateManager::_downloadUpdatePlugin() {
     ZMCancelAndClear(downloadPackage_);
     downloadPackage_ =
         std::make_shared<ZMPluginProtocolDownloadPackage>(packagePath, *url, weak_from_this());
+    downloadPackage_->setResumeAttempts(limits_.downloadResumeAttempts);
     // The index moves on before the download starts, so that a result reported from inside
     // execute() continues with the next entry instead of this one.
     ++currentUpdateIndex_;

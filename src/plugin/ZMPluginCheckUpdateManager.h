@@ -10,6 +10,7 @@
 #include "tavo/ZMGameListeners.h"
 #include "tavo/ZMValue.h"
 #include "tavo/ZMZimoGameConfig.h"
+#include "util/ZMPackageLimits.h"
 #include "util/ZMTask.h"
 
 class ZMPluginProtocolPostHash;
@@ -43,11 +44,12 @@ class ZMPluginCheckUpdateManager : public ZMTaskBase,
  public:
   // `initWithPluginRootPath:pluginZipSaveRootPath:hosts:deviceId:gameId:appBundleId:
   // runtimeVersion:`: the plug-in root, the package cache, the service base URLs (primary
-  // first), and what the query sends. `deviceId` may be null.
+  // first), and what the query sends. `deviceId` may be null. `limits` say how often a
+  // download may be continued.
   ZMPluginCheckUpdateManager(std::string pluginRootPath, std::string pluginZipSaveRootPath,
                              std::vector<std::string> hosts, std::optional<std::string> deviceId,
                              std::string gameId, std::string appBundleId,
-                             std::string runtimeVersion);
+                             std::string runtimeVersion, ZMPackageLimits limits = {});
   ~ZMPluginCheckUpdateManager() override;
 
   // Keeps the running game's configuration (its plugins() are what is asked about) and queries
@@ -94,6 +96,7 @@ class ZMPluginCheckUpdateManager : public ZMTaskBase,
   void _end();
 
   const std::string pluginRootPath_;
+  const ZMPackageLimits limits_;
   const std::string pluginZipSavePath_;
   const std::vector<std::string> hostArr_;
   const std::optional<std::string> deviceId_;

@@ -95,6 +95,7 @@ void ZMPluginInstallPackageManager::onPostUrlSuccess(const std::string& pluginId
   }
   downloadPackage_ = std::make_shared<ZMPluginProtocolDownloadPackage>(savePath, url.value_or(""),
                                                                        weak_from_this());
+  downloadPackage_->setResumeAttempts(limits_.downloadResumeAttempts);
   const auto download = downloadPackage_;
   download->execute(hashText);
 }

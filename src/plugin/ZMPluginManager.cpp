@@ -116,7 +116,7 @@ void ZMPluginManager::onRunSuccess(const ZMValue& options) {
   pluginCheckUpdateManager_ = adopt(std::make_shared<ZMPluginCheckUpdateManager>(
       storagePluginPath_, appPackageCache_, pluginServiceHosts_, _getUniqueId(),
       ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID).value_or(""), ZMDevice::bundleIdentifier(),
-      TAVO_VERSION_TEXT));
+      TAVO_VERSION_TEXT, layout_->packageLimits));
   pluginCheckUpdateManager_->execute(std::move(config));
 }
 

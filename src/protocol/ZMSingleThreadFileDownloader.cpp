@@ -2,11 +2,16 @@
 
 #include <atomic>
 
+#include <algorithm>
+
 #include "platform/ZMFileManager.h"
+#include "platform/ZMFormat.h"
 
 namespace {
 
 std::atomic<double> timeoutForTesting{0};
+std::atomic<double> resumeDelayForTesting{0};
+constexpr double kLongestResumeDelay = 30;
 
 long statusOf(const ZMURLSessionTask& task) {
   const auto response = task.response();
@@ -27,6 +32,22 @@ void ZMSingleThreadFileDownloader::setTimeoutIntervalForTesting(double seconds) 
   timeoutForTesting.store(seconds);
 }
 
+void ZMSingleThreadFileDownloader::setResumeDelayForTesting(double seconds) {
+  resumeDelayForTesting.store(seconds);
+}
+
+void ZMSingleThreadFileDownloader::setResume(int64_t attempts, const std::string& packagePath,
+                                             const std::string& hash) {
+  if (attempts <= 0) return;
+  resumeAttempts_ = attempts;
+  partial_.emplace(packagePath, url_, hash);
+  // What an earlier download of the same package left is continued from the first transfer.
+  if (auto left = partial_->load()) {
+    ZMLogFormat("download resumes at %@ bytes: %@", {left->offset, url_});
+    resumeFrom_ = std::move(*left);
+  }
+}
+
 std::shared_ptr<ZMURLSessionTask> ZMSingleThreadFileDownloader::_task() {
   std::lock_guard lock(mutex_);
   if (auto task = task_.lock()) return task;
@@ -38,6 +59,11 @@ std::shared_ptr<ZMURLSessionTask> ZMSingleThreadFileDownloader::_task() {
   const double override = timeoutForTesting.load();
   request.timeoutInterval = override > 0 ? override : kTimeoutInterval;
   request.minimumBytesPerSecond = kMinimumBytesPerSecond;
+  if (partial_) {
+    request.downloadFilePath = partial_->path();
+    request.resumeData = resumeFrom_;
+    request.startDelay = startDelay_;
+  }
   auto task = session_->downloadTask(std::move(request));
   task_ = task;
   return task;
@@ -55,18 +81,31 @@ void ZMSingleThreadFileDownloader::cancel() {
   session_->invalidateAndCancel();
 }
 
+void ZMSingleThreadFileDownloader::didReceiveResponse(ZMURLSession&, ZMURLSessionTask& task,
+                                                      const ZMHTTPURLResponse& response) {
+  // Recorded as soon as the bytes start to arrive, so that a process killed midway leaves them
+  // continuable.
+  if (partial_ && task.usesRequestedFile()) partial_->record(response);
+}
+
 void ZMSingleThreadFileDownloader::didWriteData(ZMURLSession&, ZMURLSessionTask&, int64_t,
                                                 int64_t totalBytesWritten,
                                                 int64_t totalBytesExpectedToWrite) {
+  // A continued transfer that had to start over does not report less than was reported.
+  if (totalBytesWritten < progressReported_) return;
+  progressReported_ = totalBytesWritten;
   _notifyProgress(totalBytesWritten, totalBytesExpectedToWrite);
 }
 
 void ZMSingleThreadFileDownloader::didFinishDownloadingToLocation(ZMURLSession&,
                                                                   ZMURLSessionTask& task,
                                                                   const std::string& location) {
-  // Only 200 is a success; a 204 or 206 is as much a failure as a 404.
+  // Only 200 is a success, or a 206 that continues this download's own bytes; a 204 or another
+  // 206 is as much a failure as a 404.
   const long status = statusOf(task);
-  if (status != 200) {
+  if (status != 200 && !(status == 206 && task.resumedFrom() > 0)) {
+    // The server does not agree to the bytes kept: they are of no more use.
+    if (partial_ && task.usesRequestedFile()) partial_->discard();
     _notifyFailure(status, std::to_string(status),
                    ZMError(kZMNetServicesErrorDomain, status, ZMValue::object()));
     return;
@@ -76,6 +115,7 @@ void ZMSingleThreadFileDownloader::didFinishDownloadingToLocation(ZMURLSession&,
     _notifyFailure(-1, "move file fail", error);
     return;
   }
+  if (partial_ && task.usesRequestedFile()) partial_->forget();
   fileMD5_ = task.downloadedMD5();
   _notifySuccess(filePath_);
 }
@@ -88,7 +128,27 @@ void ZMSingleThreadFileDownloader::didCompleteWithError(ZMURLSession&, ZMURLSess
     _notifyCancel();
     return;
   }
+  if (_resume(task)) return;
   _notifyFailure(statusOf(task), "download fail", *error);
+}
+
+bool ZMSingleThreadFileDownloader::_resume(ZMURLSessionTask& task) {
+  auto data = task.resumeData();
+  if (!partial_ || resumesUsed_ >= resumeAttempts_ || !data) return false;
+  // 1 s, 2 s, 4 s ... between attempts, 30 s at most.
+  const double first = resumeDelayForTesting.load() > 0 ? resumeDelayForTesting.load() : 1.0;
+  startDelay_ =
+      std::min(first * static_cast<double>(int64_t{1} << std::min<int64_t>(resumesUsed_, 16)),
+               kLongestResumeDelay);
+  ++resumesUsed_;
+  ZMLogFormat("download resumes at %@ bytes in %@ s: %@", {data->offset, startDelay_, url_});
+  resumeFrom_ = std::move(*data);
+  {
+    std::lock_guard lock(mutex_);
+    task_.reset();  // the next _task() makes the continuing one
+  }
+  _task()->resume();
+  return true;
 }
 
 void ZMSingleThreadFileDownloader::_notifyStart() {

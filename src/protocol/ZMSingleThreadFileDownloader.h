@@ -7,13 +7,21 @@
 #include <string>
 
 #include "protocol/ZMOnFileDownloadListener.h"
+#include "protocol/ZMPartialDownload.h"
 #include "protocol/ZMURLSession.h"
 
 // ZMSingleThreadFileDownloader fetches one URL into one file with a single GET on its own URL
 // session: the body goes to a temporary file, which is moved to `filePath` when the server
 // answered 200. Any other status, a failed move or a transfer error is a failure; cancel() ends
-// the transfer with onDownloadCancel and no failure. No retry, no digest check, no resume: its
-// users do that. Create it with std::make_shared (it is its session's delegate).
+// the transfer with onDownloadCancel and no failure. No retry and no digest check: its users do
+// that. Create it with std::make_shared (it is its session's delegate).
+//
+// Resumption is off unless setResume() is called before start(). Then the body goes to a
+// partial download beside the package (ZMPartialDownload), and a transfer that fails after bytes
+// arrived under a validator is continued up to `attempts` times with a range request, after
+// waits of 1 s, 2 s, 4 s ... (30 s at most); a cancel during a wait ends it at once. Progress
+// stays monotonic and counts the whole file. Bytes that another process left for the same URL
+// and hash are continued too, and a failure leaves them for a later download.
 //
 // Threads: start() and cancel() may be called from any thread (onDownloadStart runs on the
 // caller's); every other callback arrives on the main queue. The listener is held weakly: once it
@@ -32,6 +40,9 @@ class ZMSingleThreadFileDownloader
   ZMSingleThreadFileDownloader(std::string filePath, std::string url, std::string tag,
                                std::weak_ptr<ZMOnFileDownloadListener> listener);
 
+  // Turns resumption on (see above) for the package whose final path is `packagePath`, expected
+  // to have the MD5 `hash`.
+  void setResume(int64_t attempts, const std::string& packagePath, const std::string& hash);
   // Starts the transfer (a new one when none is alive) and reports onDownloadStart(tag).
   void start();
   // Cancels the transfer (creating one first if none is alive, which then ends cancelled at
@@ -47,8 +58,12 @@ class ZMSingleThreadFileDownloader
 
   // Replaces the idle time-out of downloaders started afterwards; 0 restores kTimeoutInterval.
   static void setTimeoutIntervalForTesting(double seconds);
+  // Replaces the first wait before a transfer is continued (1 s); 0 restores it.
+  static void setResumeDelayForTesting(double seconds);
 
   // ZMURLSessionDelegate, on the main queue.
+  void didReceiveResponse(ZMURLSession& session, ZMURLSessionTask& task,
+                          const ZMHTTPURLResponse& response) override;
   void didWriteData(ZMURLSession& session, ZMURLSessionTask& task, int64_t bytesWritten,
                     int64_t totalBytesWritten, int64_t totalBytesExpectedToWrite) override;
   void didFinishDownloadingToLocation(ZMURLSession& session, ZMURLSessionTask& task,
@@ -58,6 +73,8 @@ class ZMSingleThreadFileDownloader
 
  private:
   std::shared_ptr<ZMURLSessionTask> _task();
+  // Continues a failed transfer when resumption allows it; false when the failure stands.
+  bool _resume(ZMURLSessionTask& task);
 
   void _notifyStart();
   void _notifySuccess(const std::string& path);
@@ -75,4 +92,12 @@ class ZMSingleThreadFileDownloader
   std::shared_ptr<ZMURLSession> session_;
   std::weak_ptr<ZMURLSessionTask> task_;
   std::optional<std::string> fileMD5_;
+
+  // Resumption (main queue, set before start()).
+  std::optional<ZMPartialDownload> partial_;
+  int64_t resumeAttempts_ = 0;
+  int64_t resumesUsed_ = 0;
+  ZMDownloadResumeData resumeFrom_;  // what the next task continues; offset 0: nothing
+  double startDelay_ = 0;
+  int64_t progressReported_ = 0;
 };

@@ -51,6 +51,11 @@ std::optional<std::string> ZMURLSessionTask::downloadedMD5() const {
   return downloadedMD5_;
 }
 
+std::optional<ZMDownloadResumeData> ZMURLSessionTask::resumeData() const {
+  std::lock_guard lock(mutex_);
+  return resumeData_;
+}
+
 std::optional<ZMError> ZMURLSessionTask::error() const {
   std::lock_guard lock(mutex_);
   return error_;

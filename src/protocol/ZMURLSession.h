@@ -46,8 +46,20 @@
 
 class ZMURLSession;
 class ZMURLSessionEngine;
+class ZMBackgroundMD5;
 
 using ZMHTTPHeaderFields = std::vector<std::pair<std::string, std::string>>;
+
+// Where a download stopped, for a later download task to continue from (Foundation's resume
+// data): the file holding the bytes received so far, how many there are, the validator the
+// server gave for them (its ETag, else its Last-Modified), and the digest of those bytes so far
+// (null when it was not kept: the file is then hashed whole once it is complete).
+struct ZMDownloadResumeData {
+  std::string filePath;
+  int64_t offset = 0;
+  std::string validator;
+  std::shared_ptr<ZMBackgroundMD5> md5;
+};
 
 struct ZMURLRequest {
   ZMURLRequest() = default;
@@ -74,6 +86,20 @@ struct ZMURLRequest {
   // fails with -1001, so a trickle cannot hold it open for ever while a slow but moving one goes
   // on. A silent connection fails at the end of its first period, just as the idle time-out says.
   int64_t minimumBytesPerSecond = 0;
+
+  // Download tasks only. The file the body goes to, instead of a fresh temporary file: created
+  // when missing and locked while written, so two processes never write it at once (a file
+  // whose lock another holds is left alone, and a fresh temporary file is used instead). The
+  // task's owner owns it: the session neither deletes it nor leaves it where it is.
+  std::string downloadFilePath;
+  // With downloadFilePath and an offset: continue the bytes already in it (its filePath is not
+  // looked at: the file is downloadFilePath). The request then asks for
+  // "Range: bytes=<offset>-" with "If-Range: <validator>"; a 206 whose Content-Range continues
+  // the file appends to it, a 200 (the server ignores ranges, or the file changed) starts it
+  // over from byte 0, and any other status leaves it untouched.
+  ZMDownloadResumeData resumeData;
+  // Seconds to wait before the request is sent; a cancel meanwhile ends the task at once.
+  double startDelay = 0;
 };
 
 struct ZMHTTPURLResponse {
@@ -122,6 +148,14 @@ class ZMURLSessionTask : public std::enable_shared_from_this<ZMURLSessionTask> {
   // A download's MD5 (32 lower-case hex digits), computed from the bytes as they were written to
   // its file; null before the file is handed over, for data tasks, or when it could not be made.
   std::optional<std::string> downloadedMD5() const;
+  // A download task whose request named its file: whether the body went there (false when
+  // another process held the file, and a fresh temporary file was used). Set when it starts.
+  bool usesRequestedFile() const { return usesRequestedFile_.load(); }
+  // The offset a 206 continued the request's file from; 0 when the body started at byte 0.
+  int64_t resumedFrom() const { return resumedFrom_.load(); }
+  // Where a failed download that wrote its request's file stopped, when it can be continued:
+  // bytes arrived and the response named a validator. Null otherwise.
+  std::optional<ZMDownloadResumeData> resumeData() const;
 
   // Starts a suspended task; does nothing otherwise. On an invalidated session the task
   // completes as cancelled. Any thread.
@@ -148,12 +182,16 @@ class ZMURLSessionTask : public std::enable_shared_from_this<ZMURLSessionTask> {
   std::atomic<int64_t> bytesReceived_{0};
   std::atomic<int64_t> bytesExpected_{-1};
   std::atomic<bool> progressPending_{false};
+  std::atomic<bool> usesRequestedFile_{false};
+  std::atomic<int64_t> resumedFrom_{0};
   int64_t bytesReported_ = 0;  // main queue only
+  bool delayed_ = false;       // network thread only: its start delay has been waited
 
   mutable std::mutex mutex_;
   std::optional<ZMHTTPURLResponse> response_;
   std::optional<ZMError> error_;
   std::optional<std::string> downloadedMD5_;
+  std::optional<ZMDownloadResumeData> resumeData_;
 };
 
 // Delegate callbacks arrive on the main queue. Every one has an empty default.
@@ -165,8 +203,12 @@ class ZMURLSessionDelegate {
   virtual void didWriteData(ZMURLSession& /*session*/, ZMURLSessionTask& /*task*/,
                             int64_t /*bytesWritten*/, int64_t /*totalBytesWritten*/,
                             int64_t /*totalBytesExpectedToWrite*/) {}
+  // A download task received the headers of its final response (after redirects), before any
+  // of its body.
+  virtual void didReceiveResponse(ZMURLSession& /*session*/, ZMURLSessionTask& /*task*/,
+                                  const ZMHTTPURLResponse& /*response*/) {}
   // A download task received its whole body, which is in the file at `location`. Move it away
-  // during this call to keep it.
+  // during this call to keep it (a file the request named is never removed).
   virtual void didFinishDownloadingToLocation(ZMURLSession& /*session*/, ZMURLSessionTask& /*task*/,
                                               const std::string& /*location*/) {}
   // The task ended; `error` is null on success (whatever the HTTP status). Data tasks created

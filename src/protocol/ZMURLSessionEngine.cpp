@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -221,8 +222,20 @@ void ZMURLSessionEngine::run() {
           if (auto it = transfers_.find(command.identifier); it != transfers_.end()) {
             end(command.identifier, cancelledError(it->second->task->request_.url));
           }
+          std::erase_if(delayed_, [&](auto& entry) {
+            if (entry.second->identifier_ != command.identifier) return false;
+            complete(std::move(entry.second),
+                     Outcome::failed(cancelledError(entry.second->request_.url)));
+            return true;
+          });
           break;
         case Command::Kind::cancelSession: {
+          // Delayed tasks of a session going away are dropped: nothing is delivered for them.
+          std::erase_if(delayed_, [&](auto& entry) {
+            if (entry.second->sessionIdentifier_ != command.identifier) return false;
+            ZMMainQueue::post([task = std::move(entry.second)] {});
+            return true;
+          });
           std::vector<uint64_t> ids;
           for (const auto& [id, transfer] : transfers_) {
             if (transfer->task->sessionIdentifier_ == command.identifier) ids.push_back(id);
@@ -241,7 +254,8 @@ void ZMURLSessionEngine::run() {
       if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
     }
     flushTransfers();
-    const auto wait = expireIdleTransfers();
+    auto wait = expireIdleTransfers();
+    startDelayed(wait);
     const auto waitMs = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
     curl_multi_poll(multi_, nullptr, 0, static_cast<int>(waitMs), nullptr);
   }
@@ -252,6 +266,23 @@ void ZMURLSessionEngine::run() {
     ZMMainQueue::post([task = std::move(transfer->task)] {});
   }
   transfers_.clear();
+  for (auto& entry : delayed_) ZMMainQueue::post([task = std::move(entry.second)] {});
+  delayed_.clear();
+}
+
+void ZMURLSessionEngine::startDelayed(Clock::duration& wait) {
+  const auto now = Clock::now();
+  std::vector<std::shared_ptr<ZMURLSessionTask>> due;
+  std::erase_if(delayed_, [&](auto& entry) {
+    if (entry.first > now) {
+      wait = std::min<Clock::duration>(wait, entry.first - now);
+      return false;
+    }
+    due.push_back(std::move(entry.second));
+    return true;
+  });
+  for (auto& task : due) begin(std::move(task));
+  if (!due.empty()) wait = Clock::duration::zero();  // their handles want a first perform
 }
 
 void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
@@ -264,28 +295,21 @@ void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
     complete(std::move(task), Outcome::failed(std::move(*error)));
     return;
   }
+  if (const double delay = task->request_.startDelay; delay > 0 && !task->delayed_) {
+    task->delayed_ = true;
+    const auto due = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double>(delay));
+    delayed_.emplace_back(due, std::move(task));
+    return;
+  }
   auto transfer = std::make_unique<Transfer>();
   transfer->task = std::move(task);
   ZMURLSessionTask& t = *transfer->task;
   if (t.kind_ == ZMURLSessionTask::Kind::download) {
-    std::string pattern = t.temporaryDirectory_ + "/tavo-download-XXXXXX";
-    const int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
-    if (fd < 0) {
-      const int err = errno;
-      complete(std::move(transfer->task),
-               Outcome::failed(urlError(kZMURLErrorCannotCreateFile,
-                                        "The file couldn\u2019t be created.", url,
-                                        pattern + ": " + std::strerror(err))));
+    ZMError error;
+    if (!openDownloadFile(*transfer, error)) {
+      complete(std::move(transfer->task), Outcome::failed(std::move(error)));
       return;
-    }
-    // Held until the file is closed: it tells a sweep in any process that this one is alive.
-    (void)::flock(fd, LOCK_EX | LOCK_NB);
-    transfer->fd = fd;
-    transfer->location = std::move(pattern);
-    // Without a digest (the thread could not start) the file is hashed when it is verified.
-    try {
-      transfer->md5 = std::make_unique<ZMBackgroundMD5>();
-    } catch (const std::system_error&) {
     }
   }
   if (!configure(*transfer)) {
@@ -306,6 +330,65 @@ void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
     transfer->deadline = now + seconds(t.request_.timeoutIntervalForResource);
   }
   transfers_.emplace(t.identifier_, std::move(transfer));
+}
+
+bool ZMURLSessionEngine::openDownloadFile(Transfer& transfer, ZMError& error) {
+  ZMURLSessionTask& task = *transfer.task;
+  const ZMURLRequest& request = task.request_;
+  const auto newDigest = [&transfer] {
+    // Without a digest (the thread could not start) the file is hashed when it is verified.
+    try {
+      transfer.md5 = std::make_shared<ZMBackgroundMD5>();
+    } catch (const std::system_error&) {
+      transfer.md5.reset();
+    }
+  };
+  if (!request.downloadFilePath.empty()) {
+    const std::string& path = request.downloadFilePath;
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    // The lock is held while the file is written: another process's download of the same file
+    // goes to a temporary file of its own instead.
+    struct stat info {};
+    if (fd >= 0 && (::flock(fd, LOCK_EX | LOCK_NB) != 0 || ::fstat(fd, &info) != 0 ||
+                    !S_ISREG(info.st_mode))) {
+      ::close(fd);
+      fd = -1;
+    }
+    if (fd >= 0) {
+      // Bytes past the recorded offset (or a file shorter than it) cannot be trusted: the file
+      // is continued only from an offset it holds whole, and otherwise starts over.
+      const auto& resume = request.resumeData;
+      const int64_t offset = resume.offset <= info.st_size ? resume.offset : 0;
+      if (::ftruncate(fd, offset) == 0 && ::lseek(fd, offset, SEEK_SET) == offset) {
+        transfer.fd = fd;
+        transfer.location = path;
+        transfer.requestedFile = true;
+        transfer.offset = offset;
+        task.usesRequestedFile_.store(true);
+        if (offset > 0) {
+          transfer.md5 = resume.md5;  // null: the whole file is hashed once complete
+        } else {
+          newDigest();
+        }
+        return true;
+      }
+      ::close(fd);
+    }
+  }
+  std::string pattern = task.temporaryDirectory_ + "/tavo-download-XXXXXX";
+  const int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
+  if (fd < 0) {
+    const int err = errno;
+    error = urlError(kZMURLErrorCannotCreateFile, "The file couldn\u2019t be created.", request.url,
+                     pattern + ": " + std::strerror(err));
+    return false;
+  }
+  // Held until the file is closed: it tells a sweep in any process that this one is alive.
+  (void)::flock(fd, LOCK_EX | LOCK_NB);
+  transfer.fd = fd;
+  transfer.location = std::move(pattern);
+  newDigest();
+  return true;
 }
 
 bool ZMURLSessionEngine::configure(Transfer& transfer) {
@@ -339,6 +422,7 @@ bool ZMURLSessionEngine::configure(Transfer& transfer) {
   set(CURLOPT_XFERINFODATA, &transfer);
   if (task.kind_ == ZMURLSessionTask::Kind::download) {
     set(CURLOPT_BUFFERSIZE, kReceiveBufferSize);
+    if (transfer.offset > 0) set(CURLOPT_RANGE, (std::to_string(transfer.offset) + "-").c_str());
   } else {
     set(CURLOPT_ACCEPT_ENCODING, "");  // whatever curl can decode; data tasks get plain bytes
   }
@@ -363,6 +447,13 @@ bool ZMURLSessionEngine::configure(Transfer& transfer) {
     transfer.headers = next;
     expectSet = expectSet || equalsIgnoringCase(name, "Expect");
   }
+  if (transfer.offset > 0 && !request.resumeData.validator.empty()) {
+    // The range only if the file is still the one the bytes came from; else the whole file.
+    const std::string line = "If-Range: " + request.resumeData.validator;
+    curl_slist* next = curl_slist_append(transfer.headers, line.c_str());
+    if (!next) return false;
+    transfer.headers = next;
+  }
   if (!expectSet) {  // no "Expect: 100-continue" round trip for large bodies
     curl_slist* next = curl_slist_append(transfer.headers, "Expect:");
     if (!next) return false;
@@ -385,7 +476,7 @@ void ZMURLSessionEngine::release(Transfer& transfer, bool removeFile) {
     transfer.fd = -1;
   }
   transfer.md5.reset();
-  if (removeFile && !transfer.location.empty()) {
+  if (removeFile && !transfer.requestedFile && !transfer.location.empty()) {
     ::unlink(transfer.location.c_str());
     transfer.location.clear();
   }
@@ -418,7 +509,9 @@ void ZMURLSessionEngine::finish(CURL* easy, CURLcode result) {
     }
   }
   if (!outcome.error && transfer->task->kind_ == ZMURLSessionTask::Kind::download &&
-      failsDeclaredLength(transfer->headerFields, status, transfer->task->bytesReceived_.load())) {
+      !transfer->discardBody &&
+      failsDeclaredLength(transfer->headerFields, status,
+                          transfer->task->bytesReceived_.load() - transfer->offset)) {
     outcome.error =
         urlError(kURLErrorBadServerResponse, "bad server response", transfer->task->request_.url,
                  "the body does not match its declared Content-Length");
@@ -426,11 +519,14 @@ void ZMURLSessionEngine::finish(CURL* easy, CURLcode result) {
   if (!outcome.error) {
     if (transfer->task->kind_ == ZMURLSessionTask::Kind::download) {
       outcome.location = std::move(transfer->location);
+      outcome.ownsLocation = !transfer->requestedFile;
       transfer->location.clear();
       outcome.md5 = transfer->md5 ? transfer->md5->finish() : std::string();
     } else {
       outcome.data = std::move(transfer->data);
     }
+  } else {
+    outcome.resumeData = resumeDataOf(*transfer, status);
   }
   release(*transfer, true);
   complete(std::move(transfer->task), std::move(outcome));
@@ -447,6 +543,7 @@ void ZMURLSessionEngine::end(uint64_t taskIdentifier, ZMError error) {
   Outcome outcome;
   outcome.response = responseOf(transfer, status);
   outcome.error = std::move(error);
+  outcome.resumeData = resumeDataOf(transfer, status);
   release(transfer, true);
   complete(std::move(transfer.task), std::move(outcome));
   transfers_.erase(it);
@@ -492,6 +589,66 @@ std::optional<std::string> ZMURLSessionEngine::timeRuleBroken(Transfer& transfer
     until(now + transfer.idleTimeout);
   }
   return std::nullopt;
+}
+
+std::optional<ZMDownloadResumeData> ZMURLSessionEngine::resumeDataOf(Transfer& transfer,
+                                                                     long status) {
+  if (!transfer.requestedFile || transfer.discardBody || transfer.rangeMismatch ||
+      (status != 200 && status != 206)) {
+    return std::nullopt;
+  }
+  std::string validator;
+  for (const char* field : {"ETag", "Last-Modified"}) {
+    for (const auto& [name, value] : transfer.headerFields) {
+      if (validator.empty() && equalsIgnoringCase(name, field)) validator = value;
+    }
+  }
+  const int64_t offset = transfer.task->bytesReceived_.load();
+  if (validator.empty() || offset <= 0 || transfer.writeErrno != 0) return std::nullopt;
+  // The digest so far goes with the bytes, to be continued over the rest.
+  return ZMDownloadResumeData{transfer.location, offset, std::move(validator), transfer.md5};
+}
+
+void ZMURLSessionEngine::onFinalDownloadResponse(Transfer& transfer, long status) {
+  ZMURLSessionTask& task = *transfer.task;
+  if (transfer.offset == 0) return;
+  if (status == 206) {
+    // Only a range that starts where the file stops continues it.
+    int64_t first = -1;
+    for (const auto& [name, value] : transfer.headerFields) {
+      if (!equalsIgnoringCase(name, "Content-Range")) continue;
+      std::string_view range = trim(value);
+      if (!range.starts_with("bytes ")) continue;
+      range.remove_prefix(6);
+      std::from_chars(range.data(), range.data() + range.size(), first);
+    }
+    if (first != transfer.offset) {
+      transfer.rangeMismatch = true;
+      return;
+    }
+    task.resumedFrom_.store(transfer.offset);
+    task.bytesReceived_.store(transfer.offset);
+    const int64_t rest = contentLength(transfer.headerFields);
+    task.bytesExpected_.store(rest >= 0 ? transfer.offset + rest : -1);
+    return;
+  }
+  if (status == 200) {
+    // The server sends the whole file (it ignores ranges, or the file changed): start over.
+    if (::ftruncate(transfer.fd, 0) != 0 || ::lseek(transfer.fd, 0, SEEK_SET) != 0) {
+      transfer.writeErrno = errno;
+      transfer.rangeMismatch = true;
+      return;
+    }
+    transfer.offset = 0;
+    try {
+      transfer.md5 = std::make_shared<ZMBackgroundMD5>();
+    } catch (const std::system_error&) {
+      transfer.md5.reset();
+    }
+    return;
+  }
+  // Any other answer leaves the bytes already there alone; its body is not kept.
+  transfer.discardBody = true;
 }
 
 std::optional<ZMHTTPURLResponse> ZMURLSessionEngine::responseOf(const Transfer& transfer,
@@ -560,6 +717,10 @@ ZMError ZMURLSessionEngine::errorOf(CURLcode result, const Transfer& transfer) {
                       "be made.",
                       url, detail);
     case CURLE_WRITE_ERROR:
+      if (transfer.rangeMismatch && transfer.writeErrno == 0) {
+        return urlError(kURLErrorBadServerResponse, "bad server response", url,
+                        "the range sent does not continue the file");
+      }
       if (transfer.tooLarge) {
         return urlError(kZMURLErrorDataLengthExceedsMaximum, "resource exceeds maximum size", url,
                         "the reply is longer than " +
@@ -593,6 +754,13 @@ size_t ZMURLSessionEngine::onHeader(char* buffer, size_t size, size_t count, voi
       auto response = responseOf(transfer, transfer.headerStatus);
       ZMURLSessionTask& task = *transfer.task;
       task.bytesExpected_.store(response->expectedContentLength);
+      const bool redirect = transfer.headerStatus / 100 == 3;
+      if (task.kind_ == ZMURLSessionTask::Kind::download && !redirect) {
+        onFinalDownloadResponse(transfer, transfer.headerStatus);
+        ZMMainQueue::post([weak = std::weak_ptr<ZMURLSessionTask>(transfer.task), response] {
+          deliverResponse(weak, *response);
+        });
+      }
       std::lock_guard lock(task.mutex_);
       task.response_ = std::move(response);
     }
@@ -622,6 +790,8 @@ size_t ZMURLSessionEngine::onBody(char* buffer, size_t size, size_t count, void*
     task.bytesReceived_.fetch_add(static_cast<int64_t>(length));
     return length;
   }
+  if (transfer.discardBody) return length;
+  if (transfer.rangeMismatch) return 0;  // curl ends the transfer with CURLE_WRITE_ERROR
   if (transfer.pending.size() + length > kWriteChunkSize && !flush(transfer)) {
     return 0;  // curl ends the transfer with CURLE_WRITE_ERROR
   }
@@ -704,18 +874,30 @@ void ZMURLSessionEngine::deliverProgress(const std::weak_ptr<ZMURLSessionTask>& 
   }
 }
 
+void ZMURLSessionEngine::deliverResponse(const std::weak_ptr<ZMURLSessionTask>& weakTask,
+                                         const ZMHTTPURLResponse& response) {
+  auto task = weakTask.lock();
+  if (!task || task->state_.load() != ZMURLSessionTask::State::running) return;
+  auto session = task->session_.lock();
+  if (!session) return;
+  if (auto delegate = session->delegate_.lock()) {
+    delegate->didReceiveResponse(*session, *task, response);
+  }
+}
+
 void ZMURLSessionEngine::deliver(const std::shared_ptr<ZMURLSessionTask>& task, Outcome& outcome) {
   {
     std::lock_guard lock(task->mutex_);
     if (outcome.response) task->response_ = outcome.response;
     task->error_ = outcome.error;
+    task->resumeData_ = std::move(outcome.resumeData);
   }
   task->state_.store(ZMURLSessionTask::State::completed);
   auto completion = std::move(task->completion_);
   task->completion_ = nullptr;
   auto session = task->session_.lock();
   if (!session) {  // a session that went away hears nothing
-    if (!outcome.location.empty()) ::unlink(outcome.location.c_str());
+    if (!outcome.location.empty() && outcome.ownsLocation) ::unlink(outcome.location.c_str());
     return;
   }
   if (task->kind_ == ZMURLSessionTask::Kind::download && !outcome.error) {
@@ -726,7 +908,8 @@ void ZMURLSessionEngine::deliver(const std::shared_ptr<ZMURLSessionTask>& task, 
     if (auto delegate = session->delegate_.lock()) {
       delegate->didFinishDownloadingToLocation(*session, *task, outcome.location);
     }
-    ::unlink(outcome.location.c_str());  // gone already when the delegate moved it
+    // Gone already when the delegate moved it; the file a request named is its owner's.
+    if (outcome.ownsLocation) ::unlink(outcome.location.c_str());
   }
   if (completion) {
     completion(outcome.data, outcome.response, outcome.error);

@@ -29,7 +29,9 @@ class ZMURLSessionEngine {
     std::optional<ZMHTTPURLResponse> response;
     std::optional<std::string> data;  // data tasks that succeeded
     std::string location;             // download tasks that succeeded
+    bool ownsLocation = true;         // false for the file the request named: never removed
     std::string md5;                  // of the bytes written to `location`, lower-case hex
+    std::optional<ZMDownloadResumeData> resumeData;  // a failed download that can be continued
 
     static Outcome failed(ZMError error) {
       Outcome outcome;
@@ -62,6 +64,13 @@ class ZMURLSessionEngine {
     curl_slist* headers = nullptr;
     int fd = -1;  // download file
     std::string location;
+    bool requestedFile = false;  // `location` is the file the request named, which stays
+    // A continued download: the bytes already in the file before this response's body. A 200
+    // to a range request starts the file over (0); a status that is neither leaves the file
+    // alone and its body is dropped.
+    int64_t offset = 0;
+    bool discardBody = false;
+    bool rangeMismatch = false;
     std::string data;     // data task reply
     std::string pending;  // download bytes not yet written to the file
     ZMHTTPHeaderFields headerFields;
@@ -80,7 +89,7 @@ class ZMURLSessionEngine {
     int writeErrno = 0;
     // MD5 of the bytes written so far, so the file need not be read again to be verified;
     // computed beside the transfer on a thread of its own.
-    std::unique_ptr<ZMBackgroundMD5> md5;
+    std::shared_ptr<ZMBackgroundMD5> md5;
     char errorBuffer[CURL_ERROR_SIZE] = {};
   };
   struct Command {
@@ -91,7 +100,15 @@ class ZMURLSessionEngine {
 
   void push(Command command);
   void run();
+  // Starts the delayed tasks whose time has come; lowers `wait` to the next one's.
+  void startDelayed(Clock::duration& wait);
   void begin(std::shared_ptr<ZMURLSessionTask> task);
+  // Opens the download file of a new transfer (the request's, or a fresh temporary one); false
+  // with the error filled when neither can be made.
+  bool openDownloadFile(Transfer& transfer, ZMError& error);
+  // At the headers of a download's final response: continue, restart or leave its file.
+  static void onFinalDownloadResponse(Transfer& transfer, long status);
+  static std::optional<ZMDownloadResumeData> resumeDataOf(Transfer& transfer, long status);
   bool configure(Transfer& transfer);
   void finish(CURL* easy, CURLcode result);
   // Ends a transfer with an error, removing its file.
@@ -114,6 +131,8 @@ class ZMURLSessionEngine {
   static std::optional<ZMHTTPURLResponse> responseOf(const Transfer& transfer, long status);
   static ZMError errorOf(CURLcode result, const Transfer& transfer);
   static void deliverProgress(const std::weak_ptr<ZMURLSessionTask>& weakTask);
+  static void deliverResponse(const std::weak_ptr<ZMURLSessionTask>& weakTask,
+                              const ZMHTTPURLResponse& response);
   static void deliver(const std::shared_ptr<ZMURLSessionTask>& task, Outcome& outcome);
   static size_t onHeader(char* buffer, size_t size, size_t count, void* userdata);
   static size_t onBody(char* buffer, size_t size, size_t count, void* userdata);
@@ -127,6 +146,8 @@ class ZMURLSessionEngine {
   std::once_flag joined_;
   std::thread thread_;
   std::unordered_map<uint64_t, std::unique_ptr<Transfer>> transfers_;  // network thread only
+  // Tasks whose request asked to wait before it is sent, with when (network thread only).
+  std::vector<std::pair<Clock::time_point, std::shared_ptr<ZMURLSessionTask>>> delayed_;
 };
 
 // Shared by the engine and the session facade.

@@ -44,6 +44,7 @@ void ZMVerifiedPackageDownload::_downloadFile() {
   // Replacing the downloader releases the previous one, whose transfer has ended.
   downloader_ =
       std::make_shared<ZMSingleThreadFileDownloader>(downloadPath_, url_, tag_, weak_from_this());
+  downloader_->setResume(resumeAttempts_, savePath_, hash_.value_or(""));
   downloader_->start();
 }
 

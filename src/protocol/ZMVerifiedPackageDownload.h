@@ -34,6 +34,9 @@ class ZMVerifiedPackageDownload : public ZMOnFileDownloadListener,
 
   // Cancels the current download and drops the downloader; the listener hears nothing more.
   void cancel();
+  // How often a failed transfer is continued where it stopped (see ZMSingleThreadFileDownloader);
+  // 0, the default, never. Set before the download starts.
+  void setResumeAttempts(int64_t attempts) { resumeAttempts_ = attempts; }
 
   const std::string& savePath() const { return savePath_; }
   const std::string& url() const { return url_; }
@@ -69,4 +72,5 @@ class ZMVerifiedPackageDownload : public ZMOnFileDownloadListener,
   std::weak_ptr<ZMPackageDownloadListener> listener_;
   std::shared_ptr<ZMSingleThreadFileDownloader> downloader_;
   bool isRetryDownload_ = false;
+  int64_t resumeAttempts_ = 0;
 };

@@ -7,6 +7,7 @@
 #include "platform/ZMFormat.h"
 #include "platform/ZMPath.h"
 #include "platform/ZMValueAccess.h"
+#include "protocol/ZMPartialDownload.h"
 #include "protocol/ZMURLSession.h"
 #include "runtime/ZMGameRuntime2.h"
 #include "storage/ZMDatabaseHelper.h"
@@ -71,6 +72,7 @@ void ZMGameRuntime::create(const std::string& userId, const ZMValue& options,
   }
   // Downloads cut short by a killed process leave their temporary files; nothing else would.
   ZMURLSession::removeStaleDownloads(ZMSystemDirectories::temporaryDirectory());
+  ZMPartialDownload::removeStale(layout_->cache);
 
   gameRuntime2_ = ZMGameRuntime2::initWithUserId(userId_, layout, effective, listener);
 

@@ -77,6 +77,7 @@ void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
   if (host) host->onDownloadStart();
   gameDownloadTask_ =
       std::make_shared<ZMGameDownloadPackageTask>(std::move(listener), savePath, url);
+  gameDownloadTask_->setResumeAttempts(layout_->packageLimits.downloadResumeAttempts);
   gameDownloadTask_->execute(options);
 }
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <zip.h>
 
+#include <algorithm>
 #include <charconv>
 #include <memory>
 
@@ -48,6 +49,9 @@ ZMPackageLimits ZMPackageLimits::fromOptions(const ZMValue& options) {
   }
   if (auto ratio = positiveNumber(options, ZM_KEY_PACKAGE_MAX_COMPRESSION_RATIO)) {
     limits.maxCompressionRatio = *ratio;
+  }
+  if (auto attempts = positiveNumber(options, ZM_KEY_DOWNLOAD_RESUME_ATTEMPTS)) {
+    limits.downloadResumeAttempts = static_cast<int64_t>(std::min<uint64_t>(*attempts, 1000));
   }
   return limits;
 }

@@ -6,8 +6,9 @@
 
 #include "tavo/ZMValue.h"
 
-// ZMPackageLimits bounds what unpacking one package (a game or a plug-in) may write: the total
-// size its entries declare, and that total over the size of the archive itself. The defaults
+// ZMPackageLimits bounds what fetching and unpacking one package (a game or a plug-in) may do:
+// how often its download may be continued, the total size its entries declare, and that total
+// over the size of the archive itself. The defaults
 // are far beyond any real package and stop a small archive that would fill the disk. A host
 // sets them with the runtime creation options ZM_KEY_PACKAGE_MAX_UNPACKED_BYTES and
 // ZM_KEY_PACKAGE_MAX_COMPRESSION_RATIO. A value, read from any thread.
@@ -17,6 +18,9 @@ struct ZMPackageLimits {
 
   uint64_t maxUnpackedBytes = kDefaultMaxUnpackedBytes;
   uint64_t maxCompressionRatio = kDefaultMaxCompressionRatio;
+  // How often a package download may be continued after a failure
+  // (ZM_KEY_DOWNLOAD_RESUME_ATTEMPTS); 0: never.
+  int64_t downloadResumeAttempts = 0;
 
   // Each limit from its option when that is a positive whole number (or text reading as one);
   // anything else keeps the default.

@@ -10,6 +10,8 @@
 namespace {
 
 constexpr std::string_view kUnzipProgress = "unzip progress:";
+// The downloader's line when it continues a download, which the bar's reader wants to see.
+constexpr std::string_view kDownloadResumes = "download resumes at ";
 
 // Set by the handler on whichever thread the signal lands: a lock-free atomic, safe there.
 std::atomic<bool> holdInterrupted{false};
@@ -68,6 +70,10 @@ Session::Session(Reporter& reporter, Settings settings)
     : reporter_(reporter), settings_(std::move(settings)) {
   // The engine reports unzip progress only through the log: it feeds the install's bar.
   ZMLog::setSink([this](std::string_view line) {
+    if (line.substr(0, kDownloadResumes.size()) == kDownloadResumes) {
+      const int64_t at = std::atoll(std::string(line.substr(kDownloadResumes.size())).c_str());
+      reporter_.say("  download resumes at " + std::to_string(at) + " bytes");
+    }
     if (line.substr(0, kUnzipProgress.size()) == kUnzipProgress) {
       const double fraction = std::atof(std::string(line.substr(kUnzipProgress.size())).c_str());
       reporter_.progress("install", static_cast<int64_t>(fraction * 100), 100, "percent");
@@ -89,6 +95,9 @@ bool Session::start() {
     ZMSystemDirectories::setCachesDirectory(root + "/Caches");
     ZMSystemDirectories::setTemporaryDirectory(root + "/tmp");
     options[ZM_KEY_STORAGE_PATH_PLUGIN] = root + "/Caches/plugin";
+  }
+  if (settings_.resumeAttempts > 0) {
+    options[ZM_KEY_DOWNLOAD_RESUME_ATTEMPTS] = settings_.resumeAttempts;
   }
   auto listener = std::make_shared<InitListener>(reporter_);
   ZMZimoGame::initRuntime(settings_.user, options, listener);

@@ -29,6 +29,8 @@ class Session {
     bool verbose = false;  // the library's log lines on stderr
     // Plug-in service base URLs, primary first; empty: the built-in ones.
     std::vector<std::string> pluginServices;
+    // How often a package download is continued after a failure (0: never).
+    int64_t resumeAttempts = 0;
   };
 
   Session(Reporter& reporter, Settings settings);

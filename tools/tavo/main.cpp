@@ -152,6 +152,10 @@ int main(int argc, char** argv) {
   download->add_option("--version", version, "Version")->required();
   download->add_option("--url", url, "Package URL")->required();
   download->add_option("--hash", hash, "Lower-case MD5 of the package");
+  const std::string resumeHelp =
+      "Continue a download that fails midway up to N times, and continue what an interrupted "
+      "one left (default 0: never)";
+  download->add_option("--resume", settings.resumeAttempts, resumeHelp);
 
   auto* install = app.add_subcommand("install", "Install (unzip) a downloaded game package");
   install->add_option("--app", appId, "App id")->required();
@@ -242,6 +246,7 @@ int main(int argc, char** argv) {
                                              "prefetched update first)");
   auto* pluginInstall =
       plugin->add_subcommand("install", "Install a plug-in from the plug-in service");
+  pluginInstall->add_option("--resume", settings.resumeAttempts, resumeHelp);
   auto* pluginList = plugin->add_subcommand("list", "List the installed plug-ins");
   auto* pluginRemove = plugin->add_subcommand("remove", "Remove plug-ins");
   for (auto* command : {pluginCheck, pluginInstall, pluginRemove}) {
