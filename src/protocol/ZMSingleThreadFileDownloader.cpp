@@ -129,6 +129,8 @@ void ZMSingleThreadFileDownloader::didCompleteWithError(ZMURLSession&, ZMURLSess
     return;
   }
   if (_resume(task)) return;
+  // Bytes without a validator can never be continued; others stay for a later download.
+  if (partial_ && task.usesRequestedFile() && !task.resumeData()) partial_->discard();
   _notifyFailure(statusOf(task), "download fail", *error);
 }
 

@@ -15,6 +15,7 @@
 
 #include "support/TestHttpServer.h"
 #include "support/TestListeners.h"
+#include "support/TestRangeServer.h"
 #include "support/TestSupport.h"
 
 using namespace std::chrono_literals;
@@ -80,7 +81,10 @@ struct ResettingServer {
 
 class ZMSingleThreadFileDownloaderTest : public ::testing::Test {
  protected:
-  void TearDown() override { ZMSingleThreadFileDownloader::setTimeoutIntervalForTesting(0); }
+  void TearDown() override {
+    ZMSingleThreadFileDownloader::setTimeoutIntervalForTesting(0);
+    ZMSingleThreadFileDownloader::setResumeDelayForTesting(0);
+  }
 
   std::shared_ptr<ZMSingleThreadFileDownloader> downloader(const std::string& url,
                                                            std::shared_ptr<FileRecorder> listener) {
@@ -90,9 +94,11 @@ class ZMSingleThreadFileDownloaderTest : public ::testing::Test {
   // Downloads `url` to the save path and waits for the end; then checks that exactly one
   // terminal callback came, on the main thread like every other, and that no temporary file is
   // left.
-  std::shared_ptr<FileRecorder> download(const std::string& url, bool cancelMidway = false) {
+  std::shared_ptr<FileRecorder> download(const std::string& url, bool cancelMidway = false,
+                                         int64_t resumeAttempts = 0) {
     auto recorder = std::make_shared<FileRecorder>();
     auto running = downloader(url, recorder);
+    running->setResume(resumeAttempts, package, "md5-of-the-package");
     if (cancelMidway) recorder->onFirstProgress = [&] { running->cancel(); };
     running->start();
     EXPECT_EQ(recorder->events(), std::vector<std::string>{"start:tag-1"});  // synchronous
@@ -106,6 +112,7 @@ class ZMSingleThreadFileDownloaderTest : public ::testing::Test {
 
   ScopedSystemDirectories dirs;
   std::string savePath = dirs.root() / "game.zgp";
+  std::string package = dirs.root() / "cache.zgp";  // a resumed download's bytes go beside it
 };
 
 }  // namespace
@@ -241,4 +248,106 @@ TEST_F(ZMSingleThreadFileDownloaderTest, CancelReportsCancelAndNoFailure) {
   unstarted->didCompleteWithError(*session, *task, error);
   EXPECT_EQ(idle->last(), "failure:0|download fail");
   EXPECT_EQ(idle->error, error);
+}
+
+TEST_F(ZMSingleThreadFileDownloaderTest, AResumedDownloadContinuesWhileTheServerAgrees) {
+  ZMSingleThreadFileDownloader::setResumeDelayForTesting(0.01);
+  using Reply = TestRangeServer::Reply;
+  const int64_t size = 300000;
+  const std::string body = PatternBody(size), from100k = "bytes=100000-|\"v1\"";
+  const auto cutOnce = [](Reply later) {
+    return [later](int i) { return i == 0 ? Reply{.cutAt = 100000} : later; };
+  };
+  struct Case {
+    std::string name;
+    std::function<Reply(int)> reply;
+    int64_t attempts;
+    std::string end;  // the terminal callback
+    std::vector<std::string> requests;
+    int64_t sent;       // body bytes on the wire, in all
+    bool kept = false;  // the bytes stay for a later download
+  };
+  for (const Case& c : std::vector<Case>{
+           {"cut once", cutOnce({}), 3, "success", {"|", from100k}, size},
+           {"cut thrice",
+            [](int i) { return Reply{.cutAt = i < 3 ? 50000 + 70000 * i : -1}; },
+            3,
+            "success",
+            {"|", "bytes=50000-|\"v1\"", "bytes=120000-|\"v1\"", "bytes=190000-|\"v1\""},
+            size},
+           {"attempts run out",
+            [](int i) { return Reply{.cutAt = 50000 + 70000 * i}; },
+            2,
+            "failure:206|download fail",
+            {"|", "bytes=50000-|\"v1\"", "bytes=120000-|\"v1\""},
+            190000,
+            true},
+           // The file changed (another ETag) or the server ignores ranges: 200, from byte 0.
+           {"file changed", cutOnce({.etag = "v2"}), 3, "success", {"|", from100k}, 100000 + size},
+           {"ranges ignored",
+            cutOnce({.ranges = false}),
+            3,
+            "success",
+            {"|", from100k},
+            100000 + size},
+           {"range refused",
+            cutOnce({.refuseRange = 416}),
+            3,
+            "failure:416|416",
+            {"|", from100k},
+            100000},
+           {"no validator",
+            [](int) { return Reply{.cutAt = 100000, .etag = ""}; },
+            3,
+            "failure:200|download fail",
+            {"|"},
+            100000},
+           {"resumption off", cutOnce({}), 0, "failure:200|download fail", {"|"}, 100000},
+       }) {
+    TestRangeServer server(body, c.reply);
+    std::remove(savePath.c_str());
+    auto recorder = download(server.url(), false, c.attempts);
+    EXPECT_EQ(recorder->last(), c.end == "success" ? "success:" + savePath : c.end) << c.name;
+    EXPECT_EQ(server.requests(), c.requests) << c.name;
+    EXPECT_EQ(server.sent(), c.sent) << c.name;
+    if (c.end == "success") {
+      EXPECT_TRUE(ReadFile(savePath) == body) << c.name;
+    }
+    // Progress never goes back, and counts the whole file.
+    for (size_t i = 1; i < recorder->progress.size(); ++i) {
+      EXPECT_GE(recorder->progress[i].first, recorder->progress[i - 1].first) << c.name;
+    }
+    if (c.end == "success") {
+      EXPECT_EQ(recorder->progress.back(), std::make_pair(size, size)) << c.name;
+    }
+    EXPECT_EQ(Exists(package + ".partial"), c.kept) << c.name;
+    EXPECT_EQ(Exists(package + ".partial.json"), c.kept) << c.name;
+  }
+
+  // What a failed download kept is continued by the next one for the same URL and hash, and by
+  // nothing else.
+  TestRangeServer server(body, [](int i) { return Reply{.cutAt = i == 0 ? 100000 : -1}; });
+  EXPECT_EQ(download(server.url(), false, 1)->last(), "success:" + savePath);
+  std::remove(savePath.c_str());
+  TestRangeServer again(body, [](int i) { return Reply{.cutAt = i == 0 ? 100000 : -1}; });
+  auto first = download(again.url(), false, 0);  // no resumption: nothing kept
+  EXPECT_EQ(first->last(), "failure:200|download fail");
+  EXPECT_FALSE(Exists(package + ".partial"));
+
+  // A cancel during the wait before a continuation ends the download at once.
+  ZMSingleThreadFileDownloader::setResumeDelayForTesting(600);
+  TestRangeServer slow(body, [](int) { return Reply{.cutAt = 100000}; });
+  LogCapture log;
+  auto recorder = std::make_shared<FileRecorder>();
+  auto waiting = downloader(slow.url(), recorder);
+  waiting->setResume(1, package, "md5-of-the-package");
+  waiting->start();
+  // (At most 30 s, however long the waits would grow.)
+  ASSERT_TRUE(RunUntil(
+      [&] { return !log.startingWith("download resumes at 100000 bytes in 30 s").empty(); }));
+  waiting->cancel();
+  ASSERT_TRUE(RunUntil([&] { return recorder->ends > 0; }));
+  EXPECT_EQ(recorder->last(), "cancel");
+  EXPECT_EQ(slow.requests().size(), 1u);
+  EXPECT_TRUE(Exists(package + ".partial")) << "kept for a later download";
 }

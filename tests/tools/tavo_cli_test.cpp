@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -11,6 +12,7 @@
 #include "TavoCli.h"
 #include "support/TestHttpServer.h"
 #include "support/TestPluginService.h"
+#include "support/TestRangeServer.h"
 #include "support/TestSupport.h"
 #include "support/TestZip.h"
 #include "tavo/tavo.h"
@@ -279,6 +281,54 @@ TEST_F(TavoCli, AnInstallKilledMidUnpackLeavesTheInstalledPlugin) {
   EXPECT_EQ(tavo({"plugin", "check", "--provider", "p", "--version", "1.0"}).status, 0);
   EXPECT_EQ(trace({"plugin", "list"}).json().back()["args"][0].size(), 1u)
       << "the leftover staged directory is no plug-in";
+}
+
+// A download killed halfway leaves its bytes; the next one continues them, and the server sends
+// only the rest.
+TEST_F(TavoCli, AKilledDownloadIsContinuedByTheNextProcess) {
+  const std::string file = dir / "big.zgp";
+  {
+    std::string chunk = PatternBody(1 << 20);
+    std::ofstream out(file, std::ios::binary);
+    for (int i = 0; i < 200; ++i) {
+      chunk[0] = static_cast<char>(i);
+      out.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+    }
+  }
+  const int64_t size = int64_t{200} << 20;
+  const std::unique_ptr<char, decltype(&std::free)> hash(FileMD5HashCreateWithPath(file.c_str(), 0),
+                                                         &std::free);
+  TestRangeServer server("");
+  server.serveFile(file, std::chrono::milliseconds(5));
+  const std::vector<std::string> download = {"download", "--app",    "g",          "--version",
+                                             "1",        "--url",    server.url(), "--hash",
+                                             hash.get(), "--resume", "3"};
+  std::string command = "exec " + Quote(TAVO_BINARY);
+  for (const auto& arg : download) command += " " + Quote(arg);
+  FILE* child =
+      ::popen((command + " --root " + Quote(root) + " >/dev/null 2>&1 & echo $!").c_str(), "r");
+  int pid = 0;
+  ASSERT_EQ(std::fscanf(child, "%d", &pid), 1);
+  const std::string partial = root + "/tmp/g.1.zgp.partial";
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!(Exists(partial) && std::filesystem::file_size(partial) > (50u << 20)) &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ::kill(pid, SIGKILL);
+  ::pclose(child);
+  ASSERT_TRUE(Exists(partial) && Exists(partial + ".json"));
+  const int64_t kept = static_cast<int64_t>(std::filesystem::file_size(partial));
+  ASSERT_LT(kept, size) << "killed too late";
+
+  const int64_t before = server.sent();
+  const Result r = tavo(download);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(server.sent() - before, size - kept) << "only the rest is sent again";
+  EXPECT_EQ(server.requests().back(), "bytes=" + std::to_string(kept) + "-|\"v1\"");
+  EXPECT_EQ(ListDir(root + "/tmp"), std::vector<std::string>{"g.1.zgp"});
+  EXPECT_NE(r.out.find("download resumes at " + std::to_string(kept) + " bytes"), std::string::npos)
+      << r.out;
 }
 
 }  // namespace
