@@ -52,6 +52,7 @@ TestRangeServer::TestRangeServer(std::string body, std::function<Reply(int)> rep
       if (connection < 0) return;  // woken by the destructor
       serve(connection);
       ::close(connection);
+      ++finished_;
     }
   });
 }
@@ -124,10 +125,9 @@ void TestRangeServer::serve(int connection) {
     extra = "Content-Range: bytes " + std::to_string(from) + "-" + std::to_string(size - 1) + "/" +
             std::to_string(size) + "\r\n";
   }
-  const std::string response = "HTTP/1.1 " + status + "\r\nContent-Length: " +
-                               std::to_string(size - from) + "\r\n" + extra +
-                               (etag.empty() ? "" : "ETag: " + etag + "\r\n") +
-                               "Connection: close\r\n\r\n";
+  const std::string response =
+      "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(size - from) + "\r\n" + extra +
+      (etag.empty() ? "" : "ETag: " + etag + "\r\n") + "Connection: close\r\n\r\n";
   if (!sendAll(connection, response.data(), response.size())) return;
   const int64_t end = reply.cutAt >= 0 ? std::min(reply.cutAt, size) : size;
   std::string chunk;

@@ -17,10 +17,10 @@
 class TestRangeServer {
  public:
   struct Reply {
-    int64_t cutAt = -1;        // the connection breaks before this byte of the file; -1: never
-    std::string etag = "v1";   // sent quoted; empty: no validator at all
-    bool ranges = true;        // false: Range is ignored (the whole file, 200)
-    int refuseRange = 0;       // a status (416) answering every Range request
+    int64_t cutAt = -1;       // the connection breaks before this byte of the file; -1: never
+    std::string etag = "v1";  // sent quoted; empty: no validator at all
+    bool ranges = true;       // false: Range is ignored (the whole file, 200)
+    int refuseRange = 0;      // a status (416) answering every Range request
   };
 
   // `reply(i)` says how to answer the i-th request (from 0).
@@ -35,6 +35,8 @@ class TestRangeServer {
 
   std::string url() const { return url_; }
   int64_t sent() const { return sent_.load(); }
+  // Requests answered to the end (their connection closed).
+  int finished() const { return finished_.load(); }
   std::vector<std::string> requests() const;
 
  private:
@@ -46,6 +48,7 @@ class TestRangeServer {
   std::function<Reply(int)> reply_;
   std::vector<std::string> requests_;
   std::atomic<int64_t> sent_{0};
+  std::atomic<int> finished_{0};
   std::atomic<bool> stopping_{false};
   int listener_ = -1;
   std::string url_;

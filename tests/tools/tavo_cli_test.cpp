@@ -321,6 +321,7 @@ TEST_F(TavoCli, AKilledDownloadIsContinuedByTheNextProcess) {
   const int64_t kept = static_cast<int64_t>(std::filesystem::file_size(partial));
   ASSERT_LT(kept, size) << "killed too late";
 
+  ASSERT_TRUE(RunUntil([&] { return server.finished() == 1; })) << "the first answer is over";
   const int64_t before = server.sent();
   const Result r = tavo(download);
   EXPECT_EQ(r.status, 0) << r.err;
@@ -329,6 +330,22 @@ TEST_F(TavoCli, AKilledDownloadIsContinuedByTheNextProcess) {
   EXPECT_EQ(ListDir(root + "/tmp"), std::vector<std::string>{"g.1.zgp"});
   EXPECT_NE(r.out.find("download resumes at " + std::to_string(kept) + " bytes"), std::string::npos)
       << r.out;
+
+  // A plug-in package's download is continued the same way.
+  MakeZip(dir / "p.zip", {{"main.js", RandomBytes(4096, 3)}});
+  TestRangeServer cutting(ReadFile(dir / "p.zip"), [](int i) {
+    return TestRangeServer::Reply{.cutAt = i == 0 ? 1000 : -1};
+  });
+  TestPluginService service;
+  service.lists("s", ZMValue::array({{{"plugin_id", "p"},
+                                      {"version", "1.0"},
+                                      {"hash", *ZMFileUtils::getFileMD5(dir / "p.zip")},
+                                      {"url", cutting.url()}}}));
+  EXPECT_EQ(tavo({"plugin", "install", "--provider", "p", "--version", "1.0", "--plugin-service",
+                  service.host("s"), "--resume", "1"})
+                .status,
+            0);
+  EXPECT_EQ(cutting.requests(), (std::vector<std::string>{"|", "bytes=1000-|\"v1\""}));
 }
 
 }  // namespace
