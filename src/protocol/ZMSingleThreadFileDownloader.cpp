@@ -137,11 +137,13 @@ void ZMSingleThreadFileDownloader::didCompleteWithError(ZMURLSession&, ZMURLSess
 bool ZMSingleThreadFileDownloader::_resume(ZMURLSessionTask& task) {
   auto data = task.resumeData();
   if (!partial_ || resumesUsed_ >= resumeAttempts_ || !data) return false;
-  // 1 s, 2 s, 4 s ... between attempts, 30 s at most.
+  // 1 s, 2 s, 4 s ... between attempts that bring nothing new, 30 s at most; an attempt that
+  // moved the download on starts the waits over.
+  if (data->offset > resumeFrom_.offset) waitsWithoutProgress_ = 0;
   const double first = resumeDelayForTesting.load() > 0 ? resumeDelayForTesting.load() : 1.0;
-  startDelay_ =
-      std::min(first * static_cast<double>(int64_t{1} << std::min<int64_t>(resumesUsed_, 16)),
-               kLongestResumeDelay);
+  startDelay_ = std::min(first * static_cast<double>(int64_t{1} << waitsWithoutProgress_),
+                         kLongestResumeDelay);
+  waitsWithoutProgress_ = std::min<int64_t>(waitsWithoutProgress_ + 1, 16);
   ++resumesUsed_;
   ZMLogFormat("download resumes at %@ bytes in %@ s: %@", {data->offset, startDelay_, url_});
   resumeFrom_ = std::move(*data);

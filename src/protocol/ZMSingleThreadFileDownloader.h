@@ -19,7 +19,8 @@
 // Resumption is off unless setResume() is called before start(). Then the body goes to a
 // partial download beside the package (ZMPartialDownload), and a transfer that fails after bytes
 // arrived under a validator is continued up to `attempts` times with a range request, after
-// waits of 1 s, 2 s, 4 s ... (30 s at most); a cancel during a wait ends it at once. Progress
+// waits of 1 s, 2 s, 4 s ... (30 s at most; an attempt that brought bytes starts them over at
+// 1 s); a cancel during a wait ends it at once. Progress
 // stays monotonic and counts the whole file. Bytes that another process left for the same URL
 // and hash are continued too, and a failure leaves them for a later download.
 //
@@ -97,6 +98,7 @@ class ZMSingleThreadFileDownloader
   std::optional<ZMPartialDownload> partial_;
   int64_t resumeAttempts_ = 0;
   int64_t resumesUsed_ = 0;
+  int64_t waitsWithoutProgress_ = 0;
   ZMDownloadResumeData resumeFrom_;  // what the next task continues; offset 0: nothing
   double startDelay_ = 0;
   int64_t progressReported_ = 0;
