@@ -19,9 +19,8 @@ int main(int argc, char** argv) {
   // Which byte each request starts at is not known here, so every answer breaks at the next
   // multiple of CUT after what was already sent in all: each request moves the file on by CUT.
   TestRangeServer* server = nullptr;
-  TestRangeServer running("", [&](int) {
-    return TestRangeServer::Reply{.cutAt = (server->sent() / cut + 1) * cut};
-  });
+  TestRangeServer running(
+      "", [&](int) { return TestRangeServer::Reply{.cutAt = (server->sent() / cut + 1) * cut}; });
   server = &running;
   running.serveFile(argv[1], std::chrono::milliseconds(0));
   const std::string url = running.url();

@@ -206,8 +206,9 @@ TEST_F(TavoCli, ProcessesSharingOneRootAllSucceed) {
   std::string script;
   for (int i = 0; i < 4; ++i) {
     for (const auto& [kind, args] : std::vector<std::pair<std::string, std::string>>{
+             // Resumable: one of them writes the partial download, the others files of their own.
              {"d", "download --app g --version 1 --url " + service.package("g.zip") + " --hash " +
-                       md5("g.zip")},
+                       md5("g.zip") + " --resume 2"},
              {"p",
               "plugin install --provider p --version 1.0 --plugin-service " + service.host("s")}}) {
       script += "(" + Quote(TAVO_BINARY) + " " + args + " --root " + Quote(root) +
