@@ -16,6 +16,7 @@
 
 #include "PluginService.h"
 #include "SamplePackage.h"
+#include "tavo/ZMFileUtils.h"
 
 namespace {
 
@@ -185,14 +186,19 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
          "   checked and unpacked under the plug-in root.",
          kExitSuccess, [&] { return session.pluginInstall(pluginInfo); });
     step("Run and exit",
-         "The reference engine runs the game headless for a second; the play is counted, and the\n"
+         "The reference engine runs the game headless; the play is counted, and the\n"
          "   record's extend is replaced by the run's (none here). Meanwhile the service has a\n"
          "   newer package of the same plug-in version: the running game's plug-ins are asked\n"
          "   about, and the newer package is prefetched into the package cache.",
          kExitSuccess, [&] {
            if (!WriteSamplePlugin(pluginPackage, 2)) return kExitFailure;
-           return session.run(kAppId, kVersion, std::nullopt, std::chrono::milliseconds(1000),
-                              true);
+           // Until the newer package is in the package cache (at most ten seconds, however
+           // slow the machine), then the game exits.
+           const std::string prefetched = settings.root + "/tmp/" +
+                                          ZMFileUtils::getFileMD5(pluginPackage).value_or("") +
+                                          "_" + kPlugin + "_" + kPluginVersion + ".zip";
+           return session.run(kAppId, kVersion, std::nullopt, std::chrono::seconds(10), true,
+                              [&] { return ZMFileUtils::isExist(prefetched); });
          });
     step("Check the plug-in",
          "The check first installs the prefetched package, then finds the plug-in in place.",

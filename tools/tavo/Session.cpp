@@ -18,9 +18,9 @@ std::atomic<bool> holdInterrupted{false};
 
 extern "C" void InterruptHold(int) { holdInterrupted = true; }
 
-// Keeps the game running for `hold`, or until SIGINT or SIGTERM; either way the game then
-// exits as usual. Outside the hold the signals keep their usual effect.
-void HoldGame(std::chrono::milliseconds hold) {
+// Keeps the game running for `hold`, until SIGINT or SIGTERM, or until `done` holds; either way
+// the game then exits as usual. Outside the hold the signals keep their usual effect.
+void HoldGame(std::chrono::milliseconds hold, const std::function<bool()>& done) {
   struct sigaction interrupt {
   }, previousInt{}, previousTerm{};
   interrupt.sa_handler = InterruptHold;
@@ -35,8 +35,10 @@ void HoldGame(std::chrono::milliseconds hold) {
        now = std::chrono::steady_clock::now()) {
     const auto slice =
         std::min<std::chrono::steady_clock::duration>(end - now, std::chrono::milliseconds(100));
-    ZMMainQueue::runUntil([] { return holdInterrupted.load(); },
-                          std::chrono::duration_cast<std::chrono::milliseconds>(slice));
+    const bool finished =
+        ZMMainQueue::runUntil([&] { return holdInterrupted.load() || (done && done()); },
+                              std::chrono::duration_cast<std::chrono::milliseconds>(slice));
+    if (finished) break;
   }
   sigaction(SIGINT, &previousInt, nullptr);
   sigaction(SIGTERM, &previousTerm, nullptr);
@@ -166,7 +168,7 @@ int Session::install(const std::string& appId, const std::string& version,
 
 int Session::run(const std::string& appId, const std::string& version,
                  const std::optional<std::string>& extend, std::chrono::milliseconds hold,
-                 bool loadingTimes) {
+                 bool loadingTimes, const std::function<bool()>& holdUntil) {
   auto l = listener();
   ZMValue options = {{ZM_KEY_RUN_OPT_VERSION, version}};
   if (extend) options[ZM_KEY_RUN_OPT_EXTEND] = *extend;
@@ -178,7 +180,7 @@ int Session::run(const std::string& appId, const std::string& version,
   if (hold.count() > 0) {
     reporter_.say("  keeping it running for " + std::to_string(hold.count()) +
                   " ms (SIGINT or SIGTERM ends it sooner)");
-    HoldGame(hold);
+    HoldGame(hold, holdUntil);
   }
   auto exit = listener();
   reporter_.say("Exiting " + appId);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -56,9 +57,11 @@ class Session {
               const std::optional<std::string>& extend);
   // Runs the game, keeps it running for `hold` (SIGINT or SIGTERM ends the hold sooner), then
   // exits it.
+  // Runs the game, keeps it running for `hold` (or until `holdUntil`, when given, holds) and
+  // exits it.
   int run(const std::string& appId, const std::string& version,
           const std::optional<std::string>& extend, std::chrono::milliseconds hold,
-          bool loadingTimes);
+          bool loadingTimes, const std::function<bool()>& holdUntil = nullptr);
   int list(ZMValue* items = nullptr);
   int setData(const std::string& appId, const ZMValue& info);
   int remove(const std::vector<std::string>& appIds);
