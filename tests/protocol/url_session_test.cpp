@@ -1,3 +1,4 @@
+#include "protocol/ZMPartialDownload.h"
 #include "protocol/ZMURLSession.h"
 
 #include <fcntl.h>
@@ -210,17 +211,32 @@ TEST_F(ZMURLSessionTest, StalledTransferEndsOnIdleTimeoutOrExit) {
 
 TEST_F(ZMURLSessionTest, OnlyDownloadFilesNobodyHoldsAreSweptAsStale) {
   const std::string tmp = dirs.temporary();
-  for (const char* name : {"tavo-download-dead01", "tavo-download-live01", "tavo-download-new001",
-                           "tavo-download-toolong", "game.1.zgp"}) {
+  // Temporary download files go after a minute, partial downloads kept for resuming after a day.
+  for (const auto& [name, age] :
+       std::vector<std::pair<std::string, double>>{{"tavo-download-dead01", 3600},
+                                                   {"tavo-download-live01", 3600},
+                                                   {"tavo-download-new001", 0},
+                                                   {"tavo-download-toolong", 3600},
+                                                   {"game.1.zgp", 3600},
+                                                   {"a.zgp.partial", 90000},
+                                                   {"a.zgp.partial.json", 90000},
+                                                   {"b.zgp.partial", 80000},
+                                                   {"b.zgp.partial.json", 90000},
+                                                   {"c.zgp.partial", 90000}}) {
     WriteFile(tmp + "/" + name, "x");
-    if (std::string(name) != "tavo-download-new001") SetAgeSeconds(tmp + "/" + name, 3600);
+    SetAgeSeconds(tmp + "/" + name, age);
   }
   // A live download holds its file's lock, as a writer in another process would.
-  const int live = ::open((tmp + "/tavo-download-live01").c_str(), O_RDWR | O_CLOEXEC);
-  ASSERT_EQ(::flock(live, LOCK_EX | LOCK_NB), 0);
+  std::vector<int> held;
+  for (const char* name : {"tavo-download-live01", "c.zgp.partial"}) {
+    held.push_back(::open((tmp + "/" + name).c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(::flock(held.back(), LOCK_EX | LOCK_NB), 0);
+  }
   EXPECT_EQ(ZMURLSession::removeStaleDownloads(tmp), 1);
-  ::close(live);
+  EXPECT_EQ(ZMPartialDownload::removeStale(tmp), 1);
+  for (int fd : held) ::close(fd);
   EXPECT_EQ(ListDir(tmp),
-            (std::vector<std::string>{"game.1.zgp", "tavo-download-live01", "tavo-download-new001",
+            (std::vector<std::string>{"b.zgp.partial", "b.zgp.partial.json", "c.zgp.partial",
+                                      "game.1.zgp", "tavo-download-live01", "tavo-download-new001",
                                       "tavo-download-toolong"}));
 }
