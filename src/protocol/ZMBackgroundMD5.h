@@ -12,8 +12,10 @@
 
 // ZMBackgroundMD5 computes the MD5 of a stream of chunks on a thread of its own, so that the
 // thread receiving a download never waits for the digest: receiving and hashing overlap, and
-// the digest is ready soon after the last byte. Chunks are hashed in the order they are given;
-// at most kMaxQueued wait at a time (update() waits beyond that), which bounds the memory.
+// the digest is ready soon after the last byte. Asked to, it computes the BLAKE2b-512 of the same
+// bytes as well (what a prehashed package signature signs), on the same thread. Chunks are hashed
+// in the order they are given; at most kMaxQueued wait at a time (update() waits beyond that),
+// which bounds the memory.
 //
 // Thread rules: update() and finish() are called by one thread, the owner; the hashing thread is
 // private. The destructor stops hashing and joins the thread, whether or not finish() ran.
@@ -21,7 +23,7 @@ class ZMBackgroundMD5 {
  public:
   static constexpr std::size_t kMaxQueued = 3;
 
-  ZMBackgroundMD5();
+  explicit ZMBackgroundMD5(bool alsoBLAKE2b512 = false);
   ~ZMBackgroundMD5();
   ZMBackgroundMD5(const ZMBackgroundMD5&) = delete;
   ZMBackgroundMD5& operator=(const ZMBackgroundMD5&) = delete;
@@ -31,11 +33,15 @@ class ZMBackgroundMD5 {
   void update(std::string& chunk);
   // Waits until every chunk is hashed: the lower-case hex digest, or "" when hashing failed.
   std::string finish();
+  // After finish(): the BLAKE2b-512 (64 bytes) when it was asked for and computed, else "".
+  const std::string& blake2b512() const { return blake2b512_; }
 
  private:
   void run();
 
   EVP_MD_CTX* context_ = nullptr;  // used by the hashing thread until it ends
+  EVP_MD_CTX* blake2b_ = nullptr;  // the same, when asked for
+  std::string blake2b512_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<std::string> queued_;  // guarded by mutex_

@@ -38,6 +38,7 @@ std::shared_ptr<ZMURLSessionTask> ZMSingleThreadFileDownloader::_task() {
   const double override = timeoutForTesting.load();
   request.timeoutInterval = override > 0 ? override : kTimeoutInterval;
   request.minimumBytesPerSecond = kMinimumBytesPerSecond;
+  request.computesBLAKE2b512 = computesBLAKE2b512_;
   auto task = session_->downloadTask(std::move(request));
   task_ = task;
   return task;
@@ -77,6 +78,7 @@ void ZMSingleThreadFileDownloader::didFinishDownloadingToLocation(ZMURLSession&,
     return;
   }
   fileMD5_ = task.downloadedMD5();
+  fileBLAKE2b512_ = task.downloadedBLAKE2b512();
   _notifySuccess(filePath_);
 }
 

@@ -51,6 +51,11 @@ std::optional<std::string> ZMURLSessionTask::downloadedMD5() const {
   return downloadedMD5_;
 }
 
+std::optional<std::string> ZMURLSessionTask::downloadedBLAKE2b512() const {
+  std::lock_guard lock(mutex_);
+  return downloadedBLAKE2b512_;
+}
+
 std::optional<ZMError> ZMURLSessionTask::error() const {
   std::lock_guard lock(mutex_);
   return error_;

@@ -74,6 +74,9 @@ struct ZMURLRequest {
   // fails with -1001, so a trickle cannot hold it open for ever while a slow but moving one goes
   // on. A silent connection fails at the end of its first period, just as the idle time-out says.
   int64_t minimumBytesPerSecond = 0;
+  // A download task also computes the BLAKE2b-512 of its body as it is written (see
+  // ZMURLSessionTask::downloadedBLAKE2b512).
+  bool computesBLAKE2b512 = false;
 };
 
 struct ZMHTTPURLResponse {
@@ -122,6 +125,8 @@ class ZMURLSessionTask : public std::enable_shared_from_this<ZMURLSessionTask> {
   // A download's MD5 (32 lower-case hex digits), computed from the bytes as they were written to
   // its file; null before the file is handed over, for data tasks, or when it could not be made.
   std::optional<std::string> downloadedMD5() const;
+  // The same for the BLAKE2b-512 (64 bytes), when the request asked for it.
+  std::optional<std::string> downloadedBLAKE2b512() const;
 
   // Starts a suspended task; does nothing otherwise. On an invalidated session the task
   // completes as cancelled. Any thread.
@@ -154,6 +159,7 @@ class ZMURLSessionTask : public std::enable_shared_from_this<ZMURLSessionTask> {
   std::optional<ZMHTTPURLResponse> response_;
   std::optional<ZMError> error_;
   std::optional<std::string> downloadedMD5_;
+  std::optional<std::string> downloadedBLAKE2b512_;
 };
 
 // Delegate callbacks arrive on the main queue. Every one has an empty default.

@@ -284,7 +284,8 @@ void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
     transfer->location = std::move(pattern);
     // Without a digest (the thread could not start) the file is hashed when it is verified.
     try {
-      transfer->md5 = std::make_unique<ZMBackgroundMD5>();
+      transfer->md5 =
+          std::make_unique<ZMBackgroundMD5>(transfer->task->request_.computesBLAKE2b512);
     } catch (const std::system_error&) {
     }
   }
@@ -428,6 +429,7 @@ void ZMURLSessionEngine::finish(CURL* easy, CURLcode result) {
       outcome.location = std::move(transfer->location);
       transfer->location.clear();
       outcome.md5 = transfer->md5 ? transfer->md5->finish() : std::string();
+      if (transfer->md5) outcome.blake2b512 = transfer->md5->blake2b512();
     } else {
       outcome.data = std::move(transfer->data);
     }
@@ -722,6 +724,7 @@ void ZMURLSessionEngine::deliver(const std::shared_ptr<ZMURLSessionTask>& task, 
     {
       std::lock_guard lock(task->mutex_);
       if (!outcome.md5.empty()) task->downloadedMD5_ = outcome.md5;
+      if (!outcome.blake2b512.empty()) task->downloadedBLAKE2b512_ = outcome.blake2b512;
     }
     if (auto delegate = session->delegate_.lock()) {
       delegate->didFinishDownloadingToLocation(*session, *task, outcome.location);

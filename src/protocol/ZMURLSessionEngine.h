@@ -30,6 +30,7 @@ class ZMURLSessionEngine {
     std::optional<std::string> data;  // data tasks that succeeded
     std::string location;             // download tasks that succeeded
     std::string md5;                  // of the bytes written to `location`, lower-case hex
+    std::string blake2b512;           // of the same bytes, when the request asked for it
 
     static Outcome failed(ZMError error) {
       Outcome outcome;
