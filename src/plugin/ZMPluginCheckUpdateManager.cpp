@@ -13,19 +13,18 @@
 #include "protocol/ZMPluginProtocolPostHash.h"
 #include "tavo/ZMFileUtils.h"
 
-ZMPluginCheckUpdateManager::ZMPluginCheckUpdateManager(std::string pluginRootPath,
-                                                       std::string pluginZipSaveRootPath,
-                                                       std::vector<std::string> hosts,
-                                                       std::optional<std::string> deviceId,
-                                                       std::string gameId, std::string appBundleId,
-                                                       std::string runtimeVersion)
+ZMPluginCheckUpdateManager::ZMPluginCheckUpdateManager(
+    std::string pluginRootPath, std::string pluginZipSaveRootPath, std::vector<std::string> hosts,
+    std::optional<std::string> deviceId, std::string gameId, std::string appBundleId,
+    std::string runtimeVersion, ZMPackageTrust trust)
     : pluginRootPath_(std::move(pluginRootPath)),
       pluginZipSavePath_(std::move(pluginZipSaveRootPath)),
       hostArr_(std::move(hosts)),
       deviceId_(std::move(deviceId)),
       gameId_(std::move(gameId)),
       appBundleId_(std::move(appBundleId)),
-      runtimeVersion_(std::move(runtimeVersion)) {}
+      runtimeVersion_(std::move(runtimeVersion)),
+      trust_(std::move(trust)) {}
 
 ZMPluginCheckUpdateManager::~ZMPluginCheckUpdateManager() {
   // A worker released without cancel() leaves no transfer running behind it either.
@@ -97,13 +96,16 @@ void ZMPluginCheckUpdateManager::_downloadUpdatePlugin() {
     _writeUpdateHash(configPath, *hash);
     // The MD5 is recomputed rather than remembered, so a damaged copy is fetched again. A missing
     // file's digest is "", which an empty hash matches; a failed digest matches nothing.
-    if (ZMFileUtils::getFileMD5(packagePath) == *hash) {
+    // A package that needs a signature is intact only with one.
+    if (ZMFileUtils::getFileMD5(packagePath) == *hash &&
+        (!trust_.requiresSignatures() ||
+         ZMFileUtils::isExist(ZMPackageTrust::signatureOf(packagePath)))) {
       ++currentUpdateIndex_;
       continue;
     }
     ZMCancelAndClear(downloadPackage_);
-    downloadPackage_ =
-        std::make_shared<ZMPluginProtocolDownloadPackage>(packagePath, *url, weak_from_this());
+    downloadPackage_ = std::make_shared<ZMPluginProtocolDownloadPackage>(packagePath, *url,
+                                                                         weak_from_this(), trust_);
     // The index moves on before the download starts, so that a result reported from inside
     // execute() continues with the next entry instead of this one.
     ++currentUpdateIndex_;
@@ -146,7 +148,8 @@ void ZMPluginCheckUpdateManager::onDownloadSuccess(const std::string&) {
   _downloadUpdatePlugin();
 }
 
-void ZMPluginCheckUpdateManager::onDownloadFailure(const ZMError&) {
+void ZMPluginCheckUpdateManager::onDownloadFailure(const ZMError& error) {
   if (isCancel()) return;
+  if (ZMPackageTrust::isRefusal(error)) ZMLogFormat("plugin update refused: %@", {error.domain});
   _downloadUpdatePlugin();
 }
