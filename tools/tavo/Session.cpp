@@ -90,6 +90,9 @@ bool Session::start() {
     ZMSystemDirectories::setTemporaryDirectory(root + "/tmp");
     options[ZM_KEY_STORAGE_PATH_PLUGIN] = root + "/Caches/plugin";
   }
+  if (!settings_.trustedKeys.empty()) {
+    options[ZM_KEY_PACKAGE_TRUSTED_KEYS] = ZMValue(settings_.trustedKeys);
+  }
   auto listener = std::make_shared<InitListener>(reporter_);
   ZMZimoGame::initRuntime(settings_.user, options, listener);
   if (listener->failure || !listener->runtime) {

@@ -29,6 +29,8 @@ class Session {
     bool verbose = false;  // the library's log lines on stderr
     // Plug-in service base URLs, primary first; empty: the built-in ones.
     std::vector<std::string> pluginServices;
+    // Minisign public keys every package must be signed by one of; empty: no signatures.
+    std::vector<std::string> trustedKeys;
   };
 
   Session(Reporter& reporter, Settings settings);
