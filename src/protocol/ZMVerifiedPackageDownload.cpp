@@ -143,7 +143,9 @@ void ZMVerifiedPackageDownload::_succeed(
     const std::shared_ptr<ZMPackageDownloadListener>& listener) {
   // Put in place even when nobody listens, as a finished download always was.
   ZMError error;
-  if (!ZMCachedPackage::publish(downloadPath_, savePath_, &error, signature_)) {
+  // The digest the transfer computed saves the install a read of the package.
+  const auto prehash = downloader_ ? downloader_->fileBLAKE2b512() : std::nullopt;
+  if (!ZMCachedPackage::publish(downloadPath_, savePath_, &error, signature_, prehash)) {
     ZMFileUtils::deleteFile(downloadPath_);
     if (listener) listener->onDownloadFailure(error);
     return;

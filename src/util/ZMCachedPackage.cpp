@@ -47,13 +47,17 @@ bool sameFile(const std::string& a, const std::string& b) {
 }  // namespace
 
 bool ZMCachedPackage::publish(const std::string& file, const std::string& path, ZMError* error,
-                              const std::optional<std::string>& signature) {
+                              const std::optional<std::string>& signature,
+                              const std::optional<std::string>& prehash) {
   CacheLock lock(path);
   if (signature &&
       !ZMFileManager::writeFileAtomically(ZMPackageTrust::signatureOf(path), *signature, error)) {
     return false;
   }
-  return ZMFileManager::replaceItem(file, path, error);
+  if (!ZMFileManager::replaceItem(file, path, error)) return false;
+  // Noted once the package has its name: the move may have changed its change time.
+  if (signature && prehash) ZMPackageTrust::rememberPrehash(path, *prehash);
+  return true;
 }
 
 std::string ZMCachedPackage::claim(const std::string& path) {

@@ -20,9 +20,11 @@
 class ZMCachedPackage {
  public:
   // Puts the file `file` at `path` (one file system), replacing what is there; with a
-  // `signature`, writes that first beside it.
+  // `signature`, writes that first beside it, and notes the package's BLAKE2b-512 `prehash`,
+  // when given, beside it (ZMPackageTrust::rememberPrehash).
   static bool publish(const std::string& file, const std::string& path, ZMError* error,
-                      const std::optional<std::string>& signature = std::nullopt);
+                      const std::optional<std::string>& signature = std::nullopt,
+                      const std::optional<std::string>& prehash = std::nullopt);
   // A private name for the package at `path` ("<path>.unzip-XXXXXX"), or `path` itself when it
   // can have no second name (a file on another file system, or not ours to link).
   static std::string claim(const std::string& path);

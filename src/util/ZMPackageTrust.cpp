@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -170,6 +171,35 @@ bool legacyVerifies(const ZMSigningKey& key, std::string_view signature, const s
   return verified;
 }
 
+constexpr const char* kPrehashAttribute = "user.tavo.blake2b512";
+
+// What identifies the file at `path` as it is now; empty when it cannot be looked at.
+std::string fileState(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
+  return ZMFormat(
+      "%@ %@ %@ %@.%@ %@.%@",
+      {std::to_string(info.st_dev), std::to_string(info.st_ino), std::to_string(info.st_size),
+       std::to_string(info.st_mtim.tv_sec), std::to_string(info.st_mtim.tv_nsec),
+       std::to_string(info.st_ctim.tv_sec), std::to_string(info.st_ctim.tv_nsec)});
+}
+
+// The digest noted beside `signaturePath` for the package at `packagePath`, when the package is
+// still the file it was noted for.
+std::optional<std::string> recalledPrehash(const std::string& signaturePath,
+                                           const std::string& packagePath) {
+  char note[512];
+  const ssize_t length = ::getxattr(signaturePath.c_str(), kPrehashAttribute, note, sizeof note);
+  if (length <= 0) return std::nullopt;
+  const std::string_view text(note, static_cast<std::size_t>(length));
+  const auto space = text.rfind(' ');
+  const std::string state = fileState(packagePath);
+  if (space == std::string_view::npos || state.empty() || text.substr(0, space) != state) {
+    return std::nullopt;
+  }
+  return decodeBase64(text.substr(space + 1), ZMPackageTrust::kPrehashBytes);
+}
+
 // The option's entries: one for a text or any other single value, each element of a list.
 std::vector<ZMValue> keyEntries(const ZMValue& options) {
   if (!options.is_object()) return {};
@@ -287,7 +317,20 @@ std::optional<ZMError> ZMPackageTrust::verifyBeside(const std::string& name,
     length += static_cast<std::size_t>(n);
   }
   text.resize(length);
-  return verify(text, packagePath, where);
+  return verify(text, packagePath, where, recalledPrehash(where, packagePath));
+}
+
+void ZMPackageTrust::rememberPrehash(const std::string& packagePath,
+                                     const std::string& blake2b512) {
+  const std::string state = fileState(packagePath);
+  if (state.empty() || blake2b512.size() != kPrehashBytes) return;
+  std::string encoded(4 * kPrehashBytes / 3 + 4, '\0');
+  encoded.resize(static_cast<std::size_t>(
+      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(encoded.data()),
+                      reinterpret_cast<const unsigned char*>(blake2b512.data()),
+                      static_cast<int>(blake2b512.size()))));
+  const std::string note = state + " " + encoded;
+  ::setxattr(signatureOf(packagePath).c_str(), kPrehashAttribute, note.data(), note.size(), 0);
 }
 
 ZMError ZMPackageTrust::missing(const std::string& where) {

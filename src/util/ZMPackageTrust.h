@@ -77,6 +77,14 @@ class ZMPackageTrust {
   std::optional<ZMError> verifyBeside(const std::string& name,
                                       const std::string& packagePath) const;
 
+  // Notes the BLAKE2b-512 of the package at `packagePath` beside its signature (an extended
+  // attribute of signatureOf(packagePath)), bound to the package file as it is now: device,
+  // inode, size, modification and change times. verifyBeside, in this process or another, then
+  // takes that digest instead of reading the package again while the file is unchanged; any
+  // change to it moves its change time, which cannot be set back. Best effort: without the note
+  // the package is read.
+  static void rememberPrehash(const std::string& packagePath, const std::string& blake2b512);
+
   // The refusals, each with the text documented beside ZM_KEY_PACKAGE_TRUSTED_KEYS.
   static ZMError missing(const std::string& where);
   static ZMError invalid(const std::string& where);

@@ -3,6 +3,10 @@
 // and a refused one leaves the installed version as it was; without keys nothing asks for one.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -159,6 +163,25 @@ TEST_F(SignedPackages, OnlyAGoodSignatureByATrustedKeyGetsAPackageDownloadedOrIn
     EXPECT_TRUE(Exists(local)) << "a refused package is the host's to delete";
   }
 
+  // A download notes its package's digest beside the signature, so that the install need not
+  // read it again; a package changed in place afterwards, its size and time kept, is read again
+  // and refused.
+  MakeGamePackage(zip, "{}", {{"main.js", "v2"}});
+  signer.sign(zip);
+  files.put("game.zip", ReadFile(zip));
+  files.put("game.zip.minisig", ReadFile(zip + ".minisig"));
+  const std::string saved = t.runtime->getAppPackageDownloadPath("g1", "2.0");
+  ASSERT_EQ(download(Md5(zip)), "onDownloadSuccess:" + saved);
+  struct stat before {};
+  ::stat(saved.c_str(), &before);
+  std::string bytes = ReadFile(saved);
+  bytes[bytes.size() / 2] ^= 1;
+  std::ofstream(saved, std::ios::in | std::ios::out | std::ios::binary) << bytes;
+  const timespec times[2] = {before.st_atim, before.st_mtim};
+  ::utimensat(AT_FDCWD, saved.c_str(), times, 0);
+  EXPECT_EQ(install("2.0", saved),
+            "onInstallFailure:package signature invalid: " + saved + ".minisig|0");
+
   // Without keys an unsigned package downloads and installs as it always has, and no signature
   // is asked for.
   t.extraOptions = ZMValue::object();
@@ -166,7 +189,6 @@ TEST_F(SignedPackages, OnlyAGoodSignatureByATrustedKeyGetsAPackageDownloadedOrIn
   MakeGamePackage(zip, "{}", {{"main.js", "unsigned"}});
   files.put("game.zip", ReadFile(zip));
   files.put("game.zip.minisig", std::nullopt);
-  const std::string saved = t.runtime->getAppPackageDownloadPath("g1", "2.0");
   EXPECT_EQ(download(Md5(zip)), "onDownloadSuccess:" + saved);
   EXPECT_EQ(files.asked, Events{"game.zip"});
   EXPECT_EQ(install("2.0", saved), "onInstallSuccess");
