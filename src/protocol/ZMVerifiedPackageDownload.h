@@ -30,6 +30,8 @@
 // MD5 check is verified before it is put at `savePath`, and its signature is kept beside it
 // ("<savePath>.minisig"). A signature that cannot be had (any HTTP failure) or does not verify
 // ends the download with the refusal (see ZMPackageTrust), nothing kept and nothing repeated.
+// Like the MD5 check, verification runs on the main thread: at once for a prehashed signature,
+// while a legacy one, which covers the whole package, reads it there.
 //
 // Create it (or a subclass) with std::make_shared: it is its downloader's listener. Call from the
 // main thread; every listener callback arrives there. onDownloadStart is never sent: the caller

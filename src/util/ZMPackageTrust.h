@@ -35,8 +35,8 @@ struct ZMSigningKey {
 // key's; that key's Ed25519 signature verifies over the package, and the global signature over
 // the signature and the trusted comment. Anything else, however malformed, is a refusal.
 //
-// A value, read from any thread. Verification reads the package: call it off the main thread,
-// unless the package's BLAKE2b-512 is already known.
+// A value, read from any thread. Verification reads the whole package unless the signature is
+// prehashed and the package's BLAKE2b-512 is known: off the main thread where it may.
 class ZMPackageTrust {
  public:
   static constexpr std::string_view kSignatureSuffix = ".minisig";

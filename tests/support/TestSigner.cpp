@@ -1,37 +1,18 @@
 #include "support/TestSigner.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
 // Runs minisign with `arguments`, its input and output on /dev/null; true when it exits 0.
-bool Minisign(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), "minisign");
-  std::vector<char*> argv;
-  for (auto& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
-  }
-  pid_t pid = 0;
-  const int spawned = posix_spawnp(&pid, "minisign", &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return false;
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0) {
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+bool Minisign(const std::vector<std::string>& arguments) {
+  std::string command = "minisign";
+  for (const auto& argument : arguments) command += " " + Quote(argument);
+  return std::system((command + " </dev/null >/dev/null 2>&1").c_str()) == 0;
 }
 
 }  // namespace

@@ -40,12 +40,6 @@ struct Result {
   }
 };
 
-inline std::string Quote(const std::string& arg) {
-  std::string quoted = "'";
-  for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
 class TavoCli : public ::testing::Test {
  protected:
   TempDir dir;
