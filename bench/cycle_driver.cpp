@@ -1,8 +1,9 @@
-// tavo_cycle_driver ROOT URL HASH — one whole game cycle through the public API in one process:
-// initRuntime under ROOT, downloadGamePackage of URL checked against HASH, installGamePackage of
-// the downloaded file. Prints the seconds from the download's start to the install's success
-// (and on stderr how they split); exits 1 on any failure. cycle_vs_pipeline.sh runs it beside the
-// shell pipelines.
+// tavo_cycle_driver ROOT URL HASH [KEY] — one whole game cycle through the public API in one
+// process: initRuntime under ROOT (trusting the minisign public key KEY, when given, so that the
+// package's signature at URL.minisig is fetched and verified), downloadGamePackage of URL checked
+// against HASH, installGamePackage of the downloaded file. Prints the seconds from the download's
+// start to the install's success (and on stderr how they split); exits 1 on any failure.
+// cycle_vs_pipeline.sh runs it beside the shell pipelines.
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -41,8 +42,8 @@ struct Cycle : ZMRuntimeInitListener, ZMPackageDownloadListener, ZMPackageInstal
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 4) {
-    std::fprintf(stderr, "usage: %s ROOT URL HASH\n", argv[0]);
+  if (argc != 4 && argc != 5) {
+    std::fprintf(stderr, "usage: %s ROOT URL HASH [KEY]\n", argv[0]);
     return 2;
   }
   const std::string root = argv[1];
@@ -52,7 +53,9 @@ int main(int argc, char** argv) {
   ZMSystemDirectories::setCachesDirectory(root + "/Caches");
   ZMSystemDirectories::setTemporaryDirectory(root + "/tmp");
   auto cycle = std::make_shared<Cycle>();
-  ZMZimoGame::initRuntime("bench", ZMValue::object(), cycle);
+  ZMValue options = ZMValue::object();
+  if (argc == 5) options[ZM_KEY_PACKAGE_TRUSTED_KEYS] = argv[4];
+  ZMZimoGame::initRuntime("bench", options, cycle);
   if (!cycle->runtime) {
     std::fprintf(stderr, "no runtime: %s\n", cycle->failure.c_str());
     return 1;

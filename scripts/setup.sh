@@ -12,6 +12,7 @@ packages=(
   libcli11-dev libcpp-httplib-dev googletest libgtest-dev libbenchmark-dev
   curl zip unzip libarchive-tools 7zip python3 ca-certificates openssl time
   nginx-light wrk  # `tavo serve` behind nginx (a tool test), and beside it (a benchmark)
+  minisign  # signs packages in the signed-package tests, the demo and a benchmark
   "$@"  # extra packages a caller needs (scripts/fuzz: Clang and libFuzzer)
 )
 

@@ -1,5 +1,6 @@
-// tavo_bench_file_server FILE — serves FILE over HTTP on 127.0.0.1 at an ephemeral port, at every
-// path, and prints "port N" once it listens; runs until killed. The file is mapped once and each
+// tavo_bench_file_server FILE [SIGNATURE] — serves FILE over HTTP on 127.0.0.1 at an ephemeral
+// port, at every path (SIGNATURE, when given, at every path ending in ".minisig"), and prints
+// "port N" once it listens; runs until killed. The file is mapped once and each
 // response streams from the mapping, so the server costs a client no more than the copy into its
 // socket. (cpp-httplib's mount points read the whole file into memory on every request.)
 #include <fcntl.h>
@@ -10,11 +11,21 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s FILE\n", argv[0]);
+  if (argc != 2 && argc != 3) {
+    std::fprintf(stderr, "usage: %s FILE [SIGNATURE]\n", argv[0]);
     return 2;
+  }
+  std::string signature;
+  if (argc == 3) {
+    std::ifstream in(argv[2], std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    signature = text.str();
   }
   const int fd = ::open(argv[1], O_RDONLY | O_CLOEXEC);
   struct stat info {};
@@ -31,6 +42,11 @@ int main(int argc, char** argv) {
   const char* data = static_cast<const char*>(mapped);
 
   httplib::Server server;
+  if (!signature.empty()) {
+    server.Get(R"(/.*\.minisig)", [&](const httplib::Request&, httplib::Response& res) {
+      res.set_content(signature, "text/plain");
+    });
+  }
   server.Get(R"(/.*)", [&](const httplib::Request&, httplib::Response& res) {
     res.set_content_provider(size, "application/octet-stream",
                              [data](size_t offset, size_t length, httplib::DataSink& sink) {

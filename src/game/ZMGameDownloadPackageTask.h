@@ -15,10 +15,12 @@
 // The host already had onDownloadStart from the runtime. cancel() stops the transfer silently.
 class ZMGameDownloadPackageTask : public ZMVerifiedPackageDownload {
  public:
-  // Removes any file already at `savePath`: the downloader never overwrites.
+  // Removes any file already at `savePath`: the downloader never overwrites. With `trust`
+  // requiring signatures, the package's signature is fetched, checked and kept beside it.
   ZMGameDownloadPackageTask(std::weak_ptr<ZMPackageDownloadListener> listener, std::string savePath,
-                            std::string url)
-      : ZMVerifiedPackageDownload(std::move(listener), std::move(savePath), std::move(url)) {}
+                            std::string url, ZMPackageTrust trust = {})
+      : ZMVerifiedPackageDownload(std::move(listener), std::move(savePath), std::move(url),
+                                  std::move(trust)) {}
 
   // Stores the request's options and starts the first download.
   void execute(const ZMValue& options);

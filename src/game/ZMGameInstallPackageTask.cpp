@@ -15,14 +15,16 @@
 ZMGameInstallPackageTask::ZMGameInstallPackageTask(std::weak_ptr<ZMPackageInstallListener> listener,
                                                    std::string userId, int64_t reqId,
                                                    std::string appDir, std::string installDir,
-                                                   std::string detailFile, ZMPackageLimits limits)
+                                                   std::string detailFile, ZMPackageLimits limits,
+                                                   ZMPackageTrust trust)
     : ZMTask(std::move(listener)),
       userId_(std::move(userId)),
       reqId_(reqId),
       appDir_(std::move(appDir)),
       installDir_(std::move(installDir)),
       detailFilePath_(std::move(detailFile)),
-      limits_(limits) {}
+      limits_(limits),
+      trust_(std::move(trust)) {}
 
 void ZMGameInstallPackageTask::execute(const ZMValue& options) { _installGame(options); }
 
@@ -48,6 +50,22 @@ void ZMGameInstallPackageTask::_installGame(const ZMValue& options) {
     }
   }
   packagePath_ = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_PATH).value_or("");
+  if (!trust_.requiresSignatures()) {
+    _unpack();
+    return;
+  }
+  // The whole package is read: not on the caller's thread. Nothing is cleared before it passes.
+  postWork([self = shared_from_this()] {
+    if (self->isCancel()) return;
+    if (auto refusal = self->trust_.verifyBeside(self->packagePath_)) {
+      self->_complete(*refusal);
+      return;
+    }
+    self->_unpack();
+  });
+}
+
+void ZMGameInstallPackageTask::_unpack() {
   // A package too big to unpack fails while the installed game is still there.
   if (auto refusal = limits_.check(packagePath_)) {
     _complete(ZMError(*refusal, -1, ZMValue::object()));
@@ -108,6 +126,9 @@ void ZMGameInstallPackageTask::_complete(std::optional<ZMError> error) {
       return;
     }
     ZMDeleteFileFreeingLater(self.packagePath_);
+    if (self.trust_.requiresSignatures()) {
+      ZMFileUtils::deleteFile(ZMPackageTrust::signatureOf(self.packagePath_));
+    }
     ZMRow row;
     row.user_id = self.userId_;
     row.app_id = ZMTextOption(self.info_, ZM_KEY_GAME_PACKAGE_APP_ID);

@@ -17,10 +17,12 @@
 
 ZMPluginCheckPackageManager::ZMPluginCheckPackageManager(
     std::string cacheDir, std::string pluginDir,
-    std::weak_ptr<ZMPluginCheckVersionListener> listener, ZMPackageLimits limits)
+    std::weak_ptr<ZMPluginCheckVersionListener> listener, ZMPackageLimits limits,
+    ZMPackageTrust trust)
     : listener_(std::move(listener)),
       cacheDir_(std::move(cacheDir)),
       limits_(limits),
+      trust_(std::move(trust)),
       pluginDir_(std::move(pluginDir)) {}
 
 ZMPluginCheckPackageManager::~ZMPluginCheckPackageManager() {
@@ -51,7 +53,7 @@ void ZMPluginCheckPackageManager::execute(const std::string& pluginId, const std
   ZMCancelAndClear(unzipPackageTask_);
   pluginHash_ = *updateHash;
   unzipPackageTask_ = std::make_shared<ZMPluginUnzipPackageTask>(
-      pluginInstallDirTmpPath_, pluginHash_, weak_from_this(), limits_);
+      pluginInstallDirTmpPath_, pluginHash_, weak_from_this(), limits_, trust_);
   unzipPackageTask_->execute(packagePath);
 }
 
@@ -69,8 +71,9 @@ void ZMPluginCheckPackageManager::onInstallSuccess() {
   _checkVersion();
 }
 
-void ZMPluginCheckPackageManager::onInstallFailure(const ZMError&) {
+void ZMPluginCheckPackageManager::onInstallFailure(const ZMError& error) {
   if (isCancel()) return;
+  if (ZMPackageTrust::isRefusal(error)) ZMLogFormat("plugin update refused: %@", {error.domain});
   _checkVersion();
 }
 

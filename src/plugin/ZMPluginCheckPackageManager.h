@@ -7,6 +7,7 @@
 #include "tavo/ZMPluginListeners.h"
 #include "tavo/ZMValue.h"
 #include "util/ZMPackageLimits.h"
+#include "util/ZMPackageTrust.h"
 #include "util/ZMTask.h"
 
 class ZMPluginCheckVersionTask;
@@ -18,7 +19,9 @@ class ZMPluginUnzipPackageTask;
 // directory in the cache, then moved over the installed directory, and the config's "hash"
 // becomes the new hash while "updateHash" goes (other keys stay). Then ZMPluginCheckVersionTask
 // looks at what is installed and gives the host its answer. The local install itself is never
-// reported: a failed one only logs and shows in the check that follows.
+// reported: a failed one only logs and shows in the check that follows. When `trust` requires
+// signatures, a cached package whose signature is refused is deleted unpacked, and logged
+// ("plugin update refused: <refusal>").
 //
 // Ownership: the plug-in manager creates it (std::make_shared), keeps it until the next check,
 // and cancels it. It owns the current unpack and the current check; the unpack holds it weakly as
@@ -37,7 +40,7 @@ class ZMPluginCheckPackageManager
   // directory (plug-in root + "/" + provider + "_" + version).
   ZMPluginCheckPackageManager(std::string cacheDir, std::string pluginDir,
                               std::weak_ptr<ZMPluginCheckVersionListener> listener,
-                              ZMPackageLimits limits = {});
+                              ZMPackageLimits limits = {}, ZMPackageTrust trust = {});
   ~ZMPluginCheckPackageManager() override;
 
   // `execute:version:pluginInfo:`. Installs the cached update named by the config, if it is
@@ -69,6 +72,7 @@ class ZMPluginCheckPackageManager
   const std::weak_ptr<ZMPluginCheckVersionListener> listener_;
   const std::string cacheDir_;
   const ZMPackageLimits limits_;
+  const ZMPackageTrust trust_;
   const std::string pluginDir_;
   ZMValue pluginInfo_;
   std::string pluginInstallDirTmpPath_;

@@ -16,7 +16,7 @@
 ZMPluginCheckUpdateManager::ZMPluginCheckUpdateManager(
     std::string pluginRootPath, std::string pluginZipSaveRootPath, std::vector<std::string> hosts,
     std::optional<std::string> deviceId, std::string gameId, std::string appBundleId,
-    std::string runtimeVersion, ZMPackageLimits limits)
+    std::string runtimeVersion, ZMPackageLimits limits, ZMPackageTrust trust)
     : pluginRootPath_(std::move(pluginRootPath)),
       limits_(limits),
       pluginZipSavePath_(std::move(pluginZipSaveRootPath)),
@@ -24,7 +24,8 @@ ZMPluginCheckUpdateManager::ZMPluginCheckUpdateManager(
       deviceId_(std::move(deviceId)),
       gameId_(std::move(gameId)),
       appBundleId_(std::move(appBundleId)),
-      runtimeVersion_(std::move(runtimeVersion)) {}
+      runtimeVersion_(std::move(runtimeVersion)),
+      trust_(std::move(trust)) {}
 
 ZMPluginCheckUpdateManager::~ZMPluginCheckUpdateManager() {
   // A worker released without cancel() leaves no transfer running behind it either.
@@ -96,13 +97,16 @@ void ZMPluginCheckUpdateManager::_downloadUpdatePlugin() {
     _writeUpdateHash(configPath, *hash);
     // The MD5 is recomputed rather than remembered, so a damaged copy is fetched again. A missing
     // file's digest is "", which an empty hash matches; a failed digest matches nothing.
-    if (ZMFileUtils::getFileMD5(packagePath) == *hash) {
+    // A package that needs a signature is intact only with one.
+    if (ZMFileUtils::getFileMD5(packagePath) == *hash &&
+        (!trust_.requiresSignatures() ||
+         ZMFileUtils::isExist(ZMPackageTrust::signatureOf(packagePath)))) {
       ++currentUpdateIndex_;
       continue;
     }
     ZMCancelAndClear(downloadPackage_);
-    downloadPackage_ =
-        std::make_shared<ZMPluginProtocolDownloadPackage>(packagePath, *url, weak_from_this());
+    downloadPackage_ = std::make_shared<ZMPluginProtocolDownloadPackage>(packagePath, *url,
+                                                                         weak_from_this(), trust_);
     downloadPackage_->setResumeAttempts(limits_.downloadResumeAttempts);
     // The index moves on before the download starts, so that a result reported from inside
     // execute() continues with the next entry instead of this one.
@@ -146,7 +150,8 @@ void ZMPluginCheckUpdateManager::onDownloadSuccess(const std::string&) {
   _downloadUpdatePlugin();
 }
 
-void ZMPluginCheckUpdateManager::onDownloadFailure(const ZMError&) {
+void ZMPluginCheckUpdateManager::onDownloadFailure(const ZMError& error) {
   if (isCancel()) return;
+  if (ZMPackageTrust::isRefusal(error)) ZMLogFormat("plugin update refused: %@", {error.domain});
   _downloadUpdatePlugin();
 }

@@ -11,6 +11,7 @@
 #include "tavo/ZMValue.h"
 #include "tavo/ZMZimoGameConfig.h"
 #include "util/ZMPackageLimits.h"
+#include "util/ZMPackageTrust.h"
 #include "util/ZMTask.h"
 
 class ZMPluginProtocolPostHash;
@@ -24,7 +25,9 @@ class ZMPluginProtocolDownloadPackage;
 // package cache unless a file with that hash's MD5 is already there. Downloads run strictly one
 // at a time; a failed one is skipped. Nothing is unpacked: the next version check of the plug-in
 // installs the cached package. Nobody hears of any outcome, and nothing is logged but entries
-// refused for their names.
+// refused for their names, and updates refused for their signatures ("plugin update refused:
+// <refusal>") when `trust` requires signatures: such a package is not kept, and a cached package
+// counts as intact only with its signature beside it.
 //
 // Ownership: the plug-in manager creates it (std::make_shared), keeps it, and replaces or
 // cancels it; it owns the current hash query and the current download, each of which holds it
@@ -49,7 +52,8 @@ class ZMPluginCheckUpdateManager : public ZMTaskBase,
   ZMPluginCheckUpdateManager(std::string pluginRootPath, std::string pluginZipSaveRootPath,
                              std::vector<std::string> hosts, std::optional<std::string> deviceId,
                              std::string gameId, std::string appBundleId,
-                             std::string runtimeVersion, ZMPackageLimits limits = {});
+                             std::string runtimeVersion, ZMPackageLimits limits = {},
+                             ZMPackageTrust trust = {});
   ~ZMPluginCheckUpdateManager() override;
 
   // Keeps the running game's configuration (its plugins() are what is asked about) and queries
@@ -103,6 +107,7 @@ class ZMPluginCheckUpdateManager : public ZMTaskBase,
   const std::string gameId_;
   const std::string appBundleId_;
   const std::string runtimeVersion_;
+  const ZMPackageTrust trust_;
   std::shared_ptr<const ZMZimoGameConfig> gameConfig_;
   int64_t hostIndex_ = 0;
   int64_t currentUpdateIndex_ = 0;

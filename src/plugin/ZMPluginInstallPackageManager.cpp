@@ -16,9 +16,10 @@
 ZMPluginInstallPackageManager::ZMPluginInstallPackageManager(
     std::vector<std::string> hosts, std::string cacheDir, std::string installDir,
     std::optional<std::string> deviceId, std::string appBundleId, std::string runtimeVersion,
-    std::weak_ptr<ZMPluginInstallListener> listener, ZMPackageLimits limits)
+    std::weak_ptr<ZMPluginInstallListener> listener, ZMPackageLimits limits, ZMPackageTrust trust)
     : listener_(std::move(listener)),
       limits_(limits),
+      trust_(std::move(trust)),
       hostArray_(std::move(hosts)),
       cacheDir_(std::move(cacheDir)),
       installDir_(std::move(installDir)),
@@ -94,7 +95,7 @@ void ZMPluginInstallPackageManager::onPostUrlSuccess(const std::string& pluginId
     return;
   }
   downloadPackage_ = std::make_shared<ZMPluginProtocolDownloadPackage>(savePath, url.value_or(""),
-                                                                       weak_from_this());
+                                                                       weak_from_this(), trust_);
   downloadPackage_->setResumeAttempts(limits_.downloadResumeAttempts);
   const auto download = downloadPackage_;
   download->execute(hashText);
@@ -124,7 +125,7 @@ void ZMPluginInstallPackageManager::onDownloadSuccess(const std::string& path) {
   ZMCancelAndClear(unzipPackageTask_);
   // Straight into the installed directory: an unpack that fails removes it again.
   unzipPackageTask_ = std::make_shared<ZMPluginUnzipPackageTask>(
-      installDir_, pluginHash_.value_or(""), weak_from_this(), limits_);
+      installDir_, pluginHash_.value_or(""), weak_from_this(), limits_, trust_);
   const auto unzip = unzipPackageTask_;
   unzip->execute(path);
 }

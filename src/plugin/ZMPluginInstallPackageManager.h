@@ -11,6 +11,7 @@
 #include "tavo/ZMPluginListeners.h"
 #include "tavo/ZMValue.h"
 #include "util/ZMPackageLimits.h"
+#include "util/ZMPackageTrust.h"
 #include "util/ZMTask.h"
 
 class ZMPluginProtocolPostUrl;
@@ -21,7 +22,9 @@ class ZMPluginUnzipPackageTask;
 // host's installPlugin: it asks the service hosts, in order, where the package is (the next host
 // only when a query fails), downloads the package into the package cache with its MD5 checked,
 // unpacks it into a staged directory that then replaces the plug-in's directory whole, and
-// records the package hash under "hash" in the plug-in's config file (other keys kept). Every host
+// records the package hash under "hash" in the plug-in's config file (other keys kept). When
+// `trust` requires signatures, the download and then the unpack each verify the package's
+// signature; a refusal fails the install and leaves an installed plug-in as it was. Every host
 // callback carries the host's plug-in info first. A package that unpacks but cannot be deleted is
 // reported as a failure and then, as the config is still written, as a success.
 //
@@ -50,7 +53,7 @@ class ZMPluginInstallPackageManager
                                 std::string installDir, std::optional<std::string> deviceId,
                                 std::string appBundleId, std::string runtimeVersion,
                                 std::weak_ptr<ZMPluginInstallListener> listener,
-                                ZMPackageLimits limits = {});
+                                ZMPackageLimits limits = {}, ZMPackageTrust trust = {});
   ~ZMPluginInstallPackageManager() override;
 
   // Installs `pluginId` at `version`; `info` is handed back in every callback. Returns at once.
@@ -90,6 +93,7 @@ class ZMPluginInstallPackageManager
 
   const std::weak_ptr<ZMPluginInstallListener> listener_;
   const ZMPackageLimits limits_;
+  const ZMPackageTrust trust_;
   const std::vector<std::string> hostArray_;
   const std::string cacheDir_;
   const std::string installDir_;

@@ -116,7 +116,7 @@ void ZMPluginManager::onRunSuccess(const ZMValue& options) {
   pluginCheckUpdateManager_ = adopt(std::make_shared<ZMPluginCheckUpdateManager>(
       storagePluginPath_, appPackageCache_, pluginServiceHosts_, _getUniqueId(),
       ZMTextOption(options, ZM_KEY_GAME_PACKAGE_APP_ID).value_or(""), ZMDevice::bundleIdentifier(),
-      TAVO_VERSION_TEXT, layout_->packageLimits));
+      TAVO_VERSION_TEXT, layout_->packageLimits, layout_->packageTrust));
   pluginCheckUpdateManager_->execute(std::move(config));
 }
 
@@ -147,7 +147,7 @@ void ZMPluginManager::checkPluginVersion(const ZMValue& info,
   if (host) host->onCheckPluginVersionStart(info);
   pluginCheckPackageManager_ = adopt(std::make_shared<ZMPluginCheckPackageManager>(
       appPackageCache_, getPluginDirFile(storagePluginPath_, *provider, *version),
-      std::move(listener), layout_->packageLimits));
+      std::move(listener), layout_->packageLimits, layout_->packageTrust));
   pluginCheckPackageManager_->execute(*provider, *version, info);
 }
 
@@ -177,8 +177,8 @@ void ZMPluginManager::installPlugin(const ZMValue& info,
   pluginInstallPackageManager_ = adopt(std::make_shared<ZMPluginInstallPackageManager>(
       pluginServiceHosts_, appPackageCache_,
       getPluginDirFile(storagePluginPath_, *provider, *version), _getUniqueId(),
-      ZMDevice::bundleIdentifier(), TAVO_VERSION_TEXT, std::move(listener),
-      layout_->packageLimits));
+      ZMDevice::bundleIdentifier(), TAVO_VERSION_TEXT, std::move(listener), layout_->packageLimits,
+      layout_->packageTrust));
   pluginInstallPackageManager_->execute(info, *provider, *version);
 }
 

@@ -9,20 +9,43 @@
 
 ZMPluginUnzipPackageTask::ZMPluginUnzipPackageTask(std::string installDir, std::string pluginHash,
                                                    std::weak_ptr<ZMPackageInstallListener> listener,
-                                                   ZMPackageLimits limits)
+                                                   ZMPackageLimits limits, ZMPackageTrust trust)
     : ZMTask(std::move(listener)),
       installDir_(std::move(installDir)),
       pluginHash_(std::move(pluginHash)),
-      limits_(limits) {}
+      limits_(limits),
+      trust_(std::move(trust)) {}
 
 void ZMPluginUnzipPackageTask::execute(const std::string& zipFilePath) {
   zipFilePath_ = zipFilePath;
   claimedPath_ = zipFilePath_;
-  if (auto refusal = limits_.check(zipFilePath_)) {
+  if (!trust_.requiresSignatures()) {
+    _unpack();
+    return;
+  }
+  // What is verified is what is unpacked: the package under its private name. The whole package
+  // is read, so not on the main thread.
+  claimedPath_ = ZMCachedPackage::claim(zipFilePath_);
+  postWork([self = shared_from_this()] {
+    if (self->isCancel()) {
+      if (self->claimedPath_ != self->zipFilePath_) ZMFileUtils::deleteFile(self->claimedPath_);
+      return;
+    }
+    if (auto refusal = self->trust_.verifyBeside(self->zipFilePath_, self->claimedPath_)) {
+      self->_deletePackage();
+      self->_complete({*refusal});
+      return;
+    }
+    self->_unpack();
+  });
+}
+
+void ZMPluginUnzipPackageTask::_unpack() {
+  if (auto refusal = limits_.check(claimedPath_)) {
     onUnzipFailed(*refusal);
     return;
   }
-  claimedPath_ = ZMCachedPackage::claim(zipFilePath_);
+  if (claimedPath_ == zipFilePath_) claimedPath_ = ZMCachedPackage::claim(zipFilePath_);
   auto handle = ZMGameHandle::getInstance();
   if (!handle) {
     // Without an engine nothing can be unpacked; the package is cleaned up as for any failure.

@@ -8,6 +8,7 @@
 #include "tavo/ZMCoreListeners.h"
 #include "tavo/ZMGameListeners.h"
 #include "util/ZMPackageLimits.h"
+#include "util/ZMPackageTrust.h"
 #include "util/ZMStagedDirectory.h"
 #include "util/ZMTask.h"
 
@@ -21,6 +22,11 @@
 // two packages, not even after a crash, and files that the new package no longer has are gone.
 // The package is unpacked under a private name of its own (ZMCachedPackage), so another process
 // that downloads or unpacks the same package meanwhile cannot take it away.
+//
+// When `trust` requires signatures, the package is verified against its signature
+// ("<package>.minisig") on the global queue before anything is unpacked. A refusal deletes the
+// package and its signature and is reported with onInstallFailure; the destination is left as it
+// was.
 //
 // A package that unpacks but cannot be deleted is reported twice, on purpose: first
 // onInstallFailure ("deleteFile failure: <package>", the directory already deleted), then
@@ -40,7 +46,7 @@ class ZMPluginUnzipPackageTask : public ZMUnzipGamePackageListener,
   // `initWithInstallDir:hash:listener:`. `pluginHash` is kept for the owner only.
   ZMPluginUnzipPackageTask(std::string installDir, std::string pluginHash,
                            std::weak_ptr<ZMPackageInstallListener> listener,
-                           ZMPackageLimits limits = {});
+                           ZMPackageLimits limits = {}, ZMPackageTrust trust = {});
 
   // Unpacks the package at `zipFilePath` into installDir(); returns at once.
   void execute(const std::string& zipFilePath);
@@ -63,10 +69,13 @@ class ZMPluginUnzipPackageTask : public ZMUnzipGamePackageListener,
 
   // Deletes the package (its private name and its shared one); false when that failed.
   bool _deletePackage();
+  // Checks the limits and hands the claimed package to the engine.
+  void _unpack();
 
   const std::string installDir_;
   const std::string pluginHash_;
   const ZMPackageLimits limits_;
+  const ZMPackageTrust trust_;
   std::string zipFilePath_;
   std::string claimedPath_;  // the package's private name while it is unpacked
   std::unique_ptr<ZMStagedDirectory> staging_;

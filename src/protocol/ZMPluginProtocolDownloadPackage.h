@@ -11,10 +11,13 @@
 // package (std::make_shared), keep it, and are its listener; everything arrives on the main queue.
 class ZMPluginProtocolDownloadPackage : public ZMVerifiedPackageDownload {
  public:
-  // `initWithSavePath:url:listener:`. Removes any file already at `savePath`.
+  // `initWithSavePath:url:listener:`. Removes any file already at `savePath`. With `trust`
+  // requiring signatures, the package's signature is fetched, checked and kept beside it.
   ZMPluginProtocolDownloadPackage(std::string savePath, std::string url,
-                                  std::weak_ptr<ZMPackageDownloadListener> listener)
-      : ZMVerifiedPackageDownload(std::move(listener), std::move(savePath), std::move(url)) {}
+                                  std::weak_ptr<ZMPackageDownloadListener> listener,
+                                  ZMPackageTrust trust = {})
+      : ZMVerifiedPackageDownload(std::move(listener), std::move(savePath), std::move(url),
+                                  std::move(trust)) {}
 
   // Downloads, expecting `pluginHash`; the downloader is tagged with the hash too.
   void execute(const std::string& pluginHash) {

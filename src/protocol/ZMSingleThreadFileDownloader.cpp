@@ -64,6 +64,7 @@ std::shared_ptr<ZMURLSessionTask> ZMSingleThreadFileDownloader::_task() {
     request.resumeData = resumeFrom_;
     request.startDelay = startDelay_;
   }
+  request.computesBLAKE2b512 = computesBLAKE2b512_;
   auto task = session_->downloadTask(std::move(request));
   task_ = task;
   return task;
@@ -117,6 +118,7 @@ void ZMSingleThreadFileDownloader::didFinishDownloadingToLocation(ZMURLSession&,
   }
   if (partial_ && task.usesRequestedFile()) partial_->forget();
   fileMD5_ = task.downloadedMD5();
+  fileBLAKE2b512_ = task.downloadedBLAKE2b512();
   _notifySuccess(filePath_);
 }
 

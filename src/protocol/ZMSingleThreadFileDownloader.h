@@ -56,6 +56,10 @@ class ZMSingleThreadFileDownloader
   // The MD5 of the file at filePath() as it was written (32 lower-case hex digits), set just
   // before onDownloadSuccess; null when the transfer could not compute it. Main queue only.
   const std::optional<std::string>& fileMD5() const { return fileMD5_; }
+  // Asks the transfer to compute the file's BLAKE2b-512 as well (before start()); it is then
+  // set with fileMD5() (64 bytes; null when it could not be computed).
+  void setComputesBLAKE2b512(bool computes) { computesBLAKE2b512_ = computes; }
+  const std::optional<std::string>& fileBLAKE2b512() const { return fileBLAKE2b512_; }
 
   // Replaces the idle time-out of downloaders started afterwards; 0 restores kTimeoutInterval.
   static void setTimeoutIntervalForTesting(double seconds);
@@ -93,6 +97,8 @@ class ZMSingleThreadFileDownloader
   std::shared_ptr<ZMURLSession> session_;
   std::weak_ptr<ZMURLSessionTask> task_;
   std::optional<std::string> fileMD5_;
+  std::optional<std::string> fileBLAKE2b512_;
+  bool computesBLAKE2b512_ = false;
 
   // Resumption (main queue, set before start()).
   std::optional<ZMPartialDownload> partial_;

@@ -56,6 +56,11 @@ std::optional<ZMDownloadResumeData> ZMURLSessionTask::resumeData() const {
   return resumeData_;
 }
 
+std::optional<std::string> ZMURLSessionTask::downloadedBLAKE2b512() const {
+  std::lock_guard lock(mutex_);
+  return downloadedBLAKE2b512_;
+}
+
 std::optional<ZMError> ZMURLSessionTask::error() const {
   std::lock_guard lock(mutex_);
   return error_;

@@ -100,6 +100,9 @@ struct ZMURLRequest {
   ZMDownloadResumeData resumeData;
   // Seconds to wait before the request is sent; a cancel meanwhile ends the task at once.
   double startDelay = 0;
+  // A download task also computes the BLAKE2b-512 of its body as it is written (see
+  // ZMURLSessionTask::downloadedBLAKE2b512).
+  bool computesBLAKE2b512 = false;
 };
 
 struct ZMHTTPURLResponse {
@@ -148,6 +151,8 @@ class ZMURLSessionTask : public std::enable_shared_from_this<ZMURLSessionTask> {
   // A download's MD5 (32 lower-case hex digits), computed from the bytes as they were written to
   // its file; null before the file is handed over, for data tasks, or when it could not be made.
   std::optional<std::string> downloadedMD5() const;
+  // The same for the BLAKE2b-512 (64 bytes), when the request asked for it.
+  std::optional<std::string> downloadedBLAKE2b512() const;
   // A download task whose request named its file: whether the body went there (false when
   // another process held the file, and a fresh temporary file was used). Set when it starts.
   bool usesRequestedFile() const { return usesRequestedFile_.load(); }
@@ -192,6 +197,7 @@ class ZMURLSessionTask : public std::enable_shared_from_this<ZMURLSessionTask> {
   std::optional<ZMError> error_;
   std::optional<std::string> downloadedMD5_;
   std::optional<ZMDownloadResumeData> resumeData_;
+  std::optional<std::string> downloadedBLAKE2b512_;
 };
 
 // Delegate callbacks arrive on the main queue. Every one has an empty default.

@@ -332,17 +332,19 @@ void ZMURLSessionEngine::begin(std::shared_ptr<ZMURLSessionTask> task) {
   transfers_.emplace(t.identifier_, std::move(transfer));
 }
 
+// The digests of a download's body, computed as it is written; null when their threads could
+// not start, and the file is then hashed when it is verified.
+static std::shared_ptr<ZMBackgroundMD5> newDigest(const ZMURLRequest& request) {
+  try {
+    return std::make_shared<ZMBackgroundMD5>(request.computesBLAKE2b512);
+  } catch (const std::system_error&) {
+    return nullptr;
+  }
+}
+
 bool ZMURLSessionEngine::openDownloadFile(Transfer& transfer, ZMError& error) {
   ZMURLSessionTask& task = *transfer.task;
   const ZMURLRequest& request = task.request_;
-  const auto newDigest = [&transfer] {
-    // Without a digest (the thread could not start) the file is hashed when it is verified.
-    try {
-      transfer.md5 = std::make_shared<ZMBackgroundMD5>();
-    } catch (const std::system_error&) {
-      transfer.md5.reset();
-    }
-  };
   if (!request.downloadFilePath.empty()) {
     const std::string& path = request.downloadFilePath;
     int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
@@ -368,7 +370,7 @@ bool ZMURLSessionEngine::openDownloadFile(Transfer& transfer, ZMError& error) {
         if (offset > 0) {
           transfer.md5 = resume.md5;  // null: the whole file is hashed once complete
         } else {
-          newDigest();
+          transfer.md5 = newDigest(request);
         }
         return true;
       }
@@ -387,7 +389,7 @@ bool ZMURLSessionEngine::openDownloadFile(Transfer& transfer, ZMError& error) {
   (void)::flock(fd, LOCK_EX | LOCK_NB);
   transfer.fd = fd;
   transfer.location = std::move(pattern);
-  newDigest();
+  transfer.md5 = newDigest(request);
   return true;
 }
 
@@ -522,6 +524,7 @@ void ZMURLSessionEngine::finish(CURL* easy, CURLcode result) {
       outcome.ownsLocation = !transfer->requestedFile;
       transfer->location.clear();
       outcome.md5 = transfer->md5 ? transfer->md5->finish() : std::string();
+      if (transfer->md5) outcome.blake2b512 = transfer->md5->blake2b512();
     } else {
       outcome.data = std::move(transfer->data);
     }
@@ -640,11 +643,7 @@ void ZMURLSessionEngine::onFinalDownloadResponse(Transfer& transfer, long status
       return;
     }
     transfer.offset = 0;
-    try {
-      transfer.md5 = std::make_shared<ZMBackgroundMD5>();
-    } catch (const std::system_error&) {
-      transfer.md5.reset();
-    }
+    transfer.md5 = newDigest(transfer.task->request_);
     return;
   }
   // Any other answer leaves the bytes already there alone; its body is not kept.
@@ -904,6 +903,7 @@ void ZMURLSessionEngine::deliver(const std::shared_ptr<ZMURLSessionTask>& task, 
     {
       std::lock_guard lock(task->mutex_);
       if (!outcome.md5.empty()) task->downloadedMD5_ = outcome.md5;
+      if (!outcome.blake2b512.empty()) task->downloadedBLAKE2b512_ = outcome.blake2b512;
     }
     if (auto delegate = session->delegate_.lock()) {
       delegate->didFinishDownloadingToLocation(*session, *task, outcome.location);

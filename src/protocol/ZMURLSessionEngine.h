@@ -32,6 +32,7 @@ class ZMURLSessionEngine {
     bool ownsLocation = true;         // false for the file the request named: never removed
     std::string md5;                  // of the bytes written to `location`, lower-case hex
     std::optional<ZMDownloadResumeData> resumeData;  // a failed download that can be continued
+    std::string blake2b512;  // of the same bytes, when the request asked for it
 
     static Outcome failed(ZMError error) {
       Outcome outcome;

@@ -16,6 +16,7 @@
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
 #include "tavo/ZMSystemDirectories.h"
+#include "util/ZMPackageTrust.h"
 #include "util/ZMSafePath.h"
 #include "util/ZMTaskGroup.h"
 
@@ -53,6 +54,14 @@ void ZMGameRuntime::create(const std::string& userId, const ZMValue& options,
   // storage roots is refused before anything is created.
   if (!ZMSafePath::isNamePart(userId_)) {
     if (listener) listener->onInitializeFailure(ZMException("init fail", "invalid user id"));
+    return;
+  }
+  // A mistyped key must not leave the host believing its packages are checked.
+  if (auto key = ZMPackageTrust::invalidKey(options)) {
+    if (listener) {
+      listener->onInitializeFailure(
+          ZMException("init fail", ZMFormat("invalid trusted key: %@", {*key})));
+    }
     return;
   }
   if (!ZMDatabaseHelper::getInstance().createDataBase()) {

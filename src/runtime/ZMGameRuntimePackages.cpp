@@ -75,8 +75,8 @@ void ZMGameRuntime::downloadGamePackage(const ZMValue& options,
       getAppPackageDownloadPath(ZMFormat("%@", {appId}), ZMFormat("%@", {version}));
   const std::string url = ZMTextOption(options, ZM_KEY_GAME_PACKAGE_URL).value_or("");
   if (host) host->onDownloadStart();
-  gameDownloadTask_ =
-      std::make_shared<ZMGameDownloadPackageTask>(std::move(listener), savePath, url);
+  gameDownloadTask_ = std::make_shared<ZMGameDownloadPackageTask>(std::move(listener), savePath,
+                                                                  url, layout_->packageTrust);
   gameDownloadTask_->setResumeAttempts(layout_->packageLimits.downloadResumeAttempts);
   gameDownloadTask_->execute(options);
 }
@@ -96,7 +96,8 @@ void ZMGameRuntime::installGamePackage(const ZMValue& options,
   ZMCancelAndClear(gameInstallTask_);
   if (auto host = listener.lock()) host->onInstallStart();
   gameInstallTask_ = adopt(std::make_shared<ZMGameInstallPackageTask>(
-      std::move(listener), userId_, 1, appDir, installDir, detailFile, layout_->packageLimits));
+      std::move(listener), userId_, 1, appDir, installDir, detailFile, layout_->packageLimits,
+      layout_->packageTrust));
   gameInstallTask_->execute(options);
 }
 

@@ -10,6 +10,7 @@
 
 #include "platform/ZMFileManager.h"
 #include "util/ZMDeleteFileFreeingLater.h"
+#include "util/ZMPackageTrust.h"
 
 namespace {
 
@@ -45,9 +46,18 @@ bool sameFile(const std::string& a, const std::string& b) {
 
 }  // namespace
 
-bool ZMCachedPackage::publish(const std::string& file, const std::string& path, ZMError* error) {
+bool ZMCachedPackage::publish(const std::string& file, const std::string& path, ZMError* error,
+                              const std::optional<std::string>& signature,
+                              const std::optional<std::string>& prehash) {
   CacheLock lock(path);
-  return ZMFileManager::replaceItem(file, path, error);
+  if (signature &&
+      !ZMFileManager::writeFileAtomically(ZMPackageTrust::signatureOf(path), *signature, error)) {
+    return false;
+  }
+  if (!ZMFileManager::replaceItem(file, path, error)) return false;
+  // Noted once the package has its name: the move may have changed its change time.
+  if (signature && prehash) ZMPackageTrust::rememberPrehash(path, *prehash);
+  return true;
 }
 
 std::string ZMCachedPackage::claim(const std::string& path) {
@@ -62,10 +72,17 @@ std::string ZMCachedPackage::claim(const std::string& path) {
 }
 
 bool ZMCachedPackage::release(const std::string& path, const std::string& claimed) {
-  if (claimed == path) return ZMDeleteFileFreeingLater(path);
+  const std::string signature = ZMPackageTrust::signatureOf(path);
+  if (claimed == path) {
+    ::unlink(signature.c_str());
+    return ZMDeleteFileFreeingLater(path);
+  }
   {
     CacheLock lock(path);
-    if (sameFile(path, claimed) && ::unlink(path.c_str()) != 0) return false;
+    if (sameFile(path, claimed)) {
+      if (::unlink(path.c_str()) != 0) return false;
+      ::unlink(signature.c_str());
+    }
   }
   ZMDeleteFileFreeingLater(claimed);
   return true;

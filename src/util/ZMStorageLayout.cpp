@@ -34,6 +34,7 @@ ZMStorageLayout ZMStorageLayout::fromOptions(const std::string& userId, const ZM
   layout.core = rootOption(options, ZM_KEY_STORAGE_PATH_CORE, ZMPathJoin(base, "core"));
   layout.plugin = rootOption(options, ZM_KEY_STORAGE_PATH_PLUGIN, ZMPathJoin(base, "plugin"));
   layout.packageLimits = ZMPackageLimits::fromOptions(options);
+  layout.packageTrust = ZMPackageTrust::fromOptions(options);
   return layout;
 }
 

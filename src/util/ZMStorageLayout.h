@@ -4,6 +4,7 @@
 
 #include "tavo/ZMValue.h"
 #include "util/ZMPackageLimits.h"
+#include "util/ZMPackageTrust.h"
 
 // ZMStorageLayout says where a runtime keeps everything on disk: the roots fixed once when the
 // runtime is created, and every path derived from them. It is an immutable value that touches
@@ -25,6 +26,8 @@ struct ZMStorageLayout {
   std::string app, user, cache, core, plugin;
   // How much one package may unpack into these roots; from the same creation options.
   ZMPackageLimits packageLimits;
+  // Whose signature a package needs before it is published or unpacked; from the same options.
+  ZMPackageTrust packageTrust;
 
   // The roots for `options` (a null or non-object value counts as no options): an option that
   // is absent, not text or empty falls back to its default.

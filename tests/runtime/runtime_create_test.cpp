@@ -107,6 +107,38 @@ TEST_F(ZMGameRuntimeCreate, SecondInitEndsTheFirstRuntime) {
             ended->getManager("plugin_manager", ZMValue()));
 }
 
+TEST_F(ZMGameRuntimeCreate, TrustedKeysAreMinisignPublicKeysOrNothing) {
+  const std::string key = "RWTXbmITYccTYcxU4nJE9S4PtfVh1ymkczkxcT5193PZOvOWp29tk+l3";
+  const std::string signatureLine =
+      "RUTXbmITYccTYYO6Qh2y711Es06mecywqW3uB0X4T6e9fAKts1a4qxRHeOYTgMfOJsq6aODsLxptkHz521s2ePIZmZ"
+      "YkAtwk5AA=";
+  const std::string refused = "onInitializeFailure:init fail|invalid trusted key: ";
+  struct Case {
+    ZMValue keys;
+    std::string event;  // refusals name the first entry that is no key
+    bool required;
+  };
+  for (const auto& c : std::vector<Case>{
+           {nullptr, "onInitializeSuccess", false},
+           {" ", "onInitializeSuccess", false},
+           {ZMValue::array(), "onInitializeSuccess", false},
+           {key, "onInitializeSuccess", true},
+           {ZMValue::array({"", key + "\n"}), "onInitializeSuccess", true},
+           {ZMValue::array({key, key.substr(0, 55)}), refused + key.substr(0, 55), false},
+           {signatureLine, refused + signatureLine, false},
+           {ZMValue::array({7}), refused + "7", false},
+           {ZMValue::object(), refused + "{}", false},
+       }) {
+    auto listener = std::make_shared<InitRecorder>();
+    ZMZimoGame::initRuntime("u1", {{ZM_KEY_PACKAGE_TRUSTED_KEYS, c.keys}}, listener);
+    EXPECT_EQ(listener->events(), std::vector<std::string>{c.event}) << c.keys;
+    if (listener->runtime) {
+      const auto runtime = std::dynamic_pointer_cast<ZMGameRuntime>(listener->runtime);
+      EXPECT_EQ(runtime->layout()->packageTrust.requiresSignatures(), c.required) << c.keys;
+    }
+  }
+}
+
 TEST_F(ZMGameRuntimeCreate, UserIdThatWouldLeaveTheRootsIsRefused) {
   auto listener = std::make_shared<InitRecorder>();
   ZMZimoGame::initRuntime("../escape", ZMValue(), listener);

@@ -65,6 +65,13 @@ void DrainMainQueue();
 // that work posted meanwhile cannot start.
 std::promise<void> HoldGlobalQueue();
 
+// `arg` as one word of a shell command.
+inline std::string Quote(const std::string& arg) {
+  std::string quoted = "'";
+  for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
 // File helpers.
 void WriteFile(const std::string& path, const std::string& data);
 std::string ReadFile(const std::string& path);

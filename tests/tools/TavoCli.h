@@ -40,12 +40,6 @@ struct Result {
   }
 };
 
-inline std::string Quote(const std::string& arg) {
-  std::string quoted = "'";
-  for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
 class TavoCli : public ::testing::Test {
  protected:
   TempDir dir;
@@ -111,6 +105,13 @@ class TavoChild {
     std::string line = buffered_.substr(0, end);
     buffered_.erase(0, end + 1);
     return line;
+  }
+  // Kills the child with SIGKILL and waits until it is gone, so that it writes nothing more.
+  void kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = 0;
   }
   // Sends SIGINT and returns the exit status once stdout closes; -1 when it does not within
   // 20 s, or the child did not exit normally.

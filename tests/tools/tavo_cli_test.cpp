@@ -254,25 +254,22 @@ TEST_F(TavoCli, AnInstallKilledMidUnpackLeavesTheInstalledPlugin) {
   const std::string installed = ReadFile(config);
 
   offer("new.zip");
-  std::string command = "exec " + Quote(TAVO_BINARY);
-  for (const auto& arg : install) command += " " + Quote(arg);
-  FILE* child =
-      ::popen((command + " --root " + Quote(root) + " >/dev/null 2>&1 & echo $!").c_str(), "r");
-  int pid = 0;
-  ASSERT_EQ(std::fscanf(child, "%d", &pid), 1);
+  std::vector<std::string> args = install;
+  args.insert(args.end(), {"--root", root});
+  TavoChild child(args, dir / "install.err");
   // Killed once the staged unpack holds some of the new files.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   bool midway = false;
-  while (!midway && std::chrono::steady_clock::now() < deadline) {
-    for (const auto& name : ListDir(plugins)) {
-      if (name.starts_with(".p_1.0.staging-")) {
-        midway = Exists(plugins + "/" + name + "/f/100");
-      }
-    }
-    if (!midway) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  ::kill(pid, SIGKILL);
-  ::pclose(child);
+  RunUntil(
+      [&] {
+        for (const auto& name : ListDir(plugins)) {
+          if (name.starts_with(".p_1.0.staging-")) {
+            midway = Exists(plugins + "/" + name + "/f/100");
+          }
+        }
+        return midway;
+      },
+      std::chrono::seconds(60));
+  child.kill();
   ASSERT_TRUE(midway) << "the unpack was never seen under way";
   ASSERT_FALSE(Exists(plugins + "/p_1.0/f")) << "killed too late";
 
@@ -304,20 +301,13 @@ TEST_F(TavoCli, AKilledDownloadIsContinuedByTheNextProcess) {
   const std::vector<std::string> download = {"download", "--app",    "g",          "--version",
                                              "1",        "--url",    server.url(), "--hash",
                                              hash.get(), "--resume", "3"};
-  std::string command = "exec " + Quote(TAVO_BINARY);
-  for (const auto& arg : download) command += " " + Quote(arg);
-  FILE* child =
-      ::popen((command + " --root " + Quote(root) + " >/dev/null 2>&1 & echo $!").c_str(), "r");
-  int pid = 0;
-  ASSERT_EQ(std::fscanf(child, "%d", &pid), 1);
+  std::vector<std::string> args = download;
+  args.insert(args.end(), {"--root", root});
+  TavoChild child(args, dir / "download.err");
   const std::string partial = root + "/tmp/g.1.zgp.partial";
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!(Exists(partial) && std::filesystem::file_size(partial) > (50u << 20)) &&
-         std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  ::kill(pid, SIGKILL);
-  ::pclose(child);
+  RunUntil([&] { return Exists(partial) && std::filesystem::file_size(partial) > (50u << 20); },
+           std::chrono::seconds(60));
+  child.kill();
   ASSERT_TRUE(Exists(partial) && Exists(partial + ".json"));
   const int64_t kept = static_cast<int64_t>(std::filesystem::file_size(partial));
   ASSERT_LT(kept, size) << "killed too late";

@@ -18,6 +18,7 @@
 
 #include "TavoCli.h"
 #include "support/TestHttpServer.h"
+#include "support/TestSigner.h"
 #include "support/TestZip.h"
 
 namespace {
@@ -268,6 +269,29 @@ TEST_F(TavoServe, RangesAreAnsweredExactlyAndEveryListedNameInstalls) {
     EXPECT_EQ(r.status, 0) << provider << ": " << r.err;
     EXPECT_EQ(ReadFile(root + "/Caches/plugin/" + provider + "_1.0/main.js"), provider);
   }
+}
+
+TEST_F(TavoServe, SignaturesAreServedBesideTheirPackagesForHostsThatTrustAKey) {
+  TestSigner signer;
+  // The signature's URL is the package's, percent-encoded, with ".minisig" added.
+  MakeZip(pk + "/signed one_1.0.zip", {{"main.js", "signed"}});
+  signer.sign(pk + "/signed one_1.0.zip");
+  MakeZip(pk + "/unsigned_1.0.zip", {{"main.js", "unsigned"}});
+  ServedPlugins service(pk, dir / "serve.log");
+  const auto install = [&](const std::string& provider) {
+    return tavo({"--trust-key", signer.publicKey(), "plugin", "install", "--plugin-service",
+                 service.url, "--provider", provider, "--version", "1.0"});
+  };
+  const Result good = install("signed one");
+  EXPECT_EQ(good.status, 0) << good.err;
+  EXPECT_EQ(ReadFile(root + "/Caches/plugin/signed one_1.0/main.js"), "signed");
+  const Result refused = install("unsigned");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("package signature missing: " + service.url +
+                             "/packages/unsigned_1.0.zip.minisig"),
+            std::string::npos)
+      << refused.err;
+  EXPECT_FALSE(Exists(root + "/Caches/plugin/unsigned_1.0"));
 }
 
 // A port that was free a moment ago.

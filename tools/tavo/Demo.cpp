@@ -1,6 +1,9 @@
 #include "Demo.h"
 
+#include <fcntl.h>
 #include <httplib.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -39,13 +42,64 @@ std::string Md5Of(const std::string& path) {
   return text;
 }
 
-// Serves one file at /games/<name> on 127.0.0.1 from a thread of its own.
+// Runs a program found on PATH with `arguments`, its input and output on /dev/null; true when
+// it exits 0.
+bool RunQuietly(std::vector<std::string> arguments) {
+  std::vector<char*> argv;
+  for (auto& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
+  }
+  pid_t pid = 0;
+  const int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  int status = 0;
+  if (spawned != 0 || ::waitpid(pid, &status, 0) != pid) return false;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// A throw-away minisign key pair in `directory`, when minisign is installed: it signs the
+// sample packages, and the runtime trusts it alone.
+class Signer {
+ public:
+  explicit Signer(const std::string& directory)
+      : publicFile_(directory + "/demo.pub"), secretFile_(directory + "/demo.key") {
+    if (!RunQuietly({"minisign", "-G", "-W", "-p", publicFile_, "-s", secretFile_})) return;
+    const std::string file = ReadAll(publicFile_);
+    const auto start = file.find('\n') + 1;
+    publicKey_ = file.substr(start, file.find('\n', start) - start);
+  }
+  bool ok() const { return !publicKey_.empty(); }
+  const std::string& publicKey() const { return publicKey_; }
+  // Writes "<file>.minisig"; true without a key pair, when nothing is signed.
+  bool sign(const std::string& file) const {
+    return !ok() || RunQuietly({"minisign", "-S", "-s", secretFile_, "-m", file});
+  }
+
+ private:
+  std::string publicFile_, secretFile_, publicKey_;
+};
+
+// Serves one file at /games/<name> on 127.0.0.1 from a thread of its own, and its signature at
+// /games/<name>.minisig when it has one.
 class PackageServer {
  public:
-  explicit PackageServer(std::string body) : body_(std::move(body)) {
+  PackageServer(std::string body, std::string signature)
+      : body_(std::move(body)), signature_(std::move(signature)) {
     server_.Get("/games/tap-tap-1.0.0.zip",
                 [this](const httplib::Request&, httplib::Response& res) {
                   res.set_content(body_, "application/zip");
+                });
+    server_.Get("/games/tap-tap-1.0.0.zip.minisig",
+                [this](const httplib::Request&, httplib::Response& res) {
+                  if (signature_.empty()) {
+                    res.status = 404;
+                    return;
+                  }
+                  res.set_content(signature_, "text/plain");
                 });
     port_ = server_.bind_to_any_port("127.0.0.1");
     if (port_ > 0) {
@@ -68,7 +122,7 @@ class PackageServer {
   }
 
  private:
-  std::string body_;
+  std::string body_, signature_;
   httplib::Server server_;
   int port_ = -1;
   std::atomic<bool> finished_{false};
@@ -106,7 +160,14 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
     return kExitFailure;
   }
   const std::string md5 = Md5Of(packagePath);
-  PackageServer server(ReadAll(packagePath));
+  const Signer signer(work);
+  if (!signer.sign(packagePath)) {
+    reporter.failure("demo", "minisign cannot sign " + packagePath);
+    std::filesystem::remove_all(work);
+    return kExitFailure;
+  }
+  if (signer.ok()) settings.trustedKeys = {signer.publicKey()};
+  PackageServer server(ReadAll(packagePath), signer.ok() ? ReadAll(packagePath + ".minisig") : "");
   if (!server.ok()) {
     reporter.failure("demo", "cannot listen on 127.0.0.1");
     std::filesystem::remove_all(work);
@@ -114,6 +175,14 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
   }
   std::cout << "Made a sample game package (" << std::filesystem::file_size(packagePath)
             << " bytes, MD5 " << md5 << ")\nand serves it at " << server.url() << "\n";
+  if (signer.ok()) {
+    std::cout << "Signed every sample package with a throw-away minisign key, the one key the\n"
+                 "runtime trusts: "
+              << signer.publicKey() << "\n";
+  } else {
+    std::cout << "minisign is not installed: the sample packages go unsigned, and the runtime\n"
+                 "asks for no signature.\n";
+  }
 
   // The game declares one plug-in; a plug-in service in this process serves its packages.
   const std::string pluginDir = work + "/plugins";
@@ -122,7 +191,8 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
   PluginService::Settings pluginSettings;
   pluginSettings.directory = pluginDir;
   PluginService plugins(pluginSettings, [](const std::string&) {});
-  if (!WriteSamplePlugin(pluginPackage, 1) || plugins.bind("127.0.0.1", 0)) {
+  if (!WriteSamplePlugin(pluginPackage, 1) || !signer.sign(pluginPackage) ||
+      plugins.bind("127.0.0.1", 0)) {
     reporter.failure("demo", "cannot set up the plug-in service");
     std::filesystem::remove_all(work);
     return kExitFailure;
@@ -168,7 +238,10 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
            return status;
          });
     std::string downloaded;
-    step("Download", "The package comes over HTTP with progress, and its MD5 is verified.",
+    step("Download",
+         signer.ok() ? "The package comes over HTTP with progress; its MD5 and its signature are\n"
+                       "   verified, and the signature is kept beside it."
+                     : "The package comes over HTTP with progress, and its MD5 is verified.",
          kExitSuccess,
          [&] { return session.download(kAppId, kVersion, server.url(), md5, &downloaded); });
     step("Install",
@@ -191,9 +264,12 @@ int RunDemo(Reporter& reporter, Session::Settings settings, bool keep) {
          "   newer package of the same plug-in version: the running game's plug-ins are asked\n"
          "   about, and the newer package is prefetched into the package cache.",
          kExitSuccess, [&] {
-           if (!WriteSamplePlugin(pluginPackage, 2)) return kExitFailure;
+           if (!WriteSamplePlugin(pluginPackage, 2) || !signer.sign(pluginPackage)) {
+             return kExitFailure;
+           }
            // Until the newer package is in the package cache (at most ten seconds, however
-           // slow the machine), then the game exits.
+           // slow the machine), then the game exits. A signature is put in place before its
+           // package, so the package's presence says both are there.
            const std::string prefetched = settings.root + "/tmp/" +
                                           ZMFileUtils::getFileMD5(pluginPackage).value_or("") +
                                           "_" + kPlugin + "_" + kPluginVersion + ".zip";

@@ -101,6 +101,9 @@ bool Session::start() {
   if (settings_.resumeAttempts > 0) {
     options[ZM_KEY_DOWNLOAD_RESUME_ATTEMPTS] = settings_.resumeAttempts;
   }
+  if (!settings_.trustedKeys.empty()) {
+    options[ZM_KEY_PACKAGE_TRUSTED_KEYS] = ZMValue(settings_.trustedKeys);
+  }
   auto listener = std::make_shared<InitListener>(reporter_);
   ZMZimoGame::initRuntime(settings_.user, options, listener);
   if (listener->failure || !listener->runtime) {

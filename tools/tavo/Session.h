@@ -32,6 +32,8 @@ class Session {
     std::vector<std::string> pluginServices;
     // How often a package download is continued after a failure (0: never).
     int64_t resumeAttempts = 0;
+    // Minisign public keys every package must be signed by one of; empty: no signatures.
+    std::vector<std::string> trustedKeys;
   };
 
   Session(Reporter& reporter, Settings settings);

@@ -135,6 +135,10 @@ int main(int argc, char** argv) {
   app.add_option("--plugin-service", settings.pluginServices,
                  "Plug-in service base URL, e.g. http://127.0.0.1:8080/ced (repeatable: primary, "
                  "then fallback); replaces the built-in ones");
+  app.add_option("--trust-key", settings.trustedKeys,
+                 "Minisign public key (the RW... line of its .pub file) that every game and "
+                 "plug-in package must be signed by, its signature at the package URL + "
+                 "\".minisig\" (repeatable: any of them)");
 
   std::string appId, version, url, package;
   std::optional<std::string> hash, extend, subpackageRoot, reserve, data;
@@ -211,8 +215,9 @@ int main(int argc, char** argv) {
   auto* serve = app.add_subcommand(
       "serve",
       "Serve the plug-in packages of DIR (named <provider>_<version>.zip) as a plug-in "
-      "service: answers the runtime's queries and serves the files; prints its base URL "
-      "first, logs one line per request on stderr and runs until interrupted");
+      "service: answers the runtime's queries and serves the files, a package's signature "
+      "(<provider>_<version>.zip.minisig, made with minisign -Sm) beside it; prints its base "
+      "URL first, logs one line per request on stderr and runs until interrupted");
   serve->add_option("DIR", serveSettings.directory, "Directory of plug-in packages")->required();
   serve->add_option("--bind", serveAddress, "Address to listen on (an IP address)")
       ->capture_default_str();
