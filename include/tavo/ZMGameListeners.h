@@ -4,7 +4,7 @@
 /// Listener interfaces that a host implements for the game operations of ZMZimoGameRuntime.
 /// The host owns its listeners (std::shared_ptr), or uses the self-owning adapters of
 /// ZMListenerAdapters.h; libtavo holds them weakly, so a listener the host has dropped hears
-/// nothing more. Callbacks arrive on one of three threads:
+/// nothing more. Callbacks arrive on one of three threads (the host guide's table lists each):
 /// - the caller's, before the operation returns: the start callbacks, every callback of
 /// listGame and setGameData, and the refusals made before any work starts (those of runGame
 /// and exitGame, downloadGamePackage's for an app id that would leave the package cache);

@@ -1,0 +1,290 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+
+#include "merin/MerinGameHandle.h"
+#include "support/TestHttpServer.h"
+#include "support/TestRuntime.h"
+#include "support/TestSupport.h"
+#include "support/TestZip.h"
+
+namespace {
+
+using Key = std::pair<std::string, std::string>;  // operation, callback
+
+// The host guide's callback table: for each operation and callback, the threads it may arrive
+// on ("caller", "main queue", "engine").
+std::map<Key, std::set<std::string>> ReadCallbackTable() {
+  std::ifstream guide(TAVO_SOURCE_DIR "/docs/host-guide.md");
+  std::map<Key, std::set<std::string>> table;
+  std::string line;
+  while (std::getline(guide, line) && !line.starts_with("| Operation | Callbacks | Thread |")) {
+  }
+  std::getline(guide, line);  // |---|
+  const std::regex name("`(\\w+)`");
+  while (std::getline(guide, line) && line.starts_with("|")) {
+    std::vector<std::string> cells;
+    for (size_t at = 1, next; (next = line.find('|', at)) != std::string::npos; at = next + 1) {
+      cells.push_back(line.substr(at, next - at));
+    }
+    std::set<std::string> threads;
+    const std::string where = cells.at(2).substr(1, cells.at(2).size() - 2);
+    for (size_t at = 0, next = 0; next != std::string::npos; at = next + 4) {
+      next = where.find(" or ", at);
+      threads.insert(where.substr(at, next - at));
+    }
+    for (std::sregex_iterator op(cells[0].begin(), cells[0].end(), name), end; op != end; ++op) {
+      for (std::sregex_iterator cb(cells[1].begin(), cells[1].end(), name); cb != end; ++cb) {
+        table[{(*op)[1], (*cb)[1]}] = threads;
+      }
+    }
+  }
+  return table;
+}
+
+// Every callback heard, with the thread it came on: the engine's (any thread but the main
+// one), the caller's (the main thread inside the operation's call) or the main queue's.
+class Observer {
+ public:
+  std::atomic<bool> inCall{false};
+
+  // A listener callback for std::function of any signature that notes `callback` of `op`.
+  auto on(const char* op, const char* callback) {
+    return [this, op, callback](auto&&...) {
+      const char* thread = !ZMMainQueue::isMainThread() ? "engine"
+                           : inCall                     ? "caller"
+                                                        : "main queue";
+      std::lock_guard lock(mutex_);
+      heard_.push_back({{op, callback}, thread});
+    };
+  }
+  template <typename Body>
+  void call(Body body) {
+    inCall = true;
+    body();
+    inCall = false;
+  }
+  size_t count(const char* op, const char* callback) const {
+    std::lock_guard lock(mutex_);
+    return std::count_if(heard_.begin(), heard_.end(), [&](const auto& h) {
+      return h.first == Key{op, callback};
+    });
+  }
+  bool heard(const char* op, const char* callback) const { return count(op, callback) > 0; }
+  std::vector<std::pair<Key, std::string>> all() const {
+    std::lock_guard lock(mutex_);
+    return heard_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::pair<Key, std::string>> heard_;
+};
+
+TEST(CallbackThreads, EachCallbackArrivesOnTheThreadTheHostGuideNames) {
+  const auto table = ReadCallbackTable();
+  ASSERT_GT(table.size(), 40u);
+  TestRuntime t;
+  Observer o;
+  const auto until = [&](const char* op, const char* callback) {
+    EXPECT_TRUE(RunUntil([&] { return o.heard(op, callback); })) << op << " " << callback;
+  };
+
+  o.call([&] {
+    const auto init = [&] {
+      return tavo::initListener({.onSuccess = o.on("initRuntime", "onInitializeSuccess"),
+                                 .onFailure = o.on("initRuntime", "onInitializeFailure")});
+    };
+    ZMZimoGame::initRuntime("../u", t.options(), init());
+    ZMZimoGame::initRuntime("u1", t.options(), init());
+  });
+  t.runtime = std::dynamic_pointer_cast<ZMGameRuntime>(ZMZimoGame::getRuntime());
+  auto runtime = t.runtime;
+
+  // Packages: download, install, check.
+  const std::string package = t.root() + "/g.zip";
+  MakeGamePackage(package, R"({"deviceOrientation":"portrait"})");
+  char* hash = FileMD5HashCreateWithPath(package.c_str(), 0);
+  const std::string md5 = hash;
+  std::free(hash);
+  TestHttpServer server;
+  server.Get("/g.zip", [&](const auto&, auto& res) { res.set_content(ReadFile(package), "x"); });
+  server.start();
+  const ZMValue game = {{ZM_KEY_GAME_PACKAGE_APP_ID, "g"}, {ZM_KEY_GAME_PACKAGE_VERSION, "1"}};
+  const auto download = [&](const std::string& appId) {
+    ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, appId},
+                       {ZM_KEY_GAME_PACKAGE_VERSION, "1"},
+                       {ZM_KEY_GAME_PACKAGE_URL, server.url("/g.zip")},
+                       {ZM_KEY_GAME_PACKAGE_HASH, md5}};
+    const char* op = "downloadGamePackage";
+    o.call([&] {
+      runtime->downloadGamePackage(
+          options, tavo::downloadListener({.onStart = o.on(op, "onDownloadStart"),
+                                           .onProgress = o.on(op, "onDownloadProgress"),
+                                           .onRetry = o.on(op, "onDownloadRetry"),
+                                           .onSuccess = o.on(op, "onDownloadSuccess"),
+                                           .onFailure = o.on(op, "onDownloadFailure")}));
+    });
+  };
+  download("a/b");
+  download("g");
+  until("downloadGamePackage", "onDownloadSuccess");
+  const auto install = [&](const ZMValue& options) {
+    const char* op = "installGamePackage";
+    o.call([&] {
+      runtime->installGamePackage(
+          options, tavo::installListener({.onStart = o.on(op, "onInstallStart"),
+                                          .onSuccess = o.on(op, "onInstallSuccess"),
+                                          .onFailure = o.on(op, "onInstallFailure")}));
+    });
+  };
+  install(game);
+  until("installGamePackage", "onInstallFailure");
+  ZMValue withPath = game;
+  withPath[ZM_KEY_GAME_PACKAGE_PATH] = runtime->getAppPackageDownloadPath("g", "1");
+  install(withPath);
+  until("installGamePackage", "onInstallSuccess");
+  for (const char* version : {"2", "1"}) {
+    ZMValue options = game;
+    options[ZM_KEY_GAME_PACKAGE_VERSION] = version;
+    const char* op = "checkGameVersion";
+    o.call([&] {
+      runtime->checkGameVersion(
+          options, tavo::checkVersionListener({.onStart = o.on(op, "onCheckVersionStart"),
+                                               .onSuccess = o.on(op, "onCheckVersionSuccess"),
+                                               .onFailure = o.on(op, "onCheckVersionFailure")}));
+    });
+  }
+  until("checkGameVersion", "onCheckVersionSuccess");
+
+  // Launch, quit request and exit, with the reference engine and with none.
+  const auto run = [&](const ZMValue& options) {
+    const char* op = "runGame";
+    o.call([&] {
+      runtime->runGame(nullptr, "g", options,
+                       tavo::runListener({.onHandleCreate = o.on(op, "onGameHandleCreate"),
+                                          .onSuccess = o.on(op, "onRunSuccess"),
+                                          .onFailure = o.on(op, "onRunFailure")}));
+    });
+  };
+  run(ZMValue::object());
+  run({{ZM_KEY_RUN_OPT_VERSION, "1"}});
+  until("runGame", "onRunSuccess");
+  auto query = tavo::queryExitListener(o.on("setGameQueryExitListener", "onQueryExit"));
+  o.call([&] { runtime->setGameQueryExitListener(query); });
+  std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance())->requestQuit(1);
+  until("setGameQueryExitListener", "onQueryExit");
+  query->release();
+  const auto exit = [&] {
+    const char* op = "exitGame";
+    o.call([&] {
+      runtime->exitGame("g", tavo::exitListener({.onSuccess = o.on(op, "onGameExitSuccess"),
+                                                 .onFailure = o.on(op, "onGameExitFailure")}));
+    });
+  };
+  exit();
+  until("exitGame", "onGameExitSuccess");
+  exit();  // the engine answers that no game runs
+  EXPECT_TRUE(RunUntil([&] { return o.count("exitGame", "onGameExitFailure") == 1; }));
+  auto engine = ZMGameHandle::getInstance();
+  ZMGameHandle::setInstance(nullptr);
+  exit();
+  ZMGameHandle::setInstance(engine);
+
+  // Records and the cache sweep.
+  o.call([&] {
+    const char* op = "setGameData";
+    runtime->setGameData("g", {{"extend", "x"}},
+                         tavo::gameDataListener({.onSuccess = o.on(op, "onGameDataSetSuccess"),
+                                                 .onFailure = o.on(op, "onGameDataSetFailure")}));
+    runtime->listGame(tavo::listListener({.onSuccess = o.on("listGame", "onListGameSuccess"),
+                                          .onFailure = o.on("listGame", "onListGameFailure")}));
+  });
+  WriteFile(t.cache() + "/old.zgp", "x");
+  SetAgeSeconds(t.cache() + "/old.zgp", 3600);
+  for (const ZMValue& options :
+       {ZMValue::object(), ZMValue{{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
+                                   {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}}}) {
+    const char* op = "checkFileAvailability";
+    o.call([&] {
+      runtime->checkFileAvailability(
+          options, tavo::sweepListener({.onStart = o.on(op, "onCheckStart"),
+                                        .onProgress = o.on(op, "onCheckProgress"),
+                                        .onSuccess = o.on(op, "onCheckSuccess"),
+                                        .onFailure = o.on(op, "onCheckFailure")}));
+    });
+    until(op, options.empty() ? "onCheckFailure" : "onCheckSuccess");
+  }
+  o.call([&] {
+    const char* op = "removeGameList";
+    runtime->removeGameList({"g"},
+                            tavo::removeListener({.onStart = o.on(op, "onRemoveStart"),
+                                                  .onFinish = o.on(op, "onRemoveFinish"),
+                                                  .onSuccess = o.on(op, "onRemoveSuccess"),
+                                                  .onFailure = o.on(op, "onRemoveFailure")}));
+  });
+  until("removeGameList", "onRemoveSuccess");
+
+  // Plug-ins: refused at once, failing later, and one installed by hand.
+  auto plugins = runtime->getManager("plugin_manager", ZMValue::object());
+  plugins->setPluginServiceHosts({});
+  const ZMValue info = {{"provider", "p"}, {"version", "1.0"}};
+  const auto check = [&](const ZMValue& info) {
+    const char* op = "checkPluginVersion";
+    o.call([&] {
+      plugins->checkPluginVersion(
+          info, tavo::pluginCheckListener({.onStart = o.on(op, "onCheckPluginVersionStart"),
+                                           .onSuccess = o.on(op, "onCheckPluginSuccess"),
+                                           .onFailure = o.on(op, "onCheckPluginFailure")}));
+    });
+  };
+  for (const ZMValue& each : {ZMValue::object(), info}) {
+    check(each);
+    const char* op = "installPlugin";
+    o.call([&] {
+      plugins->installPlugin(
+          each, tavo::pluginInstallListener({.onStart = o.on(op, "onPluginInstallStart"),
+                                             .onProgress = o.on(op, "onPluginDownloadProgress"),
+                                             .onRetry = o.on(op, "onPluginDownloadRetry"),
+                                             .onSuccess = o.on(op, "onPluginInstallSuccess"),
+                                             .onFailure = o.on(op, "onPluginInstallFailure")}));
+    });
+  }
+  DrainMainQueue();
+  WriteFile(t.plugin() + "/p_1.0/main.js", "x");
+  WriteFile(t.plugin() + "/p_1.0.detail.json", R"({"hash":"h"})");
+  check(info);
+  until("checkPluginVersion", "onCheckPluginSuccess");
+  o.call([&] {
+    plugins->listPlugin(tavo::listListener({.onSuccess = o.on("listPlugin", "onListGameSuccess"),
+                                            .onFailure = o.on("listPlugin", "onListGameFailure")}));
+    const char* op = "removePluginList";
+    plugins->removePluginList(
+        ZMValue::array({info}),
+        tavo::pluginRemoveListener({.onStart = o.on(op, "onPluginRemoveStart"),
+                                    .onFinish = o.on(op, "onPluginRemoveFinish"),
+                                    .onSuccess = o.on(op, "onPluginRemoveSuccess"),
+                                    .onFailure = o.on(op, "onPluginRemoveFailure")}));
+  });
+  until("listPlugin", "onListGameSuccess");
+  until("removePluginList", "onPluginRemoveSuccess");
+  DrainMainQueue();
+
+  std::set<std::string> operations, exercised;
+  for (const auto& [key, threads] : table) operations.insert(key.first);
+  for (const auto& [key, thread] : o.all()) {
+    exercised.insert(key.first);
+    const auto row = table.find(key);
+    ASSERT_NE(row, table.end()) << key.first << " " << key.second << " is not in the table";
+    EXPECT_TRUE(row->second.count(thread))
+        << key.first << " " << key.second << " came on the " << thread << " thread";
+  }
+  operations.erase("removeGameAll");  // removeGameList's run
+  EXPECT_EQ(exercised, operations);
+}
+
+}  // namespace
