@@ -21,9 +21,9 @@ class ZMPluginUnzipPackageTask;
 // host's installPlugin: it asks the service hosts, in order, where the package is (the next host
 // only when a query fails), downloads the package into the package cache with its MD5 checked,
 // unpacks it into a staged directory that then replaces the plug-in's directory whole, and
-// records the package hash under "hash" in the plug-in's config file (other keys kept). Every host callback carries the host's plug-in
-// info first. A package that unpacks but cannot be deleted is reported as a failure and then,
-// as the config is still written, as a success.
+// records the package hash under "hash" in the plug-in's config file (other keys kept). Every host
+// callback carries the host's plug-in info first. A package that unpacks but cannot be deleted is
+// reported as a failure and then, as the config is still written, as a success.
 //
 // Ownership: the plug-in manager creates it (std::make_shared), keeps it and replaces or cancels
 // it; one object per install. It owns the current query, download and unpack, each of which
