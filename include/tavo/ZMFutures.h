@@ -34,6 +34,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -57,6 +58,24 @@ class Settlement : public std::enable_shared_from_this<Settlement<T>> {
   std::future<T> future() { return promise_.get_future(); }
   void succeed(Value value = {}) { end(std::move(value)); }
   void fail(const ZMError& error) { end(error); }
+  // The one failure without an error: an install with no service host to ask.
+  void fail(const std::optional<ZMError>& error) {
+    fail(error.value_or(ZMError("no plugin service host", 0)));
+  }
+
+  // Listener callbacks that end the operation: with no value (whatever the callback passes),
+  // with the callback's one argument as the value, or with its last argument as the error.
+  auto succeeded() {
+    return [self = this->shared_from_this()](const auto&...) { self->succeed(); };
+  }
+  auto succeededWith() {
+    return [self = this->shared_from_this()](const Value& value) { self->succeed(value); };
+  }
+  auto failed() {
+    return [self = this->shared_from_this()](const auto&... args) {
+      self->fail(std::get<sizeof...(args) - 1>(std::forward_as_tuple(args...)));
+    };
+  }
 
  private:
   void end(std::variant<Value, ZMError> outcome) {
@@ -83,14 +102,19 @@ class Settlement : public std::enable_shared_from_this<Settlement<T>> {
   bool posted_ = false;
 };
 
-// Runs `start` on the main thread: now when called there, else in a block posted to the queue.
-template <typename Start>
-void startOnMainQueue(Start start) {
+// Starts an operation on the main thread (now when called there, else in a block posted to the
+// queue) by calling `start` with the settlement its listener ends; returns its future.
+template <typename T, typename Start>
+std::future<T> settle(Start start) {
+  auto settlement = std::make_shared<Settlement<T>>();
+  auto future = settlement->future();
+  auto run = [settlement, start = std::move(start)] { start(*settlement); };
   if (ZMMainQueue::isMainThread()) {
-    start();
+    run();
   } else {
-    ZMMainQueue::post(std::move(start));
+    ZMMainQueue::post(std::move(run));
   }
+  return future;
 }
 
 }  // namespace detail
@@ -99,201 +123,127 @@ void startOnMainQueue(Start start) {
 /// checkGameVersion: ready when that version is installed; throws its ZMError otherwise.
 inline std::future<void> checkGameVersion(std::shared_ptr<ZMZimoGameRuntime> runtime,
                                           ZMValue options) {
-  auto s = std::make_shared<detail::Settlement<void>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, runtime = std::move(runtime), options = std::move(options)] {
-    runtime->checkGameVersion(options, checkVersionListener({
-                                           .onSuccess = [s] { s->succeed(); },
-                                           .onFailure = [s](const ZMError& e) { s->fail(e); },
-                                       }));
+  return detail::settle<void>([runtime, options](auto& s) {
+    runtime->checkGameVersion(
+        options, checkVersionListener({.onSuccess = s.succeeded(), .onFailure = s.failed()}));
   });
-  return future;
 }
 
 /// downloadGamePackage: the path of the verified package file.
 inline std::future<std::string> downloadGamePackage(std::shared_ptr<ZMZimoGameRuntime> runtime,
                                                     ZMValue options) {
-  auto s = std::make_shared<detail::Settlement<std::string>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, runtime = std::move(runtime), options = std::move(options)] {
+  return detail::settle<std::string>([runtime, options](auto& s) {
     runtime->downloadGamePackage(
-        options, downloadListener({
-                     .onSuccess = [s](const std::string& path) { s->succeed(path); },
-                     .onFailure = [s](const ZMError& e) { s->fail(e); },
-                 }));
+        options, downloadListener({.onSuccess = s.succeededWith(), .onFailure = s.failed()}));
   });
-  return future;
 }
 
 /// installGamePackage: ready when the package is installed.
 inline std::future<void> installGamePackage(std::shared_ptr<ZMZimoGameRuntime> runtime,
                                             ZMValue options) {
-  auto s = std::make_shared<detail::Settlement<void>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, runtime = std::move(runtime), options = std::move(options)] {
-    runtime->installGamePackage(options, installListener({
-                                             .onSuccess = [s] { s->succeed(); },
-                                             .onFailure = [s](const ZMError& e) { s->fail(e); },
-                                         }));
+  return detail::settle<void>([runtime, options](auto& s) {
+    runtime->installGamePackage(
+        options, installListener({.onSuccess = s.succeeded(), .onFailure = s.failed()}));
   });
-  return future;
 }
 
 /// runGame: ready when the game runs. `viewController` is held weakly, as runGame holds it.
 inline std::future<void> runGame(std::shared_ptr<ZMZimoGameRuntime> runtime,
                                  std::shared_ptr<void> viewController, std::string appId,
                                  ZMValue options) {
-  auto s = std::make_shared<detail::Settlement<void>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, runtime = std::move(runtime),
-                            view = std::weak_ptr<void>(viewController), appId = std::move(appId),
-                            options = std::move(options)] {
-    runtime->runGame(view.lock(), appId, options,
-                     runListener({
-                         .onSuccess = [s] { s->succeed(); },
-                         .onFailure = [s](const ZMError& e) { s->fail(e); },
-                     }));
-  });
-  return future;
+  return detail::settle<void>(
+      [runtime, view = std::weak_ptr<void>(viewController), appId, options](auto& s) {
+        runtime->runGame(view.lock(), appId, options,
+                         runListener({.onSuccess = s.succeeded(), .onFailure = s.failed()}));
+      });
 }
 
 /// exitGame: ready when the game has ended.
 inline std::future<void> exitGame(std::shared_ptr<ZMZimoGameRuntime> runtime, std::string appId) {
-  auto s = std::make_shared<detail::Settlement<void>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, runtime = std::move(runtime), appId = std::move(appId)] {
-    runtime->exitGame(appId, exitListener({
-                                 .onSuccess = [s] { s->succeed(); },
-                                 .onFailure = [s](const ZMError& e) { s->fail(e); },
-                             }));
+  return detail::settle<void>([runtime, appId](auto& s) {
+    runtime->exitGame(appId, exitListener({.onSuccess = s.succeeded(), .onFailure = s.failed()}));
   });
-  return future;
 }
 
 /// listGame: the array of installed-game items.
 inline std::future<ZMValue> listGame(std::shared_ptr<ZMZimoGameRuntime> runtime) {
-  auto s = std::make_shared<detail::Settlement<ZMValue>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, runtime = std::move(runtime)] {
-    runtime->listGame(listListener({
-        .onSuccess = [s](const ZMValue& items) { s->succeed(items); },
-        .onFailure = [s](const ZMError& e) { s->fail(e); },
-    }));
+  return detail::settle<ZMValue>([runtime](auto& s) {
+    runtime->listGame(listListener({.onSuccess = s.succeededWith(), .onFailure = s.failed()}));
   });
-  return future;
 }
 
 /// setGameData: ready when the record is stored.
 inline std::future<void> setGameData(std::shared_ptr<ZMZimoGameRuntime> runtime, std::string appId,
                                      ZMValue info) {
-  auto s = std::make_shared<detail::Settlement<void>>();
-  auto future = s->future();
-  detail::startOnMainQueue(
-      [s, runtime = std::move(runtime), appId = std::move(appId), info = std::move(info)] {
-        runtime->setGameData(appId, info,
-                             gameDataListener({
-                                 .onSuccess = [s] { s->succeed(); },
-                                 .onFailure = [s](const ZMError& e) { s->fail(e); },
-                             }));
-      });
-  return future;
+  return detail::settle<void>([runtime, appId, info](auto& s) {
+    runtime->setGameData(appId, info,
+                         gameDataListener({.onSuccess = s.succeeded(), .onFailure = s.failed()}));
+  });
 }
 
 /// removeGameList: the removed app ids; ready at once, empty, for an empty list. A failure
 /// throws its ZMError even though onRemoveSuccess follows it.
 inline std::future<std::vector<std::string>> removeGameList(
     std::shared_ptr<ZMZimoGameRuntime> runtime, std::vector<std::string> appIds) {
-  auto s = std::make_shared<detail::Settlement<std::vector<std::string>>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, runtime = std::move(runtime), appIds = std::move(appIds)] {
-    if (appIds.empty()) return s->succeed({});
+  return detail::settle<std::vector<std::string>>([runtime, appIds](auto& s) {
+    if (appIds.empty()) return s.succeed({});
     auto failure = std::make_shared<std::optional<ZMError>>();
+    auto fail = s.failed();
+    auto succeed = s.succeededWith();
     runtime->removeGameList(
         appIds, removeListener({
                     .onSuccess =
-                        [s, failure](const std::optional<std::vector<std::string>>& removed) {
-                          *failure ? s->fail(**failure)
-                                   : s->succeed(removed.value_or(std::vector<std::string>{}));
+                        [=](const std::optional<std::vector<std::string>>& removed) {
+                          *failure ? fail(**failure)
+                                   : succeed(removed.value_or(std::vector<std::string>{}));
                         },
                     .onFailure = [failure](const ZMError& e) { *failure = e; },
                 }));
   });
-  return future;
 }
 
 /// checkFileAvailability (the package-cache sweep): ready when the sweep has ended.
 inline std::future<void> checkFileAvailability(std::shared_ptr<ZMZimoGameRuntime> runtime,
                                                ZMValue options) {
-  auto s = std::make_shared<detail::Settlement<void>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, runtime = std::move(runtime), options = std::move(options)] {
-    runtime->checkFileAvailability(options, sweepListener({
-                                                .onSuccess = [s] { s->succeed(); },
-                                                .onFailure = [s](const ZMError& e) { s->fail(e); },
-                                            }));
+  return detail::settle<void>([runtime, options](auto& s) {
+    runtime->checkFileAvailability(
+        options, sweepListener({.onSuccess = s.succeeded(), .onFailure = s.failed()}));
   });
-  return future;
 }
 
 /// checkPluginVersion: ready when that plug-in version is installed.
 inline std::future<void> checkPluginVersion(std::shared_ptr<ZMZimoGamePluginManager> manager,
                                             ZMValue info) {
-  auto s = std::make_shared<detail::Settlement<void>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, manager = std::move(manager), info = std::move(info)] {
+  return detail::settle<void>([manager, info](auto& s) {
     manager->checkPluginVersion(
-        info, pluginCheckListener({
-                  .onSuccess = [s](const ZMValue&) { s->succeed(); },
-                  .onFailure = [s](const ZMValue&, const ZMError& e) { s->fail(e); },
-              }));
+        info, pluginCheckListener({.onSuccess = s.succeeded(), .onFailure = s.failed()}));
   });
-  return future;
 }
 
 /// installPlugin: ready when the plug-in is installed. With no service host to ask (the one
 /// failure without an error) it throws ZMError "no plugin service host", code 0.
 inline std::future<void> installPlugin(std::shared_ptr<ZMZimoGamePluginManager> manager,
                                        ZMValue info) {
-  auto s = std::make_shared<detail::Settlement<void>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, manager = std::move(manager), info = std::move(info)] {
-    manager->installPlugin(info,
-                           pluginInstallListener({
-                               .onSuccess = [s](const ZMValue&) { s->succeed(); },
-                               .onFailure =
-                                   [s](const ZMValue&, const std::optional<ZMError>& e) {
-                                     s->fail(e.value_or(ZMError("no plugin service host", 0)));
-                                   },
-                           }));
+  return detail::settle<void>([manager, info](auto& s) {
+    manager->installPlugin(
+        info, pluginInstallListener({.onSuccess = s.succeeded(), .onFailure = s.failed()}));
   });
-  return future;
 }
 
 /// listPlugin: the array of installed plug-ins ({"provider", "version", "path"} objects).
 inline std::future<ZMValue> listPlugin(std::shared_ptr<ZMZimoGamePluginManager> manager) {
-  auto s = std::make_shared<detail::Settlement<ZMValue>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, manager = std::move(manager)] {
-    manager->listPlugin(listListener({
-        .onSuccess = [s](const ZMValue& items) { s->succeed(items); },
-        .onFailure = [s](const ZMError& e) { s->fail(e); },
-    }));
+  return detail::settle<ZMValue>([manager](auto& s) {
+    manager->listPlugin(listListener({.onSuccess = s.succeededWith(), .onFailure = s.failed()}));
   });
-  return future;
 }
 
 /// removePluginList: the array of removed plug-in infos.
 inline std::future<ZMValue> removePluginList(std::shared_ptr<ZMZimoGamePluginManager> manager,
                                              ZMValue list) {
-  auto s = std::make_shared<detail::Settlement<ZMValue>>();
-  auto future = s->future();
-  detail::startOnMainQueue([s, manager = std::move(manager), list = std::move(list)] {
-    manager->removePluginList(list, pluginRemoveListener({
-                                        .onSuccess = [s](const ZMValue& r) { s->succeed(r); },
-                                        .onFailure = [s](const ZMError& e) { s->fail(e); },
-                                    }));
+  return detail::settle<ZMValue>([manager, list](auto& s) {
+    manager->removePluginList(
+        list, pluginRemoveListener({.onSuccess = s.succeededWith(), .onFailure = s.failed()}));
   });
-  return future;
 }
 
 }  // namespace tavo

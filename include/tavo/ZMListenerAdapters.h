@@ -44,8 +44,8 @@
 /// libtavo's convenience layer for C++ hosts: listener adapters and future helpers.
 namespace tavo {
 
-template <typename Adapter, typename Callbacks>
-std::shared_ptr<Adapter> makeSelfOwned(Callbacks callbacks);
+template <typename Listener, typename Callbacks>
+std::shared_ptr<Listener> makeSelfOwned(Callbacks callbacks);
 
 /// The part every adapter shares: the hold it keeps on itself until its final callback.
 class SelfOwned {
@@ -61,8 +61,8 @@ class SelfOwned {
   }
 
  protected:
-  template <typename Adapter, typename Callbacks>
-  friend std::shared_ptr<Adapter> makeSelfOwned(Callbacks callbacks);
+  template <typename Listener, typename Callbacks>
+  friend std::shared_ptr<Listener> makeSelfOwned(Callbacks callbacks);
   /// Called by makeSelfOwned(): the adapter keeps `self` until its final callback.
   void keep(std::shared_ptr<void> self) {
     std::lock_guard lock(mutex_);
@@ -88,10 +88,28 @@ class SelfOwned {
   std::shared_ptr<void> self_;
 };
 
-/// Makes an adapter of type `Adapter` from its callbacks, holding itself until its final callback.
-template <typename Adapter, typename Callbacks>
-std::shared_ptr<Adapter> makeSelfOwned(Callbacks callbacks) {
-  auto adapter = std::make_shared<Adapter>(std::move(callbacks));
+/// The base of each adapter: its callbacks, and its hold on itself.
+template <typename Callbacks>
+class Adapter : public SelfOwned {
+ public:
+  /// Relays to `callbacks`.
+  explicit Adapter(Callbacks callbacks) : callbacks_(std::move(callbacks)) {}
+
+ protected:
+  /// Relays a final callback, then lets the adapter go (see SelfOwned::finish).
+  template <typename Callback, typename... Args>
+  void relayFinal(const Callback& callback, Args&&... args) {
+    relay(callback, std::forward<Args>(args)...);
+    finish();
+  }
+  Callbacks callbacks_;  ///< what the host set
+};
+
+/// Makes an adapter of type `Listener` from its callbacks, holding itself until its final
+/// callback.
+template <typename Listener, typename Callbacks>
+std::shared_ptr<Listener> makeSelfOwned(Callbacks callbacks) {
+  auto adapter = std::make_shared<Listener>(std::move(callbacks));
   adapter->keep(adapter);
   return adapter;
 }
@@ -129,24 +147,14 @@ struct RunCallbacks {
   std::function<void(const ZMError& error)> onFailure{};                       ///< final
 };
 /// ZMGameRunListener over RunCallbacks; made by runListener().
-class RunListener : public ZMGameRunListener, public SelfOwned {
+class RunListener : public ZMGameRunListener, public Adapter<RunCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit RunListener(RunCallbacks callbacks) : callbacks_(std::move(callbacks)) {}
+  using Adapter::Adapter;
   void onGameHandleCreate(std::shared_ptr<ZMGameHandle> handle) override {
     relay(callbacks_.onHandleCreate, std::move(handle));
   }
-  void onRunSuccess() override {
-    relay(callbacks_.onSuccess);
-    finish();
-  }
-  void onRunFailure(const ZMError& error) override {
-    relay(callbacks_.onFailure, error);
-    finish();
-  }
-
- private:
-  RunCallbacks callbacks_;
+  void onRunSuccess() override { relayFinal(callbacks_.onSuccess); }
+  void onRunFailure(const ZMError& error) override { relayFinal(callbacks_.onFailure, error); }
 };
 /// A launch listener that keeps itself until onRunSuccess or onRunFailure.
 inline std::shared_ptr<RunListener> runListener(RunCallbacks callbacks) {
@@ -159,21 +167,11 @@ struct ExitCallbacks {
   std::function<void(const ZMError& error)> onFailure{};  ///< final
 };
 /// ZMGameExitListener over ExitCallbacks; made by exitListener().
-class ExitListener : public ZMGameExitListener, public SelfOwned {
+class ExitListener : public ZMGameExitListener, public Adapter<ExitCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit ExitListener(ExitCallbacks callbacks) : callbacks_(std::move(callbacks)) {}
-  void onGameExitSuccess() override {
-    relay(callbacks_.onSuccess);
-    finish();
-  }
-  void onGameExitFailure(const ZMError& error) override {
-    relay(callbacks_.onFailure, error);
-    finish();
-  }
-
- private:
-  ExitCallbacks callbacks_;
+  using Adapter::Adapter;
+  void onGameExitSuccess() override { relayFinal(callbacks_.onSuccess); }
+  void onGameExitFailure(const ZMError& error) override { relayFinal(callbacks_.onFailure, error); }
 };
 /// An exit listener that keeps itself until onGameExitSuccess or onGameExitFailure.
 inline std::shared_ptr<ExitListener> exitListener(ExitCallbacks callbacks) {
@@ -183,16 +181,12 @@ inline std::shared_ptr<ExitListener> exitListener(ExitCallbacks callbacks) {
 /// The callback of queryExitListener(): the running game `appId` asks to quit.
 using QueryExitCallback = std::function<void(const std::string& appId, const ZMValue& result)>;
 /// ZMGameQueryExitListener over a QueryExitCallback; made by queryExitListener().
-class QueryExitListener : public ZMGameQueryExitListener, public SelfOwned {
+class QueryExitListener : public ZMGameQueryExitListener, public Adapter<QueryExitCallback> {
  public:
-  /// Relays to `callback`.
-  explicit QueryExitListener(QueryExitCallback callback) : callback_(std::move(callback)) {}
+  using Adapter::Adapter;
   void onQueryExit(const std::string& appId, const ZMValue& result) override {
-    relay(callback_, appId, result);
+    relay(callbacks_, appId, result);
   }
-
- private:
-  QueryExitCallback callback_;
 };
 /// A query-exit listener for setGameQueryExitListener. It has no final callback: it keeps itself
 /// until release(), which a host calls on the one it replaces.
@@ -207,23 +201,15 @@ struct CheckVersionCallbacks {
   std::function<void(const ZMError& error)> onFailure{};  ///< final
 };
 /// ZMPackageCheckVersionListener over CheckVersionCallbacks; made by checkVersionListener().
-class CheckVersionListener : public ZMPackageCheckVersionListener, public SelfOwned {
+class CheckVersionListener : public ZMPackageCheckVersionListener,
+                             public Adapter<CheckVersionCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit CheckVersionListener(CheckVersionCallbacks callbacks)
-      : callbacks_(std::move(callbacks)) {}
+  using Adapter::Adapter;
   void onCheckVersionStart(const ZMValue& options) override { relay(callbacks_.onStart, options); }
-  void onCheckVersionSuccess() override {
-    relay(callbacks_.onSuccess);
-    finish();
-  }
+  void onCheckVersionSuccess() override { relayFinal(callbacks_.onSuccess); }
   void onCheckVersionFailure(const ZMError& error) override {
-    relay(callbacks_.onFailure, error);
-    finish();
+    relayFinal(callbacks_.onFailure, error);
   }
-
- private:
-  CheckVersionCallbacks callbacks_;
 };
 /// A version-check listener that keeps itself until its success or failure.
 inline std::shared_ptr<CheckVersionListener> checkVersionListener(CheckVersionCallbacks callbacks) {
@@ -239,26 +225,18 @@ struct DownloadCallbacks {
   std::function<void(const ZMError& error)> onFailure{};          ///< final
 };
 /// ZMPackageDownloadListener over DownloadCallbacks; made by downloadListener().
-class DownloadListener : public ZMPackageDownloadListener, public SelfOwned {
+class DownloadListener : public ZMPackageDownloadListener, public Adapter<DownloadCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit DownloadListener(DownloadCallbacks callbacks) : callbacks_(std::move(callbacks)) {}
+  using Adapter::Adapter;
   void onDownloadStart() override { relay(callbacks_.onStart); }
   void onDownloadProgress(int64_t done, int64_t total) override {
     relay(callbacks_.onProgress, done, total);
   }
   void onDownloadRetry(int64_t retry) override { relay(callbacks_.onRetry, retry); }
   void onDownloadSuccess(const std::string& path) override {
-    relay(callbacks_.onSuccess, path);
-    finish();
+    relayFinal(callbacks_.onSuccess, path);
   }
-  void onDownloadFailure(const ZMError& error) override {
-    relay(callbacks_.onFailure, error);
-    finish();
-  }
-
- private:
-  DownloadCallbacks callbacks_;
+  void onDownloadFailure(const ZMError& error) override { relayFinal(callbacks_.onFailure, error); }
 };
 /// A download listener that keeps itself until its success or failure.
 inline std::shared_ptr<DownloadListener> downloadListener(DownloadCallbacks callbacks) {
@@ -272,22 +250,12 @@ struct InstallCallbacks {
   std::function<void(const ZMError& error)> onFailure{};  ///< final
 };
 /// ZMPackageInstallListener over InstallCallbacks; made by installListener().
-class InstallListener : public ZMPackageInstallListener, public SelfOwned {
+class InstallListener : public ZMPackageInstallListener, public Adapter<InstallCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit InstallListener(InstallCallbacks callbacks) : callbacks_(std::move(callbacks)) {}
+  using Adapter::Adapter;
   void onInstallStart() override { relay(callbacks_.onStart); }
-  void onInstallSuccess() override {
-    relay(callbacks_.onSuccess);
-    finish();
-  }
-  void onInstallFailure(const ZMError& error) override {
-    relay(callbacks_.onFailure, error);
-    finish();
-  }
-
- private:
-  InstallCallbacks callbacks_;
+  void onInstallSuccess() override { relayFinal(callbacks_.onSuccess); }
+  void onInstallFailure(const ZMError& error) override { relayFinal(callbacks_.onFailure, error); }
 };
 /// An install listener that keeps itself until its success or failure.
 inline std::shared_ptr<InstallListener> installListener(InstallCallbacks callbacks) {
@@ -310,10 +278,9 @@ struct RemoveCallbacks {
   std::function<void(const ZMError& error)> onFailure{};
 };
 /// ZMGameRemoveListener over RemoveCallbacks; made by removeListener().
-class RemoveListener : public ZMGameRemoveListener, public SelfOwned {
+class RemoveListener : public ZMGameRemoveListener, public Adapter<RemoveCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit RemoveListener(RemoveCallbacks callbacks) : callbacks_(std::move(callbacks)) {}
+  using Adapter::Adapter;
   void onRemoveStart(const std::optional<std::string>& appId,
                      const std::optional<std::string>& extra) override {
     relay(callbacks_.onStart, appId, extra);
@@ -323,13 +290,9 @@ class RemoveListener : public ZMGameRemoveListener, public SelfOwned {
     relay(callbacks_.onFinish, appId, extra);
   }
   void onRemoveSuccess(const std::optional<std::vector<std::string>>& removed) override {
-    relay(callbacks_.onSuccess, removed);
-    finish();
+    relayFinal(callbacks_.onSuccess, removed);
   }
   void onRemoveFailure(const ZMError& error) override { relay(callbacks_.onFailure, error); }
-
- private:
-  RemoveCallbacks callbacks_;
 };
 /// A remove listener that keeps itself until onRemoveSuccess, which also follows a failure. An
 /// empty list (or
@@ -346,25 +309,15 @@ struct SweepCallbacks {
   std::function<void(const ZMError& error)> onFailure{};             ///< final
 };
 /// ZMCheckFileAvailabilityListener over SweepCallbacks; made by sweepListener().
-class SweepListener : public ZMCheckFileAvailabilityListener, public SelfOwned {
+class SweepListener : public ZMCheckFileAvailabilityListener, public Adapter<SweepCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit SweepListener(SweepCallbacks callbacks) : callbacks_(std::move(callbacks)) {}
+  using Adapter::Adapter;
   void onCheckStart() override { relay(callbacks_.onStart); }
   void onCheckProgress(const std::string& deletedPath) override {
     relay(callbacks_.onProgress, deletedPath);
   }
-  void onCheckSuccess() override {
-    relay(callbacks_.onSuccess);
-    finish();
-  }
-  void onCheckFailure(const ZMError& error) override {
-    relay(callbacks_.onFailure, error);
-    finish();
-  }
-
- private:
-  SweepCallbacks callbacks_;
+  void onCheckSuccess() override { relayFinal(callbacks_.onSuccess); }
+  void onCheckFailure(const ZMError& error) override { relayFinal(callbacks_.onFailure, error); }
 };
 /// A cache-sweep listener that keeps itself until its success or failure.
 inline std::shared_ptr<SweepListener> sweepListener(SweepCallbacks callbacks) {
@@ -377,21 +330,11 @@ struct ListCallbacks {
   std::function<void(const ZMError& error)> onFailure{};  ///< final
 };
 /// ZMGameListListener over ListCallbacks; made by listListener().
-class ListListener : public ZMGameListListener, public SelfOwned {
+class ListListener : public ZMGameListListener, public Adapter<ListCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit ListListener(ListCallbacks callbacks) : callbacks_(std::move(callbacks)) {}
-  void onListGameSuccess(const ZMValue& items) override {
-    relay(callbacks_.onSuccess, items);
-    finish();
-  }
-  void onListGameFailure(const ZMError& error) override {
-    relay(callbacks_.onFailure, error);
-    finish();
-  }
-
- private:
-  ListCallbacks callbacks_;
+  using Adapter::Adapter;
+  void onListGameSuccess(const ZMValue& items) override { relayFinal(callbacks_.onSuccess, items); }
+  void onListGameFailure(const ZMError& error) override { relayFinal(callbacks_.onFailure, error); }
 };
 /// A list listener that keeps itself until its success or failure.
 inline std::shared_ptr<ListListener> listListener(ListCallbacks callbacks) {
@@ -404,21 +347,13 @@ struct GameDataCallbacks {
   std::function<void(const ZMError& error)> onFailure{};  ///< final
 };
 /// ZMGameDataListener over GameDataCallbacks; made by gameDataListener().
-class GameDataListener : public ZMGameDataListener, public SelfOwned {
+class GameDataListener : public ZMGameDataListener, public Adapter<GameDataCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit GameDataListener(GameDataCallbacks callbacks) : callbacks_(std::move(callbacks)) {}
-  void onGameDataSetSuccess() override {
-    relay(callbacks_.onSuccess);
-    finish();
-  }
+  using Adapter::Adapter;
+  void onGameDataSetSuccess() override { relayFinal(callbacks_.onSuccess); }
   void onGameDataSetFailure(const ZMError& error) override {
-    relay(callbacks_.onFailure, error);
-    finish();
+    relayFinal(callbacks_.onFailure, error);
   }
-
- private:
-  GameDataCallbacks callbacks_;
 };
 /// A game-data listener that keeps itself until its success or failure.
 inline std::shared_ptr<GameDataListener> gameDataListener(GameDataCallbacks callbacks) {
@@ -433,22 +368,17 @@ struct PluginCheckCallbacks {
   std::function<void(const ZMValue& info, const ZMError& error)> onFailure{};  ///< final
 };
 /// ZMPluginCheckVersionListener over PluginCheckCallbacks; made by pluginCheckListener().
-class PluginCheckListener : public ZMPluginCheckVersionListener, public SelfOwned {
+class PluginCheckListener : public ZMPluginCheckVersionListener,
+                            public Adapter<PluginCheckCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit PluginCheckListener(PluginCheckCallbacks callbacks) : callbacks_(std::move(callbacks)) {}
+  using Adapter::Adapter;
   void onCheckPluginVersionStart(const ZMValue& info) override { relay(callbacks_.onStart, info); }
   void onCheckPluginSuccess(const ZMValue& info) override {
-    relay(callbacks_.onSuccess, info);
-    finish();
+    relayFinal(callbacks_.onSuccess, info);
   }
   void onCheckPluginFailure(const ZMValue& info, const ZMError& error) override {
-    relay(callbacks_.onFailure, info, error);
-    finish();
+    relayFinal(callbacks_.onFailure, info, error);
   }
-
- private:
-  PluginCheckCallbacks callbacks_;
 };
 /// A plug-in check listener that keeps itself until its final callback.
 inline std::shared_ptr<PluginCheckListener> pluginCheckListener(PluginCheckCallbacks callbacks) {
@@ -466,11 +396,10 @@ struct PluginInstallCallbacks {
   std::function<void(const ZMValue& info, const std::optional<ZMError>& error)> onFailure{};
 };
 /// ZMPluginInstallListener over PluginInstallCallbacks; made by pluginInstallListener().
-class PluginInstallListener : public ZMPluginInstallListener, public SelfOwned {
+class PluginInstallListener : public ZMPluginInstallListener,
+                              public Adapter<PluginInstallCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit PluginInstallListener(PluginInstallCallbacks callbacks)
-      : callbacks_(std::move(callbacks)) {}
+  using Adapter::Adapter;
   void onPluginInstallStart(const ZMValue& info) override { relay(callbacks_.onStart, info); }
   void onPluginDownloadProgress(const ZMValue& info, int64_t downloadSize,
                                 int64_t totalSize) override {
@@ -480,16 +409,11 @@ class PluginInstallListener : public ZMPluginInstallListener, public SelfOwned {
     relay(callbacks_.onRetry, info, retryNo);
   }
   void onPluginInstallSuccess(const ZMValue& info) override {
-    relay(callbacks_.onSuccess, info);
-    finish();
+    relayFinal(callbacks_.onSuccess, info);
   }
   void onPluginInstallFailure(const ZMValue& info, const std::optional<ZMError>& error) override {
-    relay(callbacks_.onFailure, info, error);
-    finish();
+    relayFinal(callbacks_.onFailure, info, error);
   }
-
- private:
-  PluginInstallCallbacks callbacks_;
 };
 /// A plug-in install listener that keeps itself until its final callback.
 inline std::shared_ptr<PluginInstallListener> pluginInstallListener(
@@ -505,24 +429,17 @@ struct PluginRemoveCallbacks {
   std::function<void(const ZMError& error)> onFailure{};    ///< final
 };
 /// ZMPluginRemoveListener over PluginRemoveCallbacks; made by pluginRemoveListener().
-class PluginRemoveListener : public ZMPluginRemoveListener, public SelfOwned {
+class PluginRemoveListener : public ZMPluginRemoveListener, public Adapter<PluginRemoveCallbacks> {
  public:
-  /// Relays to `callbacks`.
-  explicit PluginRemoveListener(PluginRemoveCallbacks callbacks)
-      : callbacks_(std::move(callbacks)) {}
+  using Adapter::Adapter;
   void onPluginRemoveStart(const ZMValue& info) override { relay(callbacks_.onStart, info); }
   void onPluginRemoveFinish(const ZMValue& info) override { relay(callbacks_.onFinish, info); }
   void onPluginRemoveSuccess(const ZMValue& removed) override {
-    relay(callbacks_.onSuccess, removed);
-    finish();
+    relayFinal(callbacks_.onSuccess, removed);
   }
   void onPluginRemoveFailure(const ZMError& error) override {
-    relay(callbacks_.onFailure, error);
-    finish();
+    relayFinal(callbacks_.onFailure, error);
   }
-
- private:
-  PluginRemoveCallbacks callbacks_;
 };
 /// A plug-in remove listener that keeps itself until its final callback.
 inline std::shared_ptr<PluginRemoveListener> pluginRemoveListener(PluginRemoveCallbacks callbacks) {

@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 
 #include "merin/MerinGameHandle.h"
@@ -16,6 +15,19 @@ namespace {
 
 using Key = std::pair<std::string, std::string>;  // operation, callback
 
+// The names a table cell quotes: "`a`, `b`" holds a and b.
+std::vector<std::string> Quoted(const std::string& cell) {
+  std::vector<std::string> names;
+  size_t open = cell.find('`');
+  while (open != std::string::npos) {
+    const size_t close = cell.find('`', open + 1);
+    if (close == std::string::npos) break;
+    names.push_back(cell.substr(open + 1, close - open - 1));
+    open = cell.find('`', close + 1);
+  }
+  return names;
+}
+
 // The host guide's callback table: for each operation and callback, the threads it may arrive
 // on ("caller", "main queue", "engine").
 std::map<Key, std::set<std::string>> ReadCallbackTable() {
@@ -25,7 +37,6 @@ std::map<Key, std::set<std::string>> ReadCallbackTable() {
   while (std::getline(guide, line) && !line.starts_with("| Operation | Callbacks | Thread |")) {
   }
   std::getline(guide, line);  // |---|
-  const std::regex name("`(\\w+)`");
   while (std::getline(guide, line) && line.starts_with("|")) {
     std::vector<std::string> cells;
     for (size_t at = 1, next; (next = line.find('|', at)) != std::string::npos; at = next + 1) {
@@ -37,10 +48,8 @@ std::map<Key, std::set<std::string>> ReadCallbackTable() {
       next = where.find(" or ", at);
       threads.insert(where.substr(at, next - at));
     }
-    for (std::sregex_iterator op(cells[0].begin(), cells[0].end(), name), end; op != end; ++op) {
-      for (std::sregex_iterator cb(cells[1].begin(), cells[1].end(), name); cb != end; ++cb) {
-        table[{(*op)[1], (*cb)[1]}] = threads;
-      }
+    for (const auto& op : Quoted(cells[0])) {
+      for (const auto& callback : Quoted(cells.at(1))) table[{op, callback}] = threads;
     }
   }
   return table;
