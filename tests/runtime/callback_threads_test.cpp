@@ -61,9 +61,10 @@ class Observer {
  public:
   std::atomic<bool> inCall{false};
 
-  // A listener callback for std::function of any signature that notes `callback` of `op`.
-  auto on(const char* op, const char* callback) {
-    return [this, op, callback](auto&&...) {
+  // A listener callback for std::function of any signature that notes `callback` of the
+  // operation being called.
+  auto on(const char* callback) {
+    return [this, op = op_, callback](auto&&...) {
       const char* thread = !ZMMainQueue::isMainThread() ? "engine"
                            : inCall                     ? "caller"
                                                         : "main queue";
@@ -71,8 +72,10 @@ class Observer {
       heard_.push_back({{op, callback}, thread});
     };
   }
+  // Calls the operation `op` in `body`.
   template <typename Body>
-  void call(Body body) {
+  void call(const char* op, Body body) {
+    op_ = op;
     inCall = true;
     body();
     inCall = false;
@@ -90,6 +93,7 @@ class Observer {
   }
 
  private:
+  const char* op_ = "";
   mutable std::mutex mutex_;
   std::vector<std::pair<Key, std::string>> heard_;
 };
@@ -103,10 +107,10 @@ TEST(CallbackThreads, EachCallbackArrivesOnTheThreadTheHostGuideNames) {
     EXPECT_TRUE(RunUntil([&] { return o.heard(op, callback); })) << op << " " << callback;
   };
 
-  o.call([&] {
+  o.call("initRuntime", [&] {
     const auto init = [&] {
-      return tavo::initListener({.onSuccess = o.on("initRuntime", "onInitializeSuccess"),
-                                 .onFailure = o.on("initRuntime", "onInitializeFailure")});
+      return tavo::initListener(
+          {.onSuccess = o.on("onInitializeSuccess"), .onFailure = o.on("onInitializeFailure")});
     };
     ZMZimoGame::initRuntime("../u", t.options(), init());
     ZMZimoGame::initRuntime("u1", t.options(), init());
@@ -114,7 +118,8 @@ TEST(CallbackThreads, EachCallbackArrivesOnTheThreadTheHostGuideNames) {
   t.runtime = std::dynamic_pointer_cast<ZMGameRuntime>(ZMZimoGame::getRuntime());
   auto runtime = t.runtime;
 
-  // Packages: download, install, check.
+  // Packages: download (refused, then from a server), install (failing, then from the
+  // download), check.
   const std::string package = t.root() + "/g.zip";
   MakeGamePackage(package, R"({"deviceOrientation":"portrait"})");
   char* hash = FileMD5HashCreateWithPath(package.c_str(), 0);
@@ -124,75 +129,67 @@ TEST(CallbackThreads, EachCallbackArrivesOnTheThreadTheHostGuideNames) {
   server.Get("/g.zip", [&](const auto&, auto& res) { res.set_content(ReadFile(package), "x"); });
   server.start();
   const ZMValue game = {{ZM_KEY_GAME_PACKAGE_APP_ID, "g"}, {ZM_KEY_GAME_PACKAGE_VERSION, "1"}};
-  const auto download = [&](const std::string& appId) {
+  for (const char* appId : {"a/b", "g"}) {
     ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, appId},
                        {ZM_KEY_GAME_PACKAGE_VERSION, "1"},
                        {ZM_KEY_GAME_PACKAGE_URL, server.url("/g.zip")},
                        {ZM_KEY_GAME_PACKAGE_HASH, md5}};
-    const char* op = "downloadGamePackage";
-    o.call([&] {
+    o.call("downloadGamePackage", [&] {
       runtime->downloadGamePackage(
-          options, tavo::downloadListener({.onStart = o.on(op, "onDownloadStart"),
-                                           .onProgress = o.on(op, "onDownloadProgress"),
-                                           .onRetry = o.on(op, "onDownloadRetry"),
-                                           .onSuccess = o.on(op, "onDownloadSuccess"),
-                                           .onFailure = o.on(op, "onDownloadFailure")}));
-    });
-  };
-  download("a/b");
-  download("g");
-  until("downloadGamePackage", "onDownloadSuccess");
-  const auto install = [&](const ZMValue& options) {
-    const char* op = "installGamePackage";
-    o.call([&] {
-      runtime->installGamePackage(
-          options, tavo::installListener({.onStart = o.on(op, "onInstallStart"),
-                                          .onSuccess = o.on(op, "onInstallSuccess"),
-                                          .onFailure = o.on(op, "onInstallFailure")}));
-    });
-  };
-  install(game);
-  until("installGamePackage", "onInstallFailure");
-  ZMValue withPath = game;
-  withPath[ZM_KEY_GAME_PACKAGE_PATH] = runtime->getAppPackageDownloadPath("g", "1");
-  install(withPath);
-  until("installGamePackage", "onInstallSuccess");
-  for (const char* version : {"2", "1"}) {
-    ZMValue options = game;
-    options[ZM_KEY_GAME_PACKAGE_VERSION] = version;
-    const char* op = "checkGameVersion";
-    o.call([&] {
-      runtime->checkGameVersion(
-          options, tavo::checkVersionListener({.onStart = o.on(op, "onCheckVersionStart"),
-                                               .onSuccess = o.on(op, "onCheckVersionSuccess"),
-                                               .onFailure = o.on(op, "onCheckVersionFailure")}));
+          options, tavo::downloadListener({.onStart = o.on("onDownloadStart"),
+                                           .onProgress = o.on("onDownloadProgress"),
+                                           .onRetry = o.on("onDownloadRetry"),
+                                           .onSuccess = o.on("onDownloadSuccess"),
+                                           .onFailure = o.on("onDownloadFailure")}));
     });
   }
-  until("checkGameVersion", "onCheckVersionSuccess");
-
-  // Launch, quit request and exit, with the reference engine and with none.
-  const auto run = [&](const ZMValue& options) {
-    const char* op = "runGame";
-    o.call([&] {
-      runtime->runGame(nullptr, "g", options,
-                       tavo::runListener({.onHandleCreate = o.on(op, "onGameHandleCreate"),
-                                          .onSuccess = o.on(op, "onRunSuccess"),
-                                          .onFailure = o.on(op, "onRunFailure")}));
+  until("downloadGamePackage", "onDownloadSuccess");
+  ZMValue withPath = game;
+  withPath[ZM_KEY_GAME_PACKAGE_PATH] = runtime->getAppPackageDownloadPath("g", "1");
+  for (const ZMValue& options : {game, withPath}) {
+    o.call("installGamePackage", [&] {
+      runtime->installGamePackage(options,
+                                  tavo::installListener({.onStart = o.on("onInstallStart"),
+                                                         .onSuccess = o.on("onInstallSuccess"),
+                                                         .onFailure = o.on("onInstallFailure")}));
     });
-  };
-  run(ZMValue::object());
-  run({{ZM_KEY_RUN_OPT_VERSION, "1"}});
+    until("installGamePackage",
+          options.contains(ZM_KEY_GAME_PACKAGE_PATH) ? "onInstallSuccess" : "onInstallFailure");
+  }
+  for (const char* version : {"2", "1"}) {  // a newer check would silence an earlier one
+    ZMValue options = game;
+    options[ZM_KEY_GAME_PACKAGE_VERSION] = version;
+    o.call("checkGameVersion", [&] {
+      runtime->checkGameVersion(
+          options, tavo::checkVersionListener({.onStart = o.on("onCheckVersionStart"),
+                                               .onSuccess = o.on("onCheckVersionSuccess"),
+                                               .onFailure = o.on("onCheckVersionFailure")}));
+    });
+    until("checkGameVersion", *version == '2' ? "onCheckVersionFailure" : "onCheckVersionSuccess");
+  }
+
+  // Launch (refused, then run), quit request, and exit with the reference engine and with none.
+  for (const ZMValue& options : {ZMValue::object(), ZMValue{{ZM_KEY_RUN_OPT_VERSION, "1"}}}) {
+    o.call("runGame", [&] {
+      runtime->runGame(nullptr, "g", options,
+                       tavo::runListener({.onHandleCreate = o.on("onGameHandleCreate"),
+                                          .onSuccess = o.on("onRunSuccess"),
+                                          .onFailure = o.on("onRunFailure")}));
+    });
+  }
   until("runGame", "onRunSuccess");
-  auto query = tavo::queryExitListener(o.on("setGameQueryExitListener", "onQueryExit"));
-  o.call([&] { runtime->setGameQueryExitListener(query); });
+  std::shared_ptr<tavo::QueryExitListener> query;
+  o.call("setGameQueryExitListener", [&] {
+    query = tavo::queryExitListener(o.on("onQueryExit"));
+    runtime->setGameQueryExitListener(query);
+  });
   std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance())->requestQuit(1);
   until("setGameQueryExitListener", "onQueryExit");
   query->release();
   const auto exit = [&] {
-    const char* op = "exitGame";
-    o.call([&] {
-      runtime->exitGame("g", tavo::exitListener({.onSuccess = o.on(op, "onGameExitSuccess"),
-                                                 .onFailure = o.on(op, "onGameExitFailure")}));
+    o.call("exitGame", [&] {
+      runtime->exitGame("g", tavo::exitListener({.onSuccess = o.on("onGameExitSuccess"),
+                                                 .onFailure = o.on("onGameExitFailure")}));
     });
   };
   exit();
@@ -200,67 +197,63 @@ TEST(CallbackThreads, EachCallbackArrivesOnTheThreadTheHostGuideNames) {
   exit();  // the engine answers that no game runs
   EXPECT_TRUE(RunUntil([&] { return o.count("exitGame", "onGameExitFailure") == 1; }));
   auto engine = ZMGameHandle::getInstance();
-  ZMGameHandle::setInstance(nullptr);
+  ZMGameHandle::setInstance(nullptr);  // without an engine, exitGame refuses at once
   exit();
   ZMGameHandle::setInstance(engine);
 
   // Records and the cache sweep.
-  o.call([&] {
-    const char* op = "setGameData";
+  o.call("setGameData", [&] {
     runtime->setGameData("g", {{"extend", "x"}},
-                         tavo::gameDataListener({.onSuccess = o.on(op, "onGameDataSetSuccess"),
-                                                 .onFailure = o.on(op, "onGameDataSetFailure")}));
-    runtime->listGame(tavo::listListener({.onSuccess = o.on("listGame", "onListGameSuccess"),
-                                          .onFailure = o.on("listGame", "onListGameFailure")}));
+                         tavo::gameDataListener({.onSuccess = o.on("onGameDataSetSuccess"),
+                                                 .onFailure = o.on("onGameDataSetFailure")}));
+  });
+  o.call("listGame", [&] {
+    runtime->listGame(tavo::listListener(
+        {.onSuccess = o.on("onListGameSuccess"), .onFailure = o.on("onListGameFailure")}));
   });
   WriteFile(t.cache() + "/old.zgp", "x");
   SetAgeSeconds(t.cache() + "/old.zgp", 3600);
   for (const ZMValue& options :
        {ZMValue::object(), ZMValue{{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
                                    {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}}}) {
-    const char* op = "checkFileAvailability";
-    o.call([&] {
-      runtime->checkFileAvailability(
-          options, tavo::sweepListener({.onStart = o.on(op, "onCheckStart"),
-                                        .onProgress = o.on(op, "onCheckProgress"),
-                                        .onSuccess = o.on(op, "onCheckSuccess"),
-                                        .onFailure = o.on(op, "onCheckFailure")}));
+    o.call("checkFileAvailability", [&] {
+      runtime->checkFileAvailability(options,
+                                     tavo::sweepListener({.onStart = o.on("onCheckStart"),
+                                                          .onProgress = o.on("onCheckProgress"),
+                                                          .onSuccess = o.on("onCheckSuccess"),
+                                                          .onFailure = o.on("onCheckFailure")}));
     });
-    until(op, options.empty() ? "onCheckFailure" : "onCheckSuccess");
+    until("checkFileAvailability", options.empty() ? "onCheckFailure" : "onCheckSuccess");
   }
-  o.call([&] {
-    const char* op = "removeGameList";
-    runtime->removeGameList({"g"},
-                            tavo::removeListener({.onStart = o.on(op, "onRemoveStart"),
-                                                  .onFinish = o.on(op, "onRemoveFinish"),
-                                                  .onSuccess = o.on(op, "onRemoveSuccess"),
-                                                  .onFailure = o.on(op, "onRemoveFailure")}));
+  o.call("removeGameList", [&] {
+    runtime->removeGameList({"g"}, tavo::removeListener({.onStart = o.on("onRemoveStart"),
+                                                         .onFinish = o.on("onRemoveFinish"),
+                                                         .onSuccess = o.on("onRemoveSuccess"),
+                                                         .onFailure = o.on("onRemoveFailure")}));
   });
   until("removeGameList", "onRemoveSuccess");
 
-  // Plug-ins: refused at once, failing later, and one installed by hand.
+  // Plug-ins: refused at once, failing later (no service host), and one installed by hand.
   auto plugins = runtime->getManager("plugin_manager", ZMValue::object());
   plugins->setPluginServiceHosts({});
   const ZMValue info = {{"provider", "p"}, {"version", "1.0"}};
   const auto check = [&](const ZMValue& info) {
-    const char* op = "checkPluginVersion";
-    o.call([&] {
+    o.call("checkPluginVersion", [&] {
       plugins->checkPluginVersion(
-          info, tavo::pluginCheckListener({.onStart = o.on(op, "onCheckPluginVersionStart"),
-                                           .onSuccess = o.on(op, "onCheckPluginSuccess"),
-                                           .onFailure = o.on(op, "onCheckPluginFailure")}));
+          info, tavo::pluginCheckListener({.onStart = o.on("onCheckPluginVersionStart"),
+                                           .onSuccess = o.on("onCheckPluginSuccess"),
+                                           .onFailure = o.on("onCheckPluginFailure")}));
     });
   };
   for (const ZMValue& each : {ZMValue::object(), info}) {
     check(each);
-    const char* op = "installPlugin";
-    o.call([&] {
+    o.call("installPlugin", [&] {
       plugins->installPlugin(
-          each, tavo::pluginInstallListener({.onStart = o.on(op, "onPluginInstallStart"),
-                                             .onProgress = o.on(op, "onPluginDownloadProgress"),
-                                             .onRetry = o.on(op, "onPluginDownloadRetry"),
-                                             .onSuccess = o.on(op, "onPluginInstallSuccess"),
-                                             .onFailure = o.on(op, "onPluginInstallFailure")}));
+          each, tavo::pluginInstallListener({.onStart = o.on("onPluginInstallStart"),
+                                             .onProgress = o.on("onPluginDownloadProgress"),
+                                             .onRetry = o.on("onPluginDownloadRetry"),
+                                             .onSuccess = o.on("onPluginInstallSuccess"),
+                                             .onFailure = o.on("onPluginInstallFailure")}));
     });
   }
   DrainMainQueue();
@@ -268,16 +261,17 @@ TEST(CallbackThreads, EachCallbackArrivesOnTheThreadTheHostGuideNames) {
   WriteFile(t.plugin() + "/p_1.0.detail.json", R"({"hash":"h"})");
   check(info);
   until("checkPluginVersion", "onCheckPluginSuccess");
-  o.call([&] {
-    plugins->listPlugin(tavo::listListener({.onSuccess = o.on("listPlugin", "onListGameSuccess"),
-                                            .onFailure = o.on("listPlugin", "onListGameFailure")}));
-    const char* op = "removePluginList";
+  o.call("listPlugin", [&] {
+    plugins->listPlugin(tavo::listListener(
+        {.onSuccess = o.on("onListGameSuccess"), .onFailure = o.on("onListGameFailure")}));
+  });
+  o.call("removePluginList", [&] {
     plugins->removePluginList(
         ZMValue::array({info}),
-        tavo::pluginRemoveListener({.onStart = o.on(op, "onPluginRemoveStart"),
-                                    .onFinish = o.on(op, "onPluginRemoveFinish"),
-                                    .onSuccess = o.on(op, "onPluginRemoveSuccess"),
-                                    .onFailure = o.on(op, "onPluginRemoveFailure")}));
+        tavo::pluginRemoveListener({.onStart = o.on("onPluginRemoveStart"),
+                                    .onFinish = o.on("onPluginRemoveFinish"),
+                                    .onSuccess = o.on("onPluginRemoveSuccess"),
+                                    .onFailure = o.on("onPluginRemoveFailure")}));
   });
   until("listPlugin", "onListGameSuccess");
   until("removePluginList", "onPluginRemoveSuccess");

@@ -16,152 +16,127 @@ using Heard = std::vector<std::string>;
 const ZMValue kInfo = {{"provider", "p"}, {"version", "1.0"}};
 const ZMError kError("boom", 7);
 
-// Calls every callback of each interface through the interface, as libtavo would.
+std::string Show(const std::optional<ZMError>& error) { return error ? Describe(*error) : "null"; }
+template <typename T>
+std::string Show(const std::shared_ptr<T>& pointer) {
+  return pointer ? "ptr" : "nullptr";
+}
+template <typename T>
+std::string Show(const T& value) {
+  return Describe(value);
+}
+
+// Calls every callback of each interface through the interface, as libtavo would, and notes
+// what reached the adapter's lambdas: "name:arg|arg".
 TEST(ListenerAdapters, EachAdapterRelaysEveryCallbackOfItsInterface) {
-  struct Case {
-    const char* name;
-    std::function<void(Heard&)> drive;
-    Heard expected;
+  Heard h;
+  const auto n = [&h](const char* name) {
+    return [&h, name](const auto&... args) {
+      std::string heard = name;
+      ((heard += (heard == name ? ":" : "|") + Show(args)), ...);
+      h.push_back(heard);
+    };
   };
-  const auto e = [](const ZMError& error) { return Describe(error); };
-  const std::vector<Case> cases = {
-      {"init",
-       [&](Heard& h) {
-         auto a =
-             tavo::initListener({.onSuccess = [&](auto r) { h.push_back(r ? "ok:r" : "ok"); },
-                                 .onFailure = [&](auto& x) { h.push_back("no:" + x.name()); }});
-         a->onInitializeSuccess(nullptr), a->onInitializeFailure(ZMException("init fail", "x"));
-       },
-       {"ok", "no:init fail"}},
-      {"run",
-       [&](Heard& h) {
-         auto a = tavo::runListener({.onHandleCreate = [&](auto) { h.push_back("handle"); },
-                                     .onSuccess = [&] { h.push_back("ok"); },
-                                     .onFailure = [&](auto& x) { h.push_back("no:" + e(x)); }});
-         a->onGameHandleCreate(nullptr), a->onRunSuccess(), a->onRunFailure(kError);
-       },
-       {"handle", "ok", "no:boom|7"}},
-      {"exit",
-       [&](Heard& h) {
-         auto a = tavo::exitListener({.onSuccess = [&] { h.push_back("ok"); },
-                                      .onFailure = [&](auto& x) { h.push_back("no:" + e(x)); }});
-         a->onGameExitSuccess(), a->onGameExitFailure(kError);
-       },
-       {"ok", "no:boom|7"}},
-      {"query exit",
-       [&](Heard& h) {
-         auto a = tavo::queryExitListener([&](auto& id, auto& r) { h.push_back(id + r.dump()); });
-         a->onQueryExit("g", 5);
-         a->release();
-       },
-       {"g5"}},
-      {"check version",
-       [&](Heard& h) {
-         auto a = tavo::checkVersionListener(
-             {.onStart = [&](auto& o) { h.push_back("start:" + o.dump()); },
-              .onSuccess = [&] { h.push_back("ok"); },
-              .onFailure = [&](auto& x) { h.push_back("no:" + e(x)); }});
-         a->onCheckVersionStart(1), a->onCheckVersionSuccess(), a->onCheckVersionFailure(kError);
-       },
-       {"start:1", "ok", "no:boom|7"}},
-      {"download",
-       [&](Heard& h) {
-         auto a = tavo::downloadListener(
-             {.onStart = [&] { h.push_back("start"); },
-              .onProgress = [&](auto d, auto t) { h.push_back(Describe(d) + "/" + Describe(t)); },
-              .onRetry = [&](auto n) { h.push_back("retry:" + Describe(n)); },
-              .onSuccess = [&](auto& p) { h.push_back("ok:" + p); },
-              .onFailure = [&](auto& x) { h.push_back("no:" + e(x)); }});
-         a->onDownloadStart(), a->onDownloadProgress(1, 2), a->onDownloadRetry(3);
-         a->onDownloadSuccess("/f"), a->onDownloadFailure(kError);
-       },
-       {"start", "1/2", "retry:3", "ok:/f", "no:boom|7"}},
-      {"install",
-       [&](Heard& h) {
-         auto a = tavo::installListener({.onStart = [&] { h.push_back("start"); },
-                                         .onSuccess = [&] { h.push_back("ok"); },
-                                         .onFailure = [&](auto& x) { h.push_back("no:" + e(x)); }});
-         a->onInstallStart(), a->onInstallSuccess(), a->onInstallFailure(kError);
-       },
-       {"start", "ok", "no:boom|7"}},
-      {"remove",
-       [&](Heard& h) {
-         auto a = tavo::removeListener(
-             {.onStart = [&](auto& id, auto& x) { h.push_back("start:" + *id + Describe(x)); },
-              .onFinish = [&](auto& id, auto& x) { h.push_back("finish:" + *id + Describe(x)); },
-              .onSuccess = [&](auto& r) { h.push_back("ok:" + Describe(r)); },
-              .onFailure = [&](auto& x) { h.push_back("no:" + e(x)); }});
-         a->onRemoveStart("g", std::nullopt), a->onRemoveFinish("g", "x");
-         a->onRemoveFailure(kError), a->onRemoveSuccess(std::vector<std::string>{"g"});
-       },
-       {"start:g(null)", "finish:gx", "no:boom|7", "ok:[g]"}},
-      {"sweep",
-       [&](Heard& h) {
-         auto a = tavo::sweepListener({.onStart = [&] { h.push_back("start"); },
-                                       .onProgress = [&](auto& p) { h.push_back("rm:" + p); },
-                                       .onSuccess = [&] { h.push_back("ok"); },
-                                       .onFailure = [&](auto& x) { h.push_back("no:" + e(x)); }});
-         a->onCheckStart(), a->onCheckProgress("/f"), a->onCheckSuccess(),
-             a->onCheckFailure(kError);
-       },
-       {"start", "rm:/f", "ok", "no:boom|7"}},
-      {"list",
-       [&](Heard& h) {
-         auto a = tavo::listListener({.onSuccess = [&](auto& i) { h.push_back("ok:" + i.dump()); },
-                                      .onFailure = [&](auto& x) { h.push_back("no:" + e(x)); }});
-         a->onListGameSuccess(ZMValue::array()), a->onListGameFailure(kError);
-       },
-       {"ok:[]", "no:boom|7"}},
-      {"game data",
-       [&](Heard& h) {
-         auto a =
-             tavo::gameDataListener({.onSuccess = [&] { h.push_back("ok"); },
-                                     .onFailure = [&](auto& x) { h.push_back("no:" + e(x)); }});
-         a->onGameDataSetSuccess(), a->onGameDataSetFailure(kError);
-       },
-       {"ok", "no:boom|7"}},
-      {"plugin check",
-       [&](Heard& h) {
-         auto a = tavo::pluginCheckListener(
-             {.onStart = [&](auto& i) { h.push_back("start:" + ProviderOf(i)); },
-              .onSuccess = [&](auto& i) { h.push_back("ok:" + ProviderOf(i)); },
-              .onFailure = [&](auto& i, auto& x) { h.push_back("no:" + ProviderOf(i) + e(x)); }});
-         a->onCheckPluginVersionStart(kInfo), a->onCheckPluginSuccess(kInfo);
-         a->onCheckPluginFailure(kInfo, kError);
-       },
-       {"start:p", "ok:p", "no:pboom|7"}},
-      {"plugin install",
-       [&](Heard& h) {
-         auto a = tavo::pluginInstallListener(
-             {.onStart = [&](auto& i) { h.push_back("start:" + ProviderOf(i)); },
-              .onProgress = [&](auto&, auto d,
-                                auto t) { h.push_back(Describe(d) + "/" + Describe(t)); },
-              .onRetry = [&](auto&, auto n) { h.push_back("retry:" + Describe(n)); },
-              .onSuccess = [&](auto& i) { h.push_back("ok:" + ProviderOf(i)); },
-              .onFailure = [&](auto&, auto& x) { h.push_back(x ? "no:" + e(*x) : "no:null"); }});
-         a->onPluginInstallStart(kInfo), a->onPluginDownloadProgress(kInfo, 1, 2);
-         a->onPluginDownloadRetry(kInfo, 3), a->onPluginInstallSuccess(kInfo);
-         a->onPluginInstallFailure(kInfo, kError), a->onPluginInstallFailure(kInfo, std::nullopt);
-       },
-       {"start:p", "1/2", "retry:3", "ok:p", "no:boom|7", "no:null"}},
-      {"plugin remove",
-       [&](Heard& h) {
-         auto a = tavo::pluginRemoveListener(
-             {.onStart = [&](auto& i) { h.push_back("start:" + ProviderOf(i)); },
-              .onFinish = [&](auto& i) { h.push_back("finish:" + ProviderOf(i)); },
-              .onSuccess = [&](auto& r) { h.push_back("ok:" + r.dump()); },
-              .onFailure = [&](auto& x) { h.push_back("no:" + e(x)); }});
-         a->onPluginRemoveStart(kInfo), a->onPluginRemoveFinish(kInfo);
-         a->onPluginRemoveSuccess(ZMValue::array()), a->onPluginRemoveFailure(kError);
-       },
-       {"start:p", "finish:p", "ok:[]", "no:boom|7"}},
-  };
-  for (const auto& c : cases) {
-    Heard heard;
-    c.drive(heard);
-    EXPECT_EQ(heard, c.expected) << c.name;
-  }
-  DrainMainQueue();  // lets the adapters go
+  const ZMException exception("init fail", "x");
+  const std::vector<std::string> g = {"g"};
+
+  auto init = tavo::initListener({.onSuccess = n("ok"), .onFailure = n("no")});
+  init->onInitializeSuccess(nullptr), init->onInitializeFailure(exception);
+  auto run = tavo::runListener(
+      {.onHandleCreate = n("handle"), .onSuccess = n("ok"), .onFailure = n("no")});
+  run->onGameHandleCreate(nullptr), run->onRunSuccess(), run->onRunFailure(kError);
+  auto exit = tavo::exitListener({.onSuccess = n("ok"), .onFailure = n("no")});
+  exit->onGameExitSuccess(), exit->onGameExitFailure(kError);
+  auto query = tavo::queryExitListener(n("quit"));
+  query->onQueryExit("g", 5), query->release();
+  auto check = tavo::checkVersionListener(
+      {.onStart = n("start"), .onSuccess = n("ok"), .onFailure = n("no")});
+  check->onCheckVersionStart(1), check->onCheckVersionSuccess(),
+      check->onCheckVersionFailure(kError);
+  auto download = tavo::downloadListener({.onStart = n("start"),
+                                          .onProgress = n("progress"),
+                                          .onRetry = n("retry"),
+                                          .onSuccess = n("ok"),
+                                          .onFailure = n("no")});
+  download->onDownloadStart(), download->onDownloadProgress(1, 2), download->onDownloadRetry(3);
+  download->onDownloadSuccess("/f"), download->onDownloadFailure(kError);
+  auto install =
+      tavo::installListener({.onStart = n("start"), .onSuccess = n("ok"), .onFailure = n("no")});
+  install->onInstallStart(), install->onInstallSuccess(), install->onInstallFailure(kError);
+  auto remove = tavo::removeListener(
+      {.onStart = n("start"), .onFinish = n("finish"), .onSuccess = n("ok"), .onFailure = n("no")});
+  remove->onRemoveStart("g", std::nullopt), remove->onRemoveFinish("g", "x");
+  remove->onRemoveFailure(kError), remove->onRemoveSuccess(g);
+  auto sweep = tavo::sweepListener(
+      {.onStart = n("start"), .onProgress = n("rm"), .onSuccess = n("ok"), .onFailure = n("no")});
+  sweep->onCheckStart(), sweep->onCheckProgress("/f"), sweep->onCheckSuccess();
+  sweep->onCheckFailure(kError);
+  auto list = tavo::listListener({.onSuccess = n("ok"), .onFailure = n("no")});
+  list->onListGameSuccess(ZMValue::array()), list->onListGameFailure(kError);
+  auto data = tavo::gameDataListener({.onSuccess = n("ok"), .onFailure = n("no")});
+  data->onGameDataSetSuccess(), data->onGameDataSetFailure(kError);
+  auto pluginCheck = tavo::pluginCheckListener(
+      {.onStart = n("start"), .onSuccess = n("ok"), .onFailure = n("no")});
+  pluginCheck->onCheckPluginVersionStart(1), pluginCheck->onCheckPluginSuccess(2);
+  pluginCheck->onCheckPluginFailure(3, kError);
+  auto pluginInstall = tavo::pluginInstallListener({.onStart = n("start"),
+                                                    .onProgress = n("progress"),
+                                                    .onRetry = n("retry"),
+                                                    .onSuccess = n("ok"),
+                                                    .onFailure = n("no")});
+  pluginInstall->onPluginInstallStart(1), pluginInstall->onPluginDownloadProgress(2, 3, 4);
+  pluginInstall->onPluginDownloadRetry(5, 6), pluginInstall->onPluginInstallSuccess(7);
+  pluginInstall->onPluginInstallFailure(8, kError), pluginInstall->onPluginInstallFailure(9, {});
+  auto pluginRemove = tavo::pluginRemoveListener(
+      {.onStart = n("start"), .onFinish = n("finish"), .onSuccess = n("ok"), .onFailure = n("no")});
+  pluginRemove->onPluginRemoveStart(1), pluginRemove->onPluginRemoveFinish(2);
+  pluginRemove->onPluginRemoveSuccess(3), pluginRemove->onPluginRemoveFailure(kError);
+
+  EXPECT_EQ(h, (Heard{"ok:nullptr",
+                      "no:init fail|x",  // init
+                      "handle:nullptr",
+                      "ok",
+                      "no:boom|7",  // run
+                      "ok",
+                      "no:boom|7",  // exit
+                      "quit:g|5",   // query
+                      "start:1",
+                      "ok",
+                      "no:boom|7",  // check
+                      "start",
+                      "progress:1|2",
+                      "retry:3",
+                      "ok:/f",
+                      "no:boom|7",  // download
+                      "start",
+                      "ok",
+                      "no:boom|7",  // install
+                      "start:g|(null)",
+                      "finish:g|x",
+                      "no:boom|7",
+                      "ok:[g]",  // remove
+                      "start",
+                      "rm:/f",
+                      "ok",
+                      "no:boom|7",  // sweep
+                      "ok:[]",
+                      "no:boom|7",  // list
+                      "ok",
+                      "no:boom|7",  // data
+                      "start:1",
+                      "ok:2",
+                      "no:3|boom|7",  // p. check
+                      "start:1",
+                      "progress:2|3|4",
+                      "retry:5|6",
+                      "ok:7",
+                      "no:8|boom|7",  // p. inst.
+                      "no:9|null",    //
+                      "start:1",
+                      "finish:2",
+                      "ok:3",
+                      "no:boom|7"}));  // p. remove
+  DrainMainQueue();                    // lets the adapters go
 }
 
 // The adapters below are passed as temporaries: libtavo holds them weakly, so only their hold
