@@ -8,7 +8,7 @@ set(TAVO_CMAKE_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/libtavo)
 install(EXPORT libtavoTargets
   NAMESPACE libtavo::
   FILE libtavoTargets.cmake
-  DESTINATION ${TAVO_CMAKE_INSTALL_DIR})
+  DESTINATION ${TAVO_CMAKE_INSTALL_DIR} COMPONENT dev)
 
 configure_package_config_file(cmake/libtavoConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/libtavoConfig.cmake
@@ -20,7 +20,7 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/libtavoConfigVersio
 install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/libtavoConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/libtavoConfigVersion.cmake
-  DESTINATION ${TAVO_CMAKE_INSTALL_DIR})
+  DESTINATION ${TAVO_CMAKE_INSTALL_DIR} COMPONENT dev)
 
 # The .pc files find the prefix from their own location, so that `cmake --install --prefix` and
 # DESTDIR installs give working files without reconfiguring.
@@ -35,4 +35,4 @@ configure_file(cmake/libmerin.pc.in ${CMAKE_CURRENT_BINARY_DIR}/libmerin.pc @ONL
 install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/libtavo.pc
   ${CMAKE_CURRENT_BINARY_DIR}/libmerin.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)

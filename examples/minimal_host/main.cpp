@@ -1,64 +1,23 @@
 // minimal_host: the smallest libtavo host. It starts the runtime with every file under ROOT,
 // installs a game package from a zip file and checks that the installed version is the one
-// asked for.
+// asked for: the install with a lambda adapter on this thread, the check with a future that a
+// worker thread waits on.
 //
 //   minimal_host ROOT PACKAGE.zip [APP_ID [VERSION]]
 //
 // Exit status 0 when both the install and the version check succeed.
+#include <atomic>
 #include <chrono>
+#include <future>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "merin/MerinGameHandle.h"
 #include "tavo/tavo.h"
 
-namespace {
-
-// libtavo reports every operation through a listener. The host owns its listeners and keeps
-// them alive (libtavo holds them weakly); the callbacks used here arrive on the main queue, on
-// the thread that drains it, so plain fields are enough.
-struct InitListener : ZMRuntimeInitListener {
-  std::shared_ptr<ZMZimoGameRuntime> runtime;
-  std::string failure;
-  void onInitializeSuccess(std::shared_ptr<ZMZimoGameRuntime> r) override { runtime = r; }
-  void onInitializeFailure(const ZMException& e) override { failure = e.what(); }
-};
-
-// What a host waits for: the end of one operation, and why it failed.
-struct Outcome {
-  bool finished = false;
-  std::string failure;
-  void succeed() { finished = true; }
-  void fail(const ZMError& e) {
-    finished = true;
-    failure = e.description();
-  }
-};
-
-struct InstallListener : ZMPackageInstallListener, Outcome {
-  void onInstallStart() override { std::cout << "install: started\n"; }
-  void onInstallSuccess() override { succeed(); }
-  void onInstallFailure(const ZMError& e) override { fail(e); }
-};
-
-struct CheckListener : ZMPackageCheckVersionListener, Outcome {
-  void onCheckVersionStart(const ZMValue&) override {}
-  void onCheckVersionSuccess() override { succeed(); }
-  void onCheckVersionFailure(const ZMError& e) override { fail(e); }
-};
-
-// A host with a user interface drains the main queue from its own loop (ZMMainQueue::poll and
-// setWakeupHook); a command-line host can simply run it until the listener has its answer.
-// Returns an empty text on success, else what went wrong.
-std::string waitFor(const Outcome& outcome) {
-  if (!ZMMainQueue::runUntil([&] { return outcome.finished; }, std::chrono::seconds(60))) {
-    return "no answer within 60 s";
-  }
-  return outcome.failure;
-}
-
-}  // namespace
+using namespace std::chrono_literals;
 
 int main(int argc, char** argv) {
   if (argc < 3 || argc > 5) {
@@ -70,7 +29,7 @@ int main(int argc, char** argv) {
   const std::string appId = argc > 3 ? argv[3] : "minimal.game";
   const std::string version = argc > 4 ? argv[4] : "1.0.0";
 
-  // 1. The engine: libtavo unzips and runs games through the ZMGameHandle in its slot.
+  // 1. The engine: loading libmerin fills libtavo's engine slot; install() also keeps the link.
   MerinGameHandle::install();
 
   // 2. Storage: the record store (Documents), installed games (Caches) and the package cache
@@ -80,30 +39,57 @@ int main(int argc, char** argv) {
   ZMSystemDirectories::setTemporaryDirectory(root + "/tmp");
   const ZMValue options = {{ZM_KEY_STORAGE_PATH_PLUGIN, root + "/Caches/plugin"}};
 
-  // 3. The runtime: initRuntime reports before it returns.
-  auto init = std::make_shared<InitListener>();
-  ZMZimoGame::initRuntime("minimal-host-user", options, init);
-  if (!init->runtime || !init->failure.empty()) {
-    std::cerr << "runtime: could not start: " << init->failure << "\n";
-    return 1;
-  }
-  auto runtime = init->runtime;
+  // 3. The runtime: initRuntime reports before it returns (a failure may precede a success).
+  std::shared_ptr<ZMZimoGameRuntime> runtime;
+  ZMZimoGame::initRuntime(
+      "minimal-host-user", options,
+      tavo::initListener({
+          .onSuccess = [&](auto r) { runtime = r; },
+          .onFailure = [](const ZMException& e) { std::cerr << "runtime: " << e.what() << "\n"; },
+      }));
+  if (!runtime) return 1;
   std::cout << "runtime: libtavo " << runtime->getVersionInfo().value_or("?") << "\n";
 
-  // 4. Install the package. libtavo deletes the zip file once it is installed.
+  // 4. Install the package with a lambda adapter: it keeps itself alive until its last
+  //    callback, which arrives on the main queue that runUntil drains on this thread.
+  //    libtavo deletes the zip file once it is installed.
   const ZMValue game = {{ZM_KEY_GAME_PACKAGE_APP_ID, appId},
                         {ZM_KEY_GAME_PACKAGE_VERSION, version}};
   ZMValue install = game;
   install[ZM_KEY_GAME_PACKAGE_PATH] = package;
-  auto installed = std::make_shared<InstallListener>();
-  runtime->installGamePackage(install, installed);
-  const std::string installError = waitFor(*installed);
+  bool finished = false;
+  std::string installError;
+  runtime->installGamePackage(install, tavo::installListener({
+                                           .onStart = [] { std::cout << "install: started\n"; },
+                                           .onSuccess = [&] { finished = true; },
+                                           .onFailure =
+                                               [&](const ZMError& e) {
+                                                 installError = e.description();
+                                                 finished = true;
+                                               },
+                                       }));
+  if (!ZMMainQueue::runUntil([&] { return finished; }, 60s)) installError = "no answer within 60 s";
   std::cout << "install: " << (installError.empty() ? "done" : "failed: " + installError) << "\n";
 
-  // 5. Ask whether that version of the game is the installed one.
-  auto checked = std::make_shared<CheckListener>();
-  runtime->checkGameVersion(game, checked);
-  const std::string checkError = waitFor(*checked);
+  // 5. Ask whether that version is the installed one with a future: a worker thread waits for
+  //    it while this thread keeps draining the main queue.
+  std::atomic<bool> checkDone{false};
+  std::string checkError;
+  std::thread worker([&] {
+    auto checked = tavo::checkGameVersion(runtime, game);
+    if (checked.wait_for(60s) != std::future_status::ready) {
+      checkError = "no answer within 60 s";
+    } else {
+      try {
+        checked.get();
+      } catch (const ZMError& e) {
+        checkError = e.description();
+      }
+    }
+    checkDone = true;
+  });
+  ZMMainQueue::runUntil([&] { return checkDone.load(); }, 70s);
+  worker.join();
   std::cout << "check " << appId << " " << version << ": "
             << (checkError.empty() ? "installed" : "failed: " + checkError) << "\n";
 

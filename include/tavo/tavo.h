@@ -1,12 +1,15 @@
 #pragma once
 
-// libtavo's public interface for hosts.
+/// @file
+/// libtavo's public interface for hosts: includes every public header.
 #include "tavo/ZMError.h"
 #include "tavo/ZMException.h"
 #include "tavo/ZMFileMD5.h"
 #include "tavo/ZMFileUtils.h"
+#include "tavo/ZMFutures.h"
 #include "tavo/ZMGameHandle.h"
 #include "tavo/ZMGameListeners.h"
+#include "tavo/ZMListenerAdapters.h"
 #include "tavo/ZMLog.h"
 #include "tavo/ZMMainQueue.h"
 #include "tavo/ZMOptionKeys.h"
