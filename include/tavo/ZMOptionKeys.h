@@ -33,35 +33,36 @@ inline constexpr const char* ZM_KEY_PACKAGE_MAX_UNPACKED_BYTES = "rt_package_max
 /// initRuntime. Most times its own size a package may unpack to (default 1000).
 inline constexpr const char* ZM_KEY_PACKAGE_MAX_COMPRESSION_RATIO =
     "rt_package_max_compression_ratio";
-// How many times a package download (a game's or a plug-in's) that fails after some bytes arrived
-// is continued where it stopped, as a whole number (default 0: never, a failure ends it). With a
-// positive number the bytes received are also kept beside the package, so that the next download
-// of the same URL and hash, in any process, continues them while the server agrees (same ETag or
-// Last-Modified); bytes nobody continues for a day are removed at the next runtime creation.
+/// initRuntime. How many times a package download (a game's or a plug-in's) that fails after some
+/// bytes arrived is continued where it stopped, as a whole number (default 0: never, a failure ends
+/// it). With a positive number the bytes received are also kept beside the package, so that the
+/// next download of the same URL and hash, in any process, continues them while the server agrees
+/// (same ETag or Last-Modified); bytes nobody continues for a day are removed at the next runtime
+/// creation.
 inline constexpr const char* ZM_KEY_DOWNLOAD_RESUME_ATTEMPTS = "rt_download_resume_attempts";
-// Minisign public keys that every package must be signed by one of: a list of texts, or one
-// text, each the base64 line of a minisign public key file ("RW..."; the whole file will do).
-// Absent, null, "" or []: packages need no signature and nothing below applies. A text that is
-// no such key fails the runtime's creation ("init fail", "invalid trusted key: <text>").
-//
-// With keys, a package needs its detached signature (`minisign -Sm package`), prehashed (the
-// default) or legacy, fetched from the package's URL + ".minisig" (a plug-in's: the URL the
-// plug-in service names + ".minisig"):
-//   - downloadGamePackage fetches it after the package and keeps it beside the package as
-//     "<package path>.minisig"; the package is verified before it appears at its path, and a
-//     package without a good signature is not kept;
-//   - installGamePackage verifies the package against "<package path>.minisig" before anything
-//     is cleared or unpacked; a failure leaves the installed version as it was;
-//   - a plug-in's install, its update prefetch and the install of a prefetched update verify the
-//     package before unpacking it; a prefetched update that fails is not kept, and is logged.
-// A refusal reaches the failure callback as an error with code 0 and one of these domains:
-//   "package signature missing: <signature URL or path>"   none could be had (any HTTP failure
-//                                                          counts, a file that is not there)
-//   "package signature invalid: <signature URL or path>"   malformed, or it does not verify: the
-//                                                          package or the trusted comment was
-//                                                          changed after signing
-//   "package signature untrusted: <key id>"                signed by a key not among these (the
-//                                                          id as minisign prints it)
+/// initRuntime. Minisign public keys that every package must be signed by one of: a list of texts,
+/// or one text, each the base64 line of a minisign public key file ("RW..."; the whole file will
+/// do). Absent, null, "" or []: packages need no signature and nothing below applies. A text that
+/// is no such key fails the runtime's creation ("init fail", "invalid trusted key: <text>").
+///
+/// With keys, a package needs its detached signature (`minisign -Sm package`), prehashed (the
+/// default) or legacy, fetched from the package's URL + ".minisig" (a plug-in's: the URL the
+/// plug-in service names + ".minisig"):
+///   - downloadGamePackage fetches it after the package and keeps it beside the package as
+///     "<package path>.minisig"; the package is verified before it appears at its path, and a
+///     package without a good signature is not kept;
+///   - installGamePackage verifies the package against "<package path>.minisig" before anything
+///     is cleared or unpacked; a failure leaves the installed version as it was;
+///   - a plug-in's install, its update prefetch and the install of a prefetched update verify the
+///     package before unpacking it; a prefetched update that fails is not kept, and is logged.
+/// A refusal reaches the failure callback as an error with code 0 and one of these domains:
+///   "package signature missing: <signature URL or path>"   none could be had (any HTTP failure
+///                                                          counts, a file that is not there)
+///   "package signature invalid: <signature URL or path>"   malformed, or it does not verify: the
+///                                                          package or the trusted comment was
+///                                                          changed after signing
+///   "package signature untrusted: <key id>"                signed by a key not among these (the
+///                                                          id as minisign prints it)
 inline constexpr const char* ZM_KEY_PACKAGE_TRUSTED_KEYS = "rt_package_trusted_keys";
 
 // Game packages (check, download, install, getGameConfig) and the "detail.json" members.
