@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <set>
@@ -18,12 +17,10 @@ using Key = std::pair<std::string, std::string>;  // operation, callback
 // The names a table cell quotes: "`a`, `b`" holds a and b.
 std::vector<std::string> Quoted(const std::string& cell) {
   std::vector<std::string> names;
-  size_t open = cell.find('`');
-  while (open != std::string::npos) {
-    const size_t close = cell.find('`', open + 1);
-    if (close == std::string::npos) break;
+  for (size_t open = cell.find('`'), close; open != std::string::npos;
+       open = cell.find('`', close + 1)) {
+    if ((close = cell.find('`', open + 1)) == std::string::npos) break;
     names.push_back(cell.substr(open + 1, close - open - 1));
-    open = cell.find('`', close + 1);
   }
   return names;
 }
@@ -55,231 +52,178 @@ std::map<Key, std::set<std::string>> ReadCallbackTable() {
   return table;
 }
 
-// Every callback heard, with the thread it came on: the engine's (any thread but the main
-// one), the caller's (the main thread inside the operation's call) or the main queue's.
-class Observer {
- public:
-  std::atomic<bool> inCall{false};
+// The plug-in recorders note short names.
+const std::map<std::string, std::string> kPluginCallbacks = {
+    {"checkPluginVersion start", "onCheckPluginVersionStart"},
+    {"checkPluginVersion success", "onCheckPluginSuccess"},
+    {"checkPluginVersion failure", "onCheckPluginFailure"},
+    {"installPlugin start", "onPluginInstallStart"},
+    {"installPlugin retry", "onPluginDownloadRetry"},
+    {"installPlugin success", "onPluginInstallSuccess"},
+    {"installPlugin failure", "onPluginInstallFailure"},
+    {"removePluginList start", "onPluginRemoveStart"},
+    {"removePluginList finish", "onPluginRemoveFinish"},
+    {"removePluginList success", "onPluginRemoveSuccess"},
+    {"removePluginList failure", "onPluginRemoveFailure"}};
 
-  // A listener callback for std::function of any signature that notes `callback` of the
-  // operation being called.
-  auto on(const char* callback) {
-    return [this, op = op_, callback](auto&&...) {
-      const char* thread = !ZMMainQueue::isMainThread() ? "engine"
-                           : inCall                     ? "caller"
-                                                        : "main queue";
-      std::lock_guard lock(mutex_);
-      heard_.push_back({{op, callback}, thread});
-    };
+// Each operation called with a recorder, and how many callbacks it had heard when the call
+// returned: those that came on the main thread came on the caller's, later ones on the main
+// queue's, and any on another thread on the engine's.
+class Calls {
+ public:
+  template <typename Recorder, typename Body>
+  std::shared_ptr<Recorder> call(const char* op, Body body) {
+    auto recorder = std::make_shared<Recorder>();
+    body(recorder);
+    calls_.push_back({op, recorder, recorder->size()});
+    return recorder;
   }
-  // Calls the operation `op` in `body`.
-  template <typename Body>
-  void call(const char* op, Body body) {
-    op_ = op;
-    inCall = true;
-    body();
-    inCall = false;
-  }
-  size_t count(const char* op, const char* callback) const {
-    std::lock_guard lock(mutex_);
-    return std::count_if(heard_.begin(), heard_.end(), [&](const auto& h) {
-      return h.first == Key{op, callback};
-    });
-  }
-  bool heard(const char* op, const char* callback) const { return count(op, callback) > 0; }
-  std::vector<std::pair<Key, std::string>> all() const {
-    std::lock_guard lock(mutex_);
-    return heard_;
+  // Every callback heard: operation, callback, thread.
+  std::vector<std::pair<Key, std::string>> heard() const {
+    std::vector<std::pair<Key, std::string>> all;
+    for (const auto& [op, log, duringCall] : calls_) {
+      const auto events = log->events();
+      const auto threads = log->threads();
+      for (size_t i = 0; i < events.size(); ++i) {
+        const std::string name = events[i].substr(0, events[i].find(':'));
+        const auto plugin = kPluginCallbacks.find(op + " " + name);
+        all.push_back({{op, plugin == kPluginCallbacks.end() ? name : plugin->second},
+                       threads[i] != main_ ? "engine"
+                       : i < duringCall    ? "caller"
+                                           : "main queue"});
+      }
+    }
+    return all;
   }
 
  private:
-  const char* op_ = "";
-  mutable std::mutex mutex_;
-  std::vector<std::pair<Key, std::string>> heard_;
+  struct Call {
+    std::string op;
+    std::shared_ptr<EventLog> log;
+    size_t duringCall;
+  };
+  std::vector<Call> calls_;
+  std::thread::id main_ = std::this_thread::get_id();
 };
+
+bool Hears(const std::shared_ptr<EventLog>& log, const std::string& callback) {
+  return RunUntil([&] {
+    const auto events = log->events();
+    return std::any_of(events.begin(), events.end(),
+                       [&](const std::string& event) { return event.starts_with(callback); });
+  });
+}
 
 TEST(CallbackThreads, EachCallbackArrivesOnTheThreadTheHostGuideNames) {
   const auto table = ReadCallbackTable();
   ASSERT_GT(table.size(), 40u);
   TestRuntime t;
-  Observer o;
-  const auto until = [&](const char* op, const char* callback) {
-    EXPECT_TRUE(RunUntil([&] { return o.heard(op, callback); })) << op << " " << callback;
-  };
-
-  o.call("initRuntime", [&] {
-    const auto init = [&] {
-      return tavo::initListener(
-          {.onSuccess = o.on("onInitializeSuccess"), .onFailure = o.on("onInitializeFailure")});
-    };
-    ZMZimoGame::initRuntime("../u", t.options(), init());
-    ZMZimoGame::initRuntime("u1", t.options(), init());
-  });
+  Calls c;
+  for (const char* user : {"../u", "u1"}) {
+    c.call<InitRecorder>("initRuntime",
+                         [&](auto l) { ZMZimoGame::initRuntime(user, t.options(), l); });
+  }
   t.runtime = std::dynamic_pointer_cast<ZMGameRuntime>(ZMZimoGame::getRuntime());
   auto runtime = t.runtime;
 
   // Packages: download (refused, then from a server), install (failing, then from the
-  // download), check.
+  // download), check (a newer check would silence an earlier one).
   const std::string package = t.root() + "/g.zip";
   MakeGamePackage(package, R"({"deviceOrientation":"portrait"})");
-  char* hash = FileMD5HashCreateWithPath(package.c_str(), 0);
-  const std::string md5 = hash;
-  std::free(hash);
   TestHttpServer server;
   server.Get("/g.zip", [&](const auto&, auto& res) { res.set_content(ReadFile(package), "x"); });
   server.start();
   const ZMValue game = {{ZM_KEY_GAME_PACKAGE_APP_ID, "g"}, {ZM_KEY_GAME_PACKAGE_VERSION, "1"}};
   for (const char* appId : {"a/b", "g"}) {
-    ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, appId},
-                       {ZM_KEY_GAME_PACKAGE_VERSION, "1"},
-                       {ZM_KEY_GAME_PACKAGE_URL, server.url("/g.zip")},
-                       {ZM_KEY_GAME_PACKAGE_HASH, md5}};
-    o.call("downloadGamePackage", [&] {
-      runtime->downloadGamePackage(
-          options, tavo::downloadListener({.onStart = o.on("onDownloadStart"),
-                                           .onProgress = o.on("onDownloadProgress"),
-                                           .onRetry = o.on("onDownloadRetry"),
-                                           .onSuccess = o.on("onDownloadSuccess"),
-                                           .onFailure = o.on("onDownloadFailure")}));
-    });
+    ZMValue options = game;
+    options[ZM_KEY_GAME_PACKAGE_APP_ID] = appId;
+    options[ZM_KEY_GAME_PACKAGE_URL] = server.url("/g.zip");
+    options[ZM_KEY_GAME_PACKAGE_HASH] = *ZMFileUtils::getFileMD5(package);
+    auto l = c.call<DownloadRecorder>("downloadGamePackage",
+                                      [&](auto l) { runtime->downloadGamePackage(options, l); });
+    EXPECT_TRUE(Hears(l, *appId == 'g' ? "onDownloadSuccess" : "onDownloadFailure"));
   }
-  until("downloadGamePackage", "onDownloadSuccess");
   ZMValue withPath = game;
   withPath[ZM_KEY_GAME_PACKAGE_PATH] = runtime->getAppPackageDownloadPath("g", "1");
   for (const ZMValue& options : {game, withPath}) {
-    o.call("installGamePackage", [&] {
-      runtime->installGamePackage(options,
-                                  tavo::installListener({.onStart = o.on("onInstallStart"),
-                                                         .onSuccess = o.on("onInstallSuccess"),
-                                                         .onFailure = o.on("onInstallFailure")}));
-    });
-    until("installGamePackage",
-          options.contains(ZM_KEY_GAME_PACKAGE_PATH) ? "onInstallSuccess" : "onInstallFailure");
+    auto l = c.call<InstallRecorder>("installGamePackage",
+                                     [&](auto l) { runtime->installGamePackage(options, l); });
+    EXPECT_TRUE(Hears(
+        l, options.contains(ZM_KEY_GAME_PACKAGE_PATH) ? "onInstallSuccess" : "onInstallFailure"));
   }
-  for (const char* version : {"2", "1"}) {  // a newer check would silence an earlier one
+  for (const char* version : {"2", "1"}) {
     ZMValue options = game;
     options[ZM_KEY_GAME_PACKAGE_VERSION] = version;
-    o.call("checkGameVersion", [&] {
-      runtime->checkGameVersion(
-          options, tavo::checkVersionListener({.onStart = o.on("onCheckVersionStart"),
-                                               .onSuccess = o.on("onCheckVersionSuccess"),
-                                               .onFailure = o.on("onCheckVersionFailure")}));
-    });
-    until("checkGameVersion", *version == '2' ? "onCheckVersionFailure" : "onCheckVersionSuccess");
+    auto l = c.call<CheckRecorder>("checkGameVersion",
+                                   [&](auto l) { runtime->checkGameVersion(options, l); });
+    EXPECT_TRUE(Hears(l, *version == '2' ? "onCheckVersionFailure" : "onCheckVersionSuccess"));
   }
 
   // Launch (refused, then run), quit request, and exit with the reference engine and with none.
   for (const ZMValue& options : {ZMValue::object(), ZMValue{{ZM_KEY_RUN_OPT_VERSION, "1"}}}) {
-    o.call("runGame", [&] {
-      runtime->runGame(nullptr, "g", options,
-                       tavo::runListener({.onHandleCreate = o.on("onGameHandleCreate"),
-                                          .onSuccess = o.on("onRunSuccess"),
-                                          .onFailure = o.on("onRunFailure")}));
-    });
+    auto l =
+        c.call<RunRecorder>("runGame", [&](auto l) { runtime->runGame(nullptr, "g", options, l); });
+    EXPECT_TRUE(Hears(l, options.empty() ? "onRunFailure" : "onRunSuccess"));
   }
-  until("runGame", "onRunSuccess");
-  std::shared_ptr<tavo::QueryExitListener> query;
-  o.call("setGameQueryExitListener", [&] {
-    query = tavo::queryExitListener(o.on("onQueryExit"));
-    runtime->setGameQueryExitListener(query);
-  });
+  auto query = c.call<QueryExitRecorder>("setGameQueryExitListener",
+                                         [&](auto l) { runtime->setGameQueryExitListener(l); });
   std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance())->requestQuit(1);
-  until("setGameQueryExitListener", "onQueryExit");
-  query->release();
-  const auto exit = [&] {
-    o.call("exitGame", [&] {
-      runtime->exitGame("g", tavo::exitListener({.onSuccess = o.on("onGameExitSuccess"),
-                                                 .onFailure = o.on("onGameExitFailure")}));
-    });
-  };
-  exit();
-  until("exitGame", "onGameExitSuccess");
-  exit();  // the engine answers that no game runs
-  EXPECT_TRUE(RunUntil([&] { return o.count("exitGame", "onGameExitFailure") == 1; }));
+  EXPECT_TRUE(Hears(query, "onQueryExit"));
+  // The engine ends the game, then answers that none runs; without an engine exitGame refuses.
+  for (const char* outcome : {"onGameExitSuccess", "onGameExitFailure"}) {
+    auto l = c.call<ExitRecorder>("exitGame", [&](auto l) { runtime->exitGame("g", l); });
+    EXPECT_TRUE(Hears(l, outcome));
+  }
   auto engine = ZMGameHandle::getInstance();
-  ZMGameHandle::setInstance(nullptr);  // without an engine, exitGame refuses at once
-  exit();
+  ZMGameHandle::setInstance(nullptr);
+  c.call<ExitRecorder>("exitGame", [&](auto l) { runtime->exitGame("g", l); });
   ZMGameHandle::setInstance(engine);
 
   // Records and the cache sweep.
-  o.call("setGameData", [&] {
-    runtime->setGameData("g", {{"extend", "x"}},
-                         tavo::gameDataListener({.onSuccess = o.on("onGameDataSetSuccess"),
-                                                 .onFailure = o.on("onGameDataSetFailure")}));
+  c.call<DataRecorder>("setGameData", [&](auto l) {
+    runtime->setGameData("g", {{"extend", "x"}}, l);
   });
-  o.call("listGame", [&] {
-    runtime->listGame(tavo::listListener(
-        {.onSuccess = o.on("onListGameSuccess"), .onFailure = o.on("onListGameFailure")}));
-  });
+  c.call<ListRecorder>("listGame", [&](auto l) { runtime->listGame(l); });
   WriteFile(t.cache() + "/old.zgp", "x");
   SetAgeSeconds(t.cache() + "/old.zgp", 3600);
   for (const ZMValue& options :
        {ZMValue::object(), ZMValue{{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
                                    {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}}}) {
-    o.call("checkFileAvailability", [&] {
-      runtime->checkFileAvailability(options,
-                                     tavo::sweepListener({.onStart = o.on("onCheckStart"),
-                                                          .onProgress = o.on("onCheckProgress"),
-                                                          .onSuccess = o.on("onCheckSuccess"),
-                                                          .onFailure = o.on("onCheckFailure")}));
-    });
-    until("checkFileAvailability", options.empty() ? "onCheckFailure" : "onCheckSuccess");
+    auto l = c.call<SweepRecorder>("checkFileAvailability",
+                                   [&](auto l) { runtime->checkFileAvailability(options, l); });
+    EXPECT_TRUE(Hears(l, options.empty() ? "onCheckFailure" : "onCheckSuccess"));
   }
-  o.call("removeGameList", [&] {
-    runtime->removeGameList({"g"}, tavo::removeListener({.onStart = o.on("onRemoveStart"),
-                                                         .onFinish = o.on("onRemoveFinish"),
-                                                         .onSuccess = o.on("onRemoveSuccess"),
-                                                         .onFailure = o.on("onRemoveFailure")}));
-  });
-  until("removeGameList", "onRemoveSuccess");
+  auto removed =
+      c.call<RemoveRecorder>("removeGameList", [&](auto l) { runtime->removeGameList({"g"}, l); });
+  EXPECT_TRUE(Hears(removed, "onRemoveSuccess"));
 
   // Plug-ins: refused at once, failing later (no service host), and one installed by hand.
   auto plugins = runtime->getManager("plugin_manager", ZMValue::object());
   plugins->setPluginServiceHosts({});
   const ZMValue info = {{"provider", "p"}, {"version", "1.0"}};
   const auto check = [&](const ZMValue& info) {
-    o.call("checkPluginVersion", [&] {
-      plugins->checkPluginVersion(
-          info, tavo::pluginCheckListener({.onStart = o.on("onCheckPluginVersionStart"),
-                                           .onSuccess = o.on("onCheckPluginSuccess"),
-                                           .onFailure = o.on("onCheckPluginFailure")}));
-    });
+    return c.call<PluginCheckRecorder>("checkPluginVersion",
+                                       [&](auto l) { plugins->checkPluginVersion(info, l); });
   };
   for (const ZMValue& each : {ZMValue::object(), info}) {
     check(each);
-    o.call("installPlugin", [&] {
-      plugins->installPlugin(
-          each, tavo::pluginInstallListener({.onStart = o.on("onPluginInstallStart"),
-                                             .onProgress = o.on("onPluginDownloadProgress"),
-                                             .onRetry = o.on("onPluginDownloadRetry"),
-                                             .onSuccess = o.on("onPluginInstallSuccess"),
-                                             .onFailure = o.on("onPluginInstallFailure")}));
-    });
+    c.call<PluginInstallRecorder>("installPlugin",
+                                  [&](auto l) { plugins->installPlugin(each, l); });
   }
   DrainMainQueue();
   WriteFile(t.plugin() + "/p_1.0/main.js", "x");
   WriteFile(t.plugin() + "/p_1.0.detail.json", R"({"hash":"h"})");
-  check(info);
-  until("checkPluginVersion", "onCheckPluginSuccess");
-  o.call("listPlugin", [&] {
-    plugins->listPlugin(tavo::listListener(
-        {.onSuccess = o.on("onListGameSuccess"), .onFailure = o.on("onListGameFailure")}));
-  });
-  o.call("removePluginList", [&] {
-    plugins->removePluginList(
-        ZMValue::array({info}),
-        tavo::pluginRemoveListener({.onStart = o.on("onPluginRemoveStart"),
-                                    .onFinish = o.on("onPluginRemoveFinish"),
-                                    .onSuccess = o.on("onPluginRemoveSuccess"),
-                                    .onFailure = o.on("onPluginRemoveFailure")}));
-  });
-  until("listPlugin", "onListGameSuccess");
-  until("removePluginList", "onPluginRemoveSuccess");
+  EXPECT_TRUE(Hears(check(info), "success"));
+  auto listed = c.call<ListRecorder>("listPlugin", [&](auto l) { plugins->listPlugin(l); });
+  EXPECT_TRUE(Hears(listed, "onListGameSuccess"));
+  auto gone = c.call<PluginRemoveRecorder>(
+      "removePluginList", [&](auto l) { plugins->removePluginList(ZMValue::array({info}), l); });
+  EXPECT_TRUE(Hears(gone, "success"));
   DrainMainQueue();
 
   std::set<std::string> operations, exercised;
   for (const auto& [key, threads] : table) operations.insert(key.first);
-  for (const auto& [key, thread] : o.all()) {
+  for (const auto& [key, thread] : c.heard()) {
     exercised.insert(key.first);
     const auto row = table.find(key);
     ASSERT_NE(row, table.end()) << key.first << " " << key.second << " is not in the table";

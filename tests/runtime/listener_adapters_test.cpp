@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <thread>
+#include <utility>
 
 #include "support/TestRuntime.h"
 #include "support/TestSupport.h"
@@ -26,7 +27,7 @@ std::string Show(const T& value) {
   return Describe(value);
 }
 
-// Calls every callback of each interface through the interface, as libtavo would, and notes
+// Calls every callback of each interface through the interface, as libtavo would, and checks
 // what reached the adapter's lambdas: "name:arg|arg".
 TEST(ListenerAdapters, EachAdapterRelaysEveryCallbackOfItsInterface) {
   Heard h;
@@ -37,106 +38,73 @@ TEST(ListenerAdapters, EachAdapterRelaysEveryCallbackOfItsInterface) {
       h.push_back(heard);
     };
   };
-  const ZMException exception("init fail", "x");
-  const std::vector<std::string> g = {"g"};
+  const auto heard = [&h] { return std::exchange(h, {}); };
+  const auto start = n("start"), ok = n("ok"), no = n("no"), finish = n("finish");
 
-  auto init = tavo::initListener({.onSuccess = n("ok"), .onFailure = n("no")});
-  init->onInitializeSuccess(nullptr), init->onInitializeFailure(exception);
-  auto run = tavo::runListener(
-      {.onHandleCreate = n("handle"), .onSuccess = n("ok"), .onFailure = n("no")});
+  auto init = tavo::initListener({.onSuccess = ok, .onFailure = no});
+  init->onInitializeSuccess(nullptr), init->onInitializeFailure(ZMException("init fail", "x"));
+  EXPECT_EQ(heard(), (Heard{"ok:nullptr", "no:init fail|x"}));
+  auto run = tavo::runListener({.onHandleCreate = n("handle"), .onSuccess = ok, .onFailure = no});
   run->onGameHandleCreate(nullptr), run->onRunSuccess(), run->onRunFailure(kError);
-  auto exit = tavo::exitListener({.onSuccess = n("ok"), .onFailure = n("no")});
+  EXPECT_EQ(heard(), (Heard{"handle:nullptr", "ok", "no:boom|7"}));
+  auto exit = tavo::exitListener({.onSuccess = ok, .onFailure = no});
   exit->onGameExitSuccess(), exit->onGameExitFailure(kError);
+  EXPECT_EQ(heard(), (Heard{"ok", "no:boom|7"}));
   auto query = tavo::queryExitListener(n("quit"));
   query->onQueryExit("g", 5), query->release();
-  auto check = tavo::checkVersionListener(
-      {.onStart = n("start"), .onSuccess = n("ok"), .onFailure = n("no")});
-  check->onCheckVersionStart(1), check->onCheckVersionSuccess(),
-      check->onCheckVersionFailure(kError);
-  auto download = tavo::downloadListener({.onStart = n("start"),
+  EXPECT_EQ(heard(), (Heard{"quit:g|5"}));
+  auto check = tavo::checkVersionListener({.onStart = start, .onSuccess = ok, .onFailure = no});
+  check->onCheckVersionStart(1), check->onCheckVersionSuccess();
+  check->onCheckVersionFailure(kError);
+  EXPECT_EQ(heard(), (Heard{"start:1", "ok", "no:boom|7"}));
+  auto download = tavo::downloadListener({.onStart = start,
                                           .onProgress = n("progress"),
                                           .onRetry = n("retry"),
-                                          .onSuccess = n("ok"),
-                                          .onFailure = n("no")});
+                                          .onSuccess = ok,
+                                          .onFailure = no});
   download->onDownloadStart(), download->onDownloadProgress(1, 2), download->onDownloadRetry(3);
   download->onDownloadSuccess("/f"), download->onDownloadFailure(kError);
-  auto install =
-      tavo::installListener({.onStart = n("start"), .onSuccess = n("ok"), .onFailure = n("no")});
+  EXPECT_EQ(heard(), (Heard{"start", "progress:1|2", "retry:3", "ok:/f", "no:boom|7"}));
+  auto install = tavo::installListener({.onStart = start, .onSuccess = ok, .onFailure = no});
   install->onInstallStart(), install->onInstallSuccess(), install->onInstallFailure(kError);
+  EXPECT_EQ(heard(), (Heard{"start", "ok", "no:boom|7"}));
   auto remove = tavo::removeListener(
-      {.onStart = n("start"), .onFinish = n("finish"), .onSuccess = n("ok"), .onFailure = n("no")});
+      {.onStart = start, .onFinish = finish, .onSuccess = ok, .onFailure = no});
   remove->onRemoveStart("g", std::nullopt), remove->onRemoveFinish("g", "x");
-  remove->onRemoveFailure(kError), remove->onRemoveSuccess(g);
+  remove->onRemoveFailure(kError), remove->onRemoveSuccess(std::vector<std::string>{"g"});
+  EXPECT_EQ(heard(), (Heard{"start:g|(null)", "finish:g|x", "no:boom|7", "ok:[g]"}));
   auto sweep = tavo::sweepListener(
-      {.onStart = n("start"), .onProgress = n("rm"), .onSuccess = n("ok"), .onFailure = n("no")});
+      {.onStart = start, .onProgress = n("rm"), .onSuccess = ok, .onFailure = no});
   sweep->onCheckStart(), sweep->onCheckProgress("/f"), sweep->onCheckSuccess();
   sweep->onCheckFailure(kError);
-  auto list = tavo::listListener({.onSuccess = n("ok"), .onFailure = n("no")});
+  EXPECT_EQ(heard(), (Heard{"start", "rm:/f", "ok", "no:boom|7"}));
+  auto list = tavo::listListener({.onSuccess = ok, .onFailure = no});
   list->onListGameSuccess(ZMValue::array()), list->onListGameFailure(kError);
-  auto data = tavo::gameDataListener({.onSuccess = n("ok"), .onFailure = n("no")});
+  EXPECT_EQ(heard(), (Heard{"ok:[]", "no:boom|7"}));
+  auto data = tavo::gameDataListener({.onSuccess = ok, .onFailure = no});
   data->onGameDataSetSuccess(), data->onGameDataSetFailure(kError);
-  auto pluginCheck = tavo::pluginCheckListener(
-      {.onStart = n("start"), .onSuccess = n("ok"), .onFailure = n("no")});
+  EXPECT_EQ(heard(), (Heard{"ok", "no:boom|7"}));
+  auto pluginCheck =
+      tavo::pluginCheckListener({.onStart = start, .onSuccess = ok, .onFailure = no});
   pluginCheck->onCheckPluginVersionStart(1), pluginCheck->onCheckPluginSuccess(2);
   pluginCheck->onCheckPluginFailure(3, kError);
-  auto pluginInstall = tavo::pluginInstallListener({.onStart = n("start"),
+  EXPECT_EQ(heard(), (Heard{"start:1", "ok:2", "no:3|boom|7"}));
+  auto pluginInstall = tavo::pluginInstallListener({.onStart = start,
                                                     .onProgress = n("progress"),
                                                     .onRetry = n("retry"),
-                                                    .onSuccess = n("ok"),
-                                                    .onFailure = n("no")});
+                                                    .onSuccess = ok,
+                                                    .onFailure = no});
   pluginInstall->onPluginInstallStart(1), pluginInstall->onPluginDownloadProgress(2, 3, 4);
   pluginInstall->onPluginDownloadRetry(5, 6), pluginInstall->onPluginInstallSuccess(7);
   pluginInstall->onPluginInstallFailure(8, kError), pluginInstall->onPluginInstallFailure(9, {});
+  EXPECT_EQ(heard(),
+            (Heard{"start:1", "progress:2|3|4", "retry:5|6", "ok:7", "no:8|boom|7", "no:9|null"}));
   auto pluginRemove = tavo::pluginRemoveListener(
-      {.onStart = n("start"), .onFinish = n("finish"), .onSuccess = n("ok"), .onFailure = n("no")});
+      {.onStart = start, .onFinish = finish, .onSuccess = ok, .onFailure = no});
   pluginRemove->onPluginRemoveStart(1), pluginRemove->onPluginRemoveFinish(2);
   pluginRemove->onPluginRemoveSuccess(3), pluginRemove->onPluginRemoveFailure(kError);
-
-  EXPECT_EQ(h, (Heard{"ok:nullptr",
-                      "no:init fail|x",  // init
-                      "handle:nullptr",
-                      "ok",
-                      "no:boom|7",  // run
-                      "ok",
-                      "no:boom|7",  // exit
-                      "quit:g|5",   // query
-                      "start:1",
-                      "ok",
-                      "no:boom|7",  // check
-                      "start",
-                      "progress:1|2",
-                      "retry:3",
-                      "ok:/f",
-                      "no:boom|7",  // download
-                      "start",
-                      "ok",
-                      "no:boom|7",  // install
-                      "start:g|(null)",
-                      "finish:g|x",
-                      "no:boom|7",
-                      "ok:[g]",  // remove
-                      "start",
-                      "rm:/f",
-                      "ok",
-                      "no:boom|7",  // sweep
-                      "ok:[]",
-                      "no:boom|7",  // list
-                      "ok",
-                      "no:boom|7",  // data
-                      "start:1",
-                      "ok:2",
-                      "no:3|boom|7",  // p. check
-                      "start:1",
-                      "progress:2|3|4",
-                      "retry:5|6",
-                      "ok:7",
-                      "no:8|boom|7",  // p. inst.
-                      "no:9|null",    //
-                      "start:1",
-                      "finish:2",
-                      "ok:3",
-                      "no:boom|7"}));  // p. remove
-  DrainMainQueue();                    // lets the adapters go
+  EXPECT_EQ(heard(), (Heard{"start:1", "finish:2", "ok:3", "no:boom|7"}));
+  DrainMainQueue();  // lets the adapters go
 }
 
 // The adapters below are passed as temporaries: libtavo holds them weakly, so only their hold
