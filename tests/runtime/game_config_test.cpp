@@ -65,8 +65,10 @@ TEST(ZMGameRuntimeGetGameConfig, FindsTheInstalledConfiguration) {
   WriteFile(t.app() + "/g1/1.0/game.config.json", "{");
   EXPECT_EQ(config(), nullptr);
   WriteFile(t.app() + "/g1/1.0/game.config.json", "{}");
-  WriteFile(t.app() + "/g1/detail.json", "[1,");
-  EXPECT_EQ(config(), nullptr);
+  for (const std::string detail : {"[1,", R"({"rt_game_package_version":1})"}) {
+    WriteFile(t.app() + "/g1/detail.json", detail);
+    EXPECT_EQ(config(), nullptr) << detail;  // a version that is no text names none
+  }
 
   EXPECT_EQ(config("../x"), nullptr);
   EXPECT_FALSE(Exists(t.app() + "/x"));

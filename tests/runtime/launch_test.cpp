@@ -96,9 +96,9 @@ class ZMGameRuntimeLaunch : public ::testing::Test {
   TestRuntime t;
   std::shared_ptr<int> viewController = std::make_shared<int>(42);
 
-  static ZMValue version(const std::string& v) { return {{ZM_KEY_RUN_OPT_VERSION, v}}; }
+  static ZMValue version(const ZMValue& v) { return {{ZM_KEY_RUN_OPT_VERSION, v}}; }
   // The callbacks of a launch that fails before runGame returns.
-  std::vector<std::string> failedLaunch(const std::string& v) {
+  std::vector<std::string> failedLaunch(const ZMValue& v) {
     auto listener = std::make_shared<RunRecorder>();
     t.runtime->runGame(viewController, "g1", version(v), listener);
     return listener->events();
@@ -149,8 +149,10 @@ class ZMGameRuntimeLaunch : public ::testing::Test {
 };
 
 TEST_F(ZMGameRuntimeLaunch, LaunchFailuresComeSynchronouslyWithTheirTexts) {
-  EXPECT_EQ(failedLaunch(""),
-            std::vector<std::string>{"onRunFailure:missing run option: ZM_KEY_RUN_OPT_VERSION|-1"});
+  for (const ZMValue& missing : {ZMValue(""), ZMValue(1)}) {  // a version that is no text
+    EXPECT_EQ(failedLaunch(missing), std::vector<std::string>{"onRunFailure:missing run option: "
+                                                              "ZM_KEY_RUN_OPT_VERSION|-1"});
+  }
   EXPECT_FALSE(Exists(t.app() + "/g1")) << "nothing is touched before the version is known";
 
   // A version never installed: its directory is made, empty, and the game is not installed.
@@ -209,6 +211,26 @@ TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
   EXPECT_EQ(exitGame("g1"), "onGameExitSuccess");
   EXPECT_EQ(t.runtime->viewController(), nullptr);
   EXPECT_EQ(exitGame("g1"), "onGameExitFailure:no game running|-1");
+
+  // The option as text: true when it starts with y, Y, t or T, or reads as a non-zero number.
+  for (const auto& [text, shown] : std::vector<std::pair<std::string, bool>>{{"yes", true},
+                                                                             {"Yes", true},
+                                                                             {"true", true},
+                                                                             {"True", true},
+                                                                             {"1", true},
+                                                                             {"2", true},
+                                                                             {"no", false},
+                                                                             {"0", false},
+                                                                             {"", false}}) {
+    LogCapture timed;
+    options = version("1.0");
+    options[ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG] = text;
+    EXPECT_EQ(run("g1", options, 2)->last(), "onRunSuccess") << text;
+    for (const std::string message : kTimed) {
+      EXPECT_EQ(shown ? loggedOnceTimed(timed, message) : timed.startingWith(message).empty(), true)
+          << '"' << text << "\" " << message;
+    }
+  }
 }
 
 TEST_F(ZMGameRuntimeLaunch, EnginePermissionCallsReachTheStoreAndQuitRequestsTheHost) {

@@ -33,6 +33,11 @@ struct Result {
     }
     return lines;
   }
+  // The last line (null without one).
+  ZMValue last() const {
+    const auto lines = json();
+    return lines.empty() ? ZMValue() : lines.back();
+  }
   std::vector<std::string> events() const {
     std::vector<std::string> names;
     for (const auto& line : json()) names.push_back(line.value("event", ""));

@@ -55,16 +55,16 @@ TEST_F(TavoCli, GameCycleAcrossInvocationsWithTrace) {
   EXPECT_EQ(trace({"run", "--app", "g", "--version", "1"}).events(),
             (std::vector<std::string>{"onInitializeSuccess", "onGameHandleCreate", "onRunSuccess",
                                       "onGameExitSuccess"}));
-  EXPECT_EQ(trace({"config", "--app", "g"}).json().back()["result"]["deviceOrientation"],
-            "portrait");
+  EXPECT_EQ(trace({"config", "--app", "g"}).last()["result"]["deviceOrientation"], "portrait");
 
   ASSERT_EQ(tavo({"set-data", "--app", "g", "--extend", "x", "--auth", "camera=1"}).status, 0);
-  EXPECT_EQ(trace({"list"}).json().back()["args"][0],
+  EXPECT_EQ(trace({"list"}).last()["args"][0],
             (ZMValue::array({{{ZM_KEY_GAME_ITEM_APP_ID, "g"}, {ZM_KEY_GAME_ITEM_EXTEND, "x"}}})));
+  EXPECT_EQ(trace({"list", "--user", "u2"}).last()["args"][0], ZMValue::array());
 
-  EXPECT_EQ(trace({"remove", "--app", "g"}).json().back(),
+  EXPECT_EQ(trace({"remove", "--app", "g"}).last(),
             (ZMValue{{"event", "onRemoveSuccess"}, {"args", {{"g"}}}}));
-  EXPECT_EQ(trace({"list"}).json().back()["args"][0], ZMValue::array());
+  EXPECT_EQ(trace({"list"}).last()["args"][0], ZMValue::array());
   EXPECT_EQ(tavo({"check", "--app", "g", "--version", "1"}).status, 1);
 
   // The sweep deletes only expired files of the given extensions.
@@ -125,7 +125,7 @@ TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
                      Quote(root) + " set-data --app g$i --extend x >/dev/null 2>&1 & " +
                      "pids=\"$pids $!\"; done; for p in $pids; do wait $p || exit 1; done";
   EXPECT_EQ(std::system(("bash -c " + Quote(many)).c_str()), 0);
-  EXPECT_EQ(trace({"list"}).json().back()["args"][0].size(), 10u);
+  EXPECT_EQ(trace({"list"}).last()["args"][0].size(), 10u);
   // A usage error is neither success nor an operation's failure.
   const Result usage = tavo({"check", "--app", "g"});
   EXPECT_NE(usage.status, 0);
@@ -159,10 +159,9 @@ TEST_F(TavoCli, PluginCycleAgainstTheReferenceService) {
 
   // The fallback answers when the primary cannot be reached.
   const Result installed = trace(plugin({"install", "--provider", "demo", "--version", "1.0"}));
-  EXPECT_EQ(installed.json().back(),
-            (ZMValue{{"event", "onPluginInstallSuccess"}, {"args", {demo}}}));
+  EXPECT_EQ(installed.last(), (ZMValue{{"event", "onPluginInstallSuccess"}, {"args", {demo}}}));
   EXPECT_EQ(ReadFile(root + "/Caches/plugin/demo_1.0/main.js"), "console.log(1)");
-  EXPECT_EQ(trace(plugin({"list"})).json().back()["args"][0],
+  EXPECT_EQ(trace(plugin({"list"})).last()["args"][0],
             ZMValue::array({{{"provider", "demo"},
                              {"version", "1.0"},
                              {"path", root + "/Caches/plugin/demo_1.0"}}}));
@@ -277,7 +276,7 @@ TEST_F(TavoCli, AnInstallKilledMidUnpackLeavesTheInstalledPlugin) {
   EXPECT_EQ(ReadFile(plugins + "/p_1.0/main.js"), "old");
   EXPECT_EQ(ReadFile(config), installed);
   EXPECT_EQ(tavo({"plugin", "check", "--provider", "p", "--version", "1.0"}).status, 0);
-  EXPECT_EQ(trace({"plugin", "list"}).json().back()["args"][0].size(), 1u)
+  EXPECT_EQ(trace({"plugin", "list"}).last()["args"][0].size(), 1u)
       << "the leftover staged directory is no plug-in";
 }
 
