@@ -11,7 +11,8 @@ TEST(ZMGameCheckVersionTask, EveryMismatchIsOneErrorAndASecondCheckCancelsTheFir
   for (const char* content :
        {R"({"rt_game_package_app_id":"g1","rt_game_package_version":"1.0 "})",
         R"({"rt_game_package_app_id":"other","rt_game_package_version":"1.0"})",
-        R"({"rt_game_package_app_id":"g1","rt_game_package_version":1.0})", "not json"}) {
+        R"({"rt_game_package_app_id":"g1","rt_game_package_version":1.0})",
+        R"({"rt_game_package_app_id":1,"rt_game_package_version":"1.0"})", "[]", "not json"}) {
     WriteFile(detail, content);
     EXPECT_EQ(t.checkVersion("g1", "1.0"), kVersionMismatch) << content;
   }

@@ -1,12 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <thread>
-
-#include "merin/MerinGameHandle.h"
-#include "plugin/ZMPluginCheckPackageManager.h"
-#include "support/TestListeners.h"
-#include "support/TestSupport.h"
+#include "PluginFlows.h"
 #include "support/TestZip.h"
 
 namespace {
@@ -26,33 +20,12 @@ struct FakeUnzipEngine : MerinGameHandle {
   }
 };
 
-// Plug-in "p" 1.0 installed under a fresh root, its config naming a prefetched package "h".
-struct PluginCheck : ::testing::Test {
-  TempDir dir;
-  const std::string cache = dir / "cache", plugin = dir / "plugin/p_1.0";
-  const std::string config = plugin + ".detail.json", package = cache + "/h_p_1.0.zip";
-  const ZMValue info = {{"provider", "p"}, {"version", "1.0"}};
-  std::shared_ptr<PluginCheckRecorder> host = std::make_shared<PluginCheckRecorder>();
-
+// Plug-in "p" 1.0 installed, its config naming a prefetched package "h".
+struct PluginCheck : ::testing::Test, PluginFlows {
+  const std::string package = cache + "/h_p_1.0.zip";
   PluginCheck() {
-    fs::create_directories(cache);
     WriteFile(plugin + "/old.txt", "O");
     WriteFile(config, R"({"hash":"old","updateHash":"h","keep":"x"})");
-    MerinGameHandle::install();
-  }
-  ~PluginCheck() override { ZMGameHandle::setInstance(nullptr); }
-  std::shared_ptr<ZMPluginCheckPackageManager> manager() {
-    return std::make_shared<ZMPluginCheckPackageManager>(cache, plugin, host);
-  }
-  // Runs one check to its end: what the host heard, all of it on this (the main) thread.
-  Events check() {
-    auto worker = manager();  // kept to the end: a dropped worker reports nothing
-    worker->execute("p", "1.0", info);
-    // A lost package's failure is followed by a success: wait past it.
-    EXPECT_TRUE(RunUntil([&] { return host->size() > 0 && host->last() != kLost[0]; }));
-    DrainMainQueue();
-    EXPECT_EQ(host->distinctThreads(), std::set{std::this_thread::get_id()});
-    return std::exchange(host, std::make_shared<PluginCheckRecorder>())->events();
   }
 };
 
@@ -86,29 +59,24 @@ TEST_F(ZMPluginCheckPackageManager, InstallsAPrefetchedPackageThroughStagingAndN
 TEST_F(ZMPluginCheckPackageManager, AFailedConfigWriteIsLoggedAndTheInstallIsLost) {
   auto engine = std::make_shared<FakeUnzipEngine>();
   ZMGameHandle::setInstance(engine);
-  const std::pair<std::string, std::function<void(const std::string&)>> cases[] = {
-      {"install update plugin error: Error Domain=NSCocoaErrorDomain",
-       [&](const std::string& dest) {  // unpacks, but the config cannot be replaced
-         fs::create_directories(dest);
-         fs::remove(config);
-         fs::create_directory(config);
-       }},
+  WriteFile(config, R"({"updateHash":"h"})");
+  WriteFile(package, "zip");
+  engine->effect = [&](const std::string& dest) {  // unpacks, but the config cannot be replaced
+    fs::create_directories(dest);
+    fs::remove(config);
+    fs::create_directory(config);
   };
-  for (const auto& [line, effect] : cases) {
-    fs::create_directories(plugin);
-    WriteFile(config, R"({"updateHash":"h"})");
-    WriteFile(package, "zip");
-    engine->effect = effect;
-    LogCapture log;
-    EXPECT_EQ(check(), kLost) << line;
-    EXPECT_EQ(log.startingWith(line).size(), 1u) << line;
-    EXPECT_FALSE(Exists(plugin) || Exists(config) || Exists(package) || Exists(cache + "/p_1.0"));
-  }
+  LogCapture log;
+  EXPECT_EQ(check(), kLost);
+  EXPECT_EQ(log.startingWith("install update plugin error: Error Domain=NSCocoaErrorDomain").size(),
+            1u);
+  EXPECT_FALSE(Exists(plugin) || Exists(config) || Exists(package) || Exists(cache + "/p_1.0"));
 }
 
 TEST_F(ZMPluginCheckPackageManager, CancelSilencesEverything) {
   MakeZip(package, {{"new.txt", "N"}});
-  auto worker = manager();
+  auto host = std::make_shared<PluginCheckRecorder>();
+  auto worker = checker(host);
   worker->execute("p", "1.0", info);
   worker->cancel();
   ASSERT_TRUE(RunUntil([&] { return !Exists(package); })) << "the unpack itself runs to its end";

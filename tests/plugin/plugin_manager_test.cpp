@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <set>
+#include <tuple>
+
 #include "support/TestListeners.h"
 #include "support/TestPluginService.h"
 #include "support/TestRuntime.h"
@@ -18,6 +22,13 @@ class ZMPluginManagerTest : public ::testing::Test {
   std::shared_ptr<ZMPluginManager> manager() {
     return std::dynamic_pointer_cast<ZMPluginManager>(
         t.runtime->getManager("plugin_manager", ZMValue::object()));
+  }
+  std::shared_ptr<ListRecorder> list() {
+    auto listener = std::make_shared<ListRecorder>();
+    manager()->listPlugin(listener);
+    EXPECT_TRUE(RunUntil([&] { return listener->size() > 0; }));
+    DrainMainQueue();
+    return listener;
   }
   void install(const std::string& name) {
     WriteFile(t.plugin() + "/" + name + "/main.js", "x");
@@ -72,31 +83,84 @@ TEST_F(ZMPluginManagerTest, CheckAndInstallValidateInTheirOwnOrdersAndStayInTheR
   EXPECT_TRUE(Exists(t.root() + "/v_1/main.js"));
 }
 
-TEST_F(ZMPluginManagerTest, ListAndRemoveWorkOnThePluginRootAndANewRequestSilencesTheLast) {
-  install("p_1");
-  install("q_2");
-  auto plugins = manager();
-  auto replaced = std::make_shared<ListRecorder>(), listed = std::make_shared<ListRecorder>();
-  plugins->listPlugin(replaced);
-  plugins->listPlugin(listed);
-  ASSERT_TRUE(RunUntil([&] { return listed->size() == 1; }));
-  DrainMainQueue();
-  EXPECT_EQ(replaced->size(), 0u);
-  EXPECT_EQ(listed->items.size(), 2u);
+TEST_F(ZMPluginManagerTest, ListsDirectoriesWithASiblingConfigSplitAtTheFirstUnderscore) {
+  for (const char* name : {"p_1.0", "a_b_c", "q"}) install(name);
+  WriteFile(t.plugin() + "/half_1/main.js", "x");         // no config: not installed
+  WriteFile(t.plugin() + "/orphan_2.detail.json", "{}");  // a config without its directory
+  WriteFile(t.plugin() + "/file_3", "x");                 // a file, even with a config beside it
+  WriteFile(t.plugin() + "/file_3.detail.json", "{}");
+  LogCapture log;
+  auto listed = list();
+  EXPECT_EQ(listed->events(), Events{"onListGameSuccess"});
+  const auto path = [&](const std::string& name) { return t.plugin() + "/" + name; };
+  EXPECT_EQ(std::set<ZMValue>(listed->items.begin(), listed->items.end()),
+            (std::set<ZMValue>{{{"provider", "a"}, {"version", "b_c"}, {"path", path("a_b_c")}},
+                               {{"provider", "p"}, {"version", "1.0"}, {"path", path("p_1.0")}}}));
+  EXPECT_EQ(log.lines(), Events{"q plugin dir name error"});
 
-  auto removal = std::make_shared<PluginRemoveRecorder>();
-  plugins->removePluginList(ZMValue::array({{{"provider", "p"}, {"version", "1"}}}), removal);
-  ASSERT_TRUE(RunUntil([&] { return removal->last() == "success"; }));
-  EXPECT_EQ(ListDir(t.plugin()), (Events{"q_2", "q_2.detail.json"}));
+  std::filesystem::remove_all(t.plugin());
+  EXPECT_EQ(list()->events(), Events{"onListGameFailure:plugin root dir is not exist|0"});
+  WriteFile(t.plugin(), "x");  // a root that cannot be listed holds nothing
+  auto replaced = std::make_shared<ListRecorder>();
+  manager()->listPlugin(replaced);
+  listed = list();
+  EXPECT_EQ(replaced->size(), 0u) << "a newer request silences the one before";
+  EXPECT_EQ(listed->events(), Events{"onListGameSuccess"});
+  EXPECT_EQ(listed->items, ZMValue::array());
+}
+
+TEST_F(ZMPluginManagerTest, RemovesInOrderAndStopsAtTheFirstBadOrUnsafeItem) {
+  const auto info = [](const std::string& provider, const std::string& version) {
+    return ZMValue{{"provider", provider}, {"version", version}};
+  };
+  const ZMValue good = info("good", "1"), ghost = info("ghost", "2"), x = info("x", "1");
+  const std::string empty = "failure:plugin provider or version is empty|0",
+                    unsafe = "failure:plugin provider or version is invalid|0";
+  const std::vector<std::tuple<ZMValue, Events, bool>> rows = {
+      // A plug-in never installed counts as removed.
+      {{good, ghost}, {"start:good", "finish:good", "start:ghost", "finish:ghost", "success"}, 1},
+      {{good, {{"provider", "bad"}}, x}, {"start:good", "finish:good", "start:bad", empty}, 1},
+      {{info("", "1"), good}, {"start:", empty}, 0},
+      {ZMValue::array(), {"success"}, 0},
+      {ZMValue(), {"failure:list is null|0"}, 0},
+      // Names that leave the root delete nothing; at NUL, root/x_1 would be cut to root/x.
+      {{info("../victim", "1"), x}, {"start:../victim", unsafe}, 0},
+      {{info("sub/victim", "1"), x}, {"start:sub/victim", unsafe}, 0},
+      {{info("p", "/../../victim_1"), x}, {"start:p", unsafe}, 0},
+      {{info(std::string("x\0", 2), "1"), x}, {"start:" + std::string("x\0", 2), unsafe}, 0}};
+  const Events installed = {"plugin/good_1", "plugin/x", "plugin/sub/victim_1", "victim_1"};
+  for (const auto& [list, events, goodIsGone] : rows) {
+    std::filesystem::remove_all(t.plugin());
+    for (const auto& name : installed) {
+      WriteFile(t.root() + "/" + name + "/main.js", "x");
+      WriteFile(t.root() + "/" + name + ".detail.json", "{}");
+    }
+    std::filesystem::create_directories(t.plugin() + "/p_");
+    auto removal = std::make_shared<PluginRemoveRecorder>();
+    manager()->removePluginList(list, removal);
+    ASSERT_TRUE(RunUntil([&] { return removal->size() == events.size(); })) << list;
+    DrainMainQueue();
+    EXPECT_EQ(removal->events(), events) << list;
+    for (const auto& name : installed) {
+      const bool gone = goodIsGone && name == "plugin/good_1";
+      const std::string at = t.root() + "/" + name;
+      EXPECT_EQ(Exists(at) + Exists(at + ".detail.json"), gone ? 0 : 2) << name;
+    }
+    if (events.back() == "success") {
+      EXPECT_EQ(removal->removed, list.empty() ? ZMValue::array() : list);
+    }
+  }
 
   // A cancel reaches a removal whose start is already posted: nobody hears of it.
   auto cancelled = std::make_shared<PluginRemoveRecorder>();
-  plugins->removePluginList(ZMValue::array({{{"provider", "q"}, {"version", "2"}}}), cancelled);
-  plugins->cancelPluginRequest();
+  manager()->removePluginList(ZMValue::array({good}), cancelled);
+  manager()->cancelPluginRequest();
   DrainMainQueue();
   EXPECT_EQ(cancelled->size(), 0u);
+}
 
-  // After done(), every request still ends, at once and with a failure.
+TEST_F(ZMPluginManagerTest, AfterDoneEveryRequestEndsAtOnceWithAFailure) {
+  auto plugins = manager();
   plugins->done();
   const ZMValue q = {{"provider", "q"}, {"version", "2"}};
   const std::string done = "plugin manager is done|0";

@@ -4,51 +4,33 @@
 
 #include <algorithm>
 #include <cctype>
-#include <filesystem>
 #include <map>
 
+#include "PluginFlows.h"
 #include "plugin/ZMPluginManager.h"
-#include "runtime/ZMGameConfig.h"
-#include "support/TestPluginService.h"
-#include "support/TestSupport.h"
-#include "tavo/ZMFileUtils.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
-// A plug-in root and a package cache side by side, with "a" 1.0 installed (something for the
-// query to ask about), a game that declares it beside a hostile declaration, and a service.
-struct Layout {
-  TempDir dir;
-  TestPluginService service;
-  std::string root = dir / "home/plugin", cache = dir / "home/cache";
-  Layout() {
-    fs::create_directories(cache);
+// "a" 1.0 installed (something for the query to ask about), and a game that declares it beside a
+// hostile declaration.
+struct Layout : PluginFlows {
+  Layout()
+      : PluginFlows(R"({"plugins":{"a":{"provider":"a","version":"1.0"},)"
+                    R"("x":{"provider":"../x","version":"1.0"}}})") {
     WriteFile(root + "/a_1.0/main.js", "x");
-    WriteFile(config("a"), R"({"hash":"h0","k":1})");
-    WriteFile(dir / "game.config.json", R"({"plugins":{"a":{"provider":"a","version":"1.0"},)"
-                                        R"("x":{"provider":"../x","version":"1.0"}}})");
+    WriteFile(configFile("a"), R"({"hash":"h0","k":1})");
   }
-  std::shared_ptr<ZMPluginCheckUpdateManager> start(std::vector<std::string> hosts) {
-    auto manager = std::make_shared<ZMPluginCheckUpdateManager>(
-        root, cache, std::move(hosts), std::nullopt, "g", "com.example.host", "1.0.0");
-    manager->execute(ZMGameConfig::createGameCofingWithPath(dir / "game.config.json"));
-    return manager;
-  }
-  std::string config(const std::string& id) const {
+  std::string configFile(const std::string& id) const {
     return ZMPluginManager::getPluginConfigFile(root, id, "1.0");
   }
   ZMValue configOf(const std::string& id) const {
-    return ZMFileUtils::readJSONObjectFromFile(config(id)).value_or(nullptr);
+    return ZMFileUtils::readJSONObjectFromFile(configFile(id)).value_or(nullptr);
   }
   std::string package(const std::string& hash, const std::string& id) const {
     return ZMPluginManager::getPluginPackageDownloadPath(cache, id, "1.0", hash);
-  }
-  std::string md5(const std::string& bytes) const {
-    WriteFile(dir / "md5", bytes);
-    return *ZMFileUtils::getFileMD5(dir / "md5");
   }
   std::map<std::string, std::string> files() const {  // every file below, with its bytes
     std::map<std::string, std::string> all;
@@ -97,7 +79,7 @@ TEST(ZMPluginCheckUpdateManager, RecordsSafeEntriesAndDownloadsWhatTheCacheLacks
   at.service.lists("s", entries);
   LogCapture lines;
   auto before = at.files();
-  auto manager = at.start({at.service.host("s")});
+  auto manager = at.prefetch({"s"});
   ASSERT_TRUE(RunUntil([&] { return Exists(at.package(hashes.back(), "f")); }));
   DrainMainQueue();
 
@@ -109,7 +91,7 @@ TEST(ZMPluginCheckUpdateManager, RecordsSafeEntriesAndDownloadsWhatTheCacheLacks
                                      : ZMValue{{"updateHash", hashes[i]}};
     EXPECT_EQ(at.configOf(id), config) << id;  // other keys kept, in place
     EXPECT_EQ(after.contains(package) ? after[package] : "-", rows[i].kept ? id + id : "-") << id;
-    for (auto* files : {&before, &after}) files->erase(package), files->erase(at.config(id));
+    for (auto* files : {&before, &after}) files->erase(package), files->erase(at.configFile(id));
   }
   EXPECT_EQ(after, before) << "nothing else is written, inside the root and cache or outside";
   EXPECT_EQ(lines.startingWith("skip plugin update entry: ").size(), hostile);
@@ -134,8 +116,7 @@ TEST(ZMPluginCheckUpdateManager, AsksTheFallbackOnlyAfterThePrimaryFails) {
     if (row.fallback == "ok") at.service.lists("fallback", entries);
     const bool downloads = row.expected.back() == "GET p";
     auto manager =
-        at.start({row.primary == "down" ? "http://127.0.0.1:9/ced" : at.service.host("primary"),
-                  at.service.host("fallback")});
+        at.prefetch({row.primary == "down" ? "http://127.0.0.1:9/ced" : "primary", "fallback"});
     ASSERT_TRUE(RunUntil([&] {
       return downloads ? Exists(package) : at.service.log().size() == row.expected.size();
     }));
@@ -154,7 +135,7 @@ TEST(ZMPluginCheckUpdateManager, CancelEndsTheQueryOrTheDownloadsForGood) {
                                              Entry("q", at.md5("qq"), service.package("q"))}));
     service.stall(stall);
     const Lines expected = stall == "hash" ? Lines{"primary hash"} : Lines{"primary hash", "GET p"};
-    auto manager = at.start({service.host("primary"), service.host("fallback")});
+    auto manager = at.prefetch({"primary", "fallback"});
     ASSERT_TRUE(RunUntil([&] { return service.log().size() == expected.size(); }));
     manager->cancel();
     service.release();  // the reply now comes, and must change nothing

@@ -254,10 +254,21 @@ TEST_F(ZMSingleThreadFileDownloaderTest, AResumedDownloadContinuesWhileTheServer
   ZMSingleThreadFileDownloader::setResumeDelayForTesting(0.01);
   using Reply = TestRangeServer::Reply;
   const int64_t size = 300000;
-  const std::string body = PatternBody(size), from100k = "bytes=100000-|\"v1\"";
-  const auto cutOnce = [](Reply later) {
-    return [later](int i) { return i == 0 ? Reply{.cutAt = 100000} : later; };
+  const std::string body = PatternBody(size);
+  // The requests a download makes: the first, then one resuming at each offset.
+  const auto asked = [](auto... at) {
+    return std::vector<std::string>{"|", ("bytes=" + std::to_string(at) + "-|\"v1\"")...};
   };
+  // The first request cut at 100000 bytes, the later ones answered as `later`.
+  const auto cutOnce = [](Reply later) {
+    return std::function([later](int i) { return i == 0 ? Reply{.cutAt = 100000} : later; });
+  };
+  // The first `cuts` requests cut 70000 bytes further each, from 50000.
+  const auto cutEach = [](int cuts) {
+    return std::function(
+        [cuts](int i) { return Reply{.cutAt = i < cuts ? 50000 + 70000 * i : -1}; });
+  };
+  const auto noValidator = std::function([](int) { return Reply{.cutAt = 100000, .etag = ""}; });
   struct Case {
     std::string name;
     std::function<Reply(int)> reply;
@@ -267,42 +278,20 @@ TEST_F(ZMSingleThreadFileDownloaderTest, AResumedDownloadContinuesWhileTheServer
     int64_t sent;       // body bytes on the wire, in all
     bool kept = false;  // the bytes stay for a later download
   };
+  const std::string failed = "failure:200|download fail";
   for (const Case& c : std::vector<Case>{
-           {"cut once", cutOnce({}), 3, "success", {"|", from100k}, size},
-           {"cut thrice",
-            [](int i) { return Reply{.cutAt = i < 3 ? 50000 + 70000 * i : -1}; },
-            3,
-            "success",
-            {"|", "bytes=50000-|\"v1\"", "bytes=120000-|\"v1\"", "bytes=190000-|\"v1\""},
-            size},
-           {"attempts run out",
-            [](int i) { return Reply{.cutAt = 50000 + 70000 * i}; },
-            2,
-            "failure:206|download fail",
-            {"|", "bytes=50000-|\"v1\"", "bytes=120000-|\"v1\""},
-            190000,
-            true},
+           {"cut once", cutOnce({}), 3, "success", asked(100000), size},
+           {"cut thrice", cutEach(3), 3, "success", asked(50000, 120000, 190000), size},
+           {"attempts run out", cutEach(9), 2, "failure:206|download fail", asked(50000, 120000),
+            190000, true},
            // The file changed (another ETag) or the server ignores ranges: 200, from byte 0.
-           {"file changed", cutOnce({.etag = "v2"}), 3, "success", {"|", from100k}, 100000 + size},
-           {"ranges ignored",
-            cutOnce({.ranges = false}),
-            3,
-            "success",
-            {"|", from100k},
+           {"file changed", cutOnce({.etag = "v2"}), 3, "success", asked(100000), 100000 + size},
+           {"ranges ignored", cutOnce({.ranges = false}), 3, "success", asked(100000),
             100000 + size},
-           {"range refused",
-            cutOnce({.refuseRange = 416}),
-            3,
-            "failure:416|416",
-            {"|", from100k},
+           {"range refused", cutOnce({.refuseRange = 416}), 3, "failure:416|416", asked(100000),
             100000},
-           {"no validator",
-            [](int) { return Reply{.cutAt = 100000, .etag = ""}; },
-            3,
-            "failure:200|download fail",
-            {"|"},
-            100000},
-           {"resumption off", cutOnce({}), 0, "failure:200|download fail", {"|"}, 100000},
+           {"no validator", noValidator, 3, failed, asked(), 100000},
+           {"resumption off", cutOnce({}), 0, failed, asked(), 100000},
        }) {
     TestRangeServer server(body, c.reply);
     std::remove(savePath.c_str());
@@ -310,29 +299,17 @@ TEST_F(ZMSingleThreadFileDownloaderTest, AResumedDownloadContinuesWhileTheServer
     EXPECT_EQ(recorder->last(), c.end == "success" ? "success:" + savePath : c.end) << c.name;
     EXPECT_EQ(server.requests(), c.requests) << c.name;
     EXPECT_EQ(server.sent(), c.sent) << c.name;
-    if (c.end == "success") {
-      EXPECT_TRUE(ReadFile(savePath) == body) << c.name;
-    }
-    // Progress never goes back, and counts the whole file.
+    // Progress never goes back, and a success counts the whole file.
     for (size_t i = 1; i < recorder->progress.size(); ++i) {
       EXPECT_GE(recorder->progress[i].first, recorder->progress[i - 1].first) << c.name;
     }
     if (c.end == "success") {
+      EXPECT_TRUE(ReadFile(savePath) == body) << c.name;
       EXPECT_EQ(recorder->progress.back(), std::make_pair(size, size)) << c.name;
     }
     EXPECT_EQ(Exists(package + ".partial"), c.kept) << c.name;
     EXPECT_EQ(Exists(package + ".partial.json"), c.kept) << c.name;
   }
-
-  // What a failed download kept is continued by the next one for the same URL and hash, and by
-  // nothing else.
-  TestRangeServer server(body, [](int i) { return Reply{.cutAt = i == 0 ? 100000 : -1}; });
-  EXPECT_EQ(download(server.url(), false, 1)->last(), "success:" + savePath);
-  std::remove(savePath.c_str());
-  TestRangeServer again(body, [](int i) { return Reply{.cutAt = i == 0 ? 100000 : -1}; });
-  auto first = download(again.url(), false, 0);  // no resumption: nothing kept
-  EXPECT_EQ(first->last(), "failure:200|download fail");
-  EXPECT_FALSE(Exists(package + ".partial"));
 
   // A cancel during the wait before a continuation ends the download at once.
   ZMSingleThreadFileDownloader::setResumeDelayForTesting(600);

@@ -3,9 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -72,30 +69,6 @@ std::shared_ptr<Recorder> Download(const std::string& url, double timeout = 60) 
   return recorder;
 }
 
-// A fresh self-signed certificate for 127.0.0.1 and its key, as PEM files: no trust store accepts
-// it.
-void WriteSelfSignedCertificate(const std::string& certificatePath, const std::string& keyPath) {
-  EVP_PKEY* key = EVP_EC_gen("P-256");
-  X509* certificate = X509_new();
-  X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(certificate), 24 * 3600);
-  X509_set_pubkey(certificate, key);
-  X509_NAME* name = X509_get_subject_name(certificate);
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
-  X509_set_issuer_name(certificate, name);
-  FILE* out = std::fopen(certificatePath.c_str(), "w");
-  FILE* keyOut = std::fopen(keyPath.c_str(), "w");
-  if (!X509_sign(certificate, key, EVP_sha256()) || !PEM_write_X509(out, certificate) ||
-      !PEM_write_PrivateKey(keyOut, key, nullptr, nullptr, 0, nullptr, nullptr)) {
-    std::abort();
-  }
-  std::fclose(out);
-  std::fclose(keyOut);
-  X509_free(certificate);
-  EVP_PKEY_free(key);
-}
-
 class ZMURLSessionTest : public ::testing::Test {
  protected:
   ScopedSystemDirectories dirs;
@@ -153,7 +126,13 @@ TEST_F(ZMURLSessionTest, DownloadFollowsRedirectsWithCookiesThroughATemporaryFil
 TEST_F(ZMURLSessionTest, UnsupportedSchemesAndUntrustedServersFail) {
   TestHttpServer plain;  // answers a TLS handshake with plain HTTP
   plain.start();
-  WriteSelfSignedCertificate(dirs.root() / "cert.pem", dirs.root() / "key.pem");
+  // A fresh self-signed certificate for 127.0.0.1: no trust store accepts it.
+  ASSERT_EQ(std::system(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+                         "-subj /CN=127.0.0.1 -days 1 -keyout " +
+                         Quote(dirs.root() / "key.pem") + " -out " +
+                         Quote(dirs.root() / "cert.pem") + " 2> /dev/null")
+                            .c_str()),
+            0);
   TestHttpServer untrusted(dirs.root() / "cert.pem", dirs.root() / "key.pem");
   untrusted.Get("/", [](const auto&, auto& res) { res.set_content("secret", "text/plain"); });
   untrusted.start();
