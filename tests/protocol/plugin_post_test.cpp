@@ -135,25 +135,14 @@ TEST(ZMPluginProtocolPostUrl, SendsTheFormRawOnlyTheReplyCodeCountsAndCancelledR
   for (const auto& recorder : recorders) EXPECT_EQ(recorder->size(), 1u);
 
   service.answer("s", R"({"code":200,"plugin_results":[)" + kMatch + "," + kOther + "]}");
-  const auto cancelled = [&] { return log.startingWith("post url request has been canceled"); };
-
-  // A second execution cancels the first: one cancellation line, only the second reported.
+  // cancel(), as a cancelled install calls it: logged, and nothing is reported.
   auto recorder = std::make_shared<UrlRecorder>();
   auto query = Query(service.host("s"), recorder);
   query->execute("p", "1.0");
-  query->execute("p", "2.0");
-  ASSERT_TRUE(RunUntil([&] { return recorder->size() == 1 && cancelled().size() == 1; }));
-  // cancel(): the cancellation is logged, nothing is reported.
-  query->execute("p", "1.0");
   query->cancel();
-  ASSERT_TRUE(RunUntil([&] { return cancelled().size() == 2; }));
-  // A released query: its request still runs, its reply goes nowhere.
-  auto released = std::make_shared<UrlRecorder>();
-  Query(service.host("s"), released)->execute("p", "1.0");
+  ASSERT_TRUE(RunUntil([&] { return log.contains("post url request has been canceled"); }));
   DrainMainQueue();
-  EXPECT_EQ(recorder->events(), std::vector<std::string>{"success:p|2.0|h2|u2"});
-  EXPECT_EQ(released->size(), 0u);
-  EXPECT_EQ(cancelled().size(), 2u);
+  EXPECT_EQ(recorder->size(), 0u);
 }
 
 TEST(ZMPluginProtocolPostUrl, AHostileReplyEndsInAFailureWithinItsBounds) {
@@ -262,17 +251,12 @@ TEST(ZMPluginProtocolPostHash, AsksOnlyAboutInstalledPluginsWithAHashAndReportsT
     EXPECT_EQ(log.startingWith(line).size(), 1u) << line;
   }
 
-  // A second execution cancels the first, cancel() silences the next: one report in all.
-  const auto cancelled = [&] { return log.startingWith("post hash request has been canceled"); };
-  root.service.answer("s", R"({"code":200,"plugin_results":[]})");
+  // cancel(), as a cancelled update calls it: logged, and nothing is reported.
   recorder = std::make_shared<HashRecorder>();
   query = root.query(recorder);
   query->execute(Config({"a 1.0"}));
-  query->execute(Config({"e 0.1"}));
-  ASSERT_TRUE(RunUntil([&] { return recorder->size() == 1 && cancelled().size() == 1; }));
-  query->execute(Config({"a 1.0"}));
   query->cancel();
-  ASSERT_TRUE(RunUntil([&] { return cancelled().size() == 2; }));
+  ASSERT_TRUE(RunUntil([&] { return log.contains("post hash request has been canceled"); }));
   DrainMainQueue();
-  EXPECT_EQ(recorder->events(), std::vector<std::string>{"list:[]"});
+  EXPECT_EQ(recorder->size(), 0u);
 }
