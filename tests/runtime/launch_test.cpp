@@ -21,7 +21,7 @@ namespace {
 // puts in the slot only forwards to it and is owned by the slot alone, as an engine's is.
 class FakeEngine {
  public:
-  std::optional<ZMError> runFailure, exitFailure;
+  std::optional<ZMError> runFailure;
   std::shared_future<void> gate;  // when valid, the engine reports nothing before it is ready
 
   static std::shared_ptr<FakeEngine> install() {
@@ -60,12 +60,7 @@ class FakeEngine {
         if (l) l->onGameViewCreated(nullptr), l->onRunSuccess();
       });
     }
-    void exitGame(const std::string&, std::weak_ptr<ZMCoreExitListener> listener) override {
-      e->report([e = e.get(), listener] {
-        auto l = listener.lock();
-        if (l) e->exitFailure ? l->onCoreExitFailure(*e->exitFailure) : l->onCoreExitSuccess();
-      });
-    }
+    void exitGame(const std::string&, std::weak_ptr<ZMCoreExitListener>) override {}
     std::optional<std::string> getAppId() override {
       std::lock_guard lock(e->mutex_);
       return e->appId_;
@@ -279,9 +274,6 @@ TEST_F(ZMGameRuntimeLaunch, EngineReportsAreRelayedWhateverHappensMeanwhile) {
   EXPECT_EQ(listener->events(), std::vector<std::string>{"onRunFailure:engine exploded|7"});
   EXPECT_NE(listener->threads()[0], std::this_thread::get_id());
   EXPECT_FALSE(record("g1")->played);
-
-  fake->exitFailure = ZMError("cannot leave", 3);
-  EXPECT_EQ(exitGame("g1"), "onGameExitFailure:cannot leave|3");
 
   // A play is not counted once the host's listener is gone.
   fake->runFailure.reset();

@@ -45,51 +45,32 @@ TEST_F(ZMGameRuntimeCreate, DefaultRootsFollowSystemDirectoriesAndGetInstanceNee
   EXPECT_EQ(Raised([] { ZMGameRuntime::getInstance(); }), uninitialized);
 }
 
-TEST_F(ZMGameRuntimeCreate, PathGettersCreateOnlyTheirDirectories) {
-  TestRuntime t;
-  auto& r = *t.runtime;
-  r.getUserDataDirPath("g7");
-  r.getAppDirPath("g7");
-  EXPECT_FALSE(Exists(t.user() + "/u1_g7") || Exists(t.app() + "/g7"));
-  r.getAppDetailFile("g7");
-  EXPECT_TRUE(Exists(t.app() + "/g7"));
-  EXPECT_FALSE(Exists(t.app() + "/g7/detail.json"));
-  EXPECT_EQ(r.getAppPackageDir("g7", "1.0.2"), t.app() + "/g7/1.0.2");
-  EXPECT_TRUE(Exists(t.app() + "/g7/1.0.2"));
-
-  // A getter whose directory cannot be made logs and still answers.
-  WriteFile(t.app() + "/blocked", "x");
-  LogCapture log;
-  EXPECT_EQ(r.getAppDir("blocked"), t.app() + "/blocked");
-  EXPECT_TRUE(log.contains(t.app() + "/blocked is a file"));
-}
-
-TEST_F(ZMGameRuntimeCreate, RootThatIsAFileReachesOnInitializeFailure) {
+// Each reaches the host as exactly one failure, and the runtime stays held.
+TEST_F(ZMGameRuntimeCreate, InitFailuresReachTheHostOnce) {
+  const auto failure = [](const std::string& user, const ZMValue& options) {
+    auto listener = std::make_shared<InitRecorder>();
+    ZMZimoGame::initRuntime(user, options, listener);
+    EXPECT_NE(ZMZimoGame::getRuntime(), nullptr);
+    return listener->events();
+  };
+  using Events = std::vector<std::string>;
+  EXPECT_EQ(failure("../escape", ZMValue()),
+            Events{"onInitializeFailure:init fail|invalid user id"});
+  EXPECT_FALSE(Exists(dirs.caches() + "/app")) << "nothing is made for a user id that is refused";
   // The core root is made by the runtime, the plug-in root by its manager at the init event.
   for (const char* key : {ZM_KEY_STORAGE_PATH_CORE, ZM_KEY_STORAGE_PATH_PLUGIN}) {
     const std::string file = dirs.root() / key;
     WriteFile(file, "x");
-    auto listener = std::make_shared<InitRecorder>();
-    ZMZimoGame::initRuntime("u1", {{key, file}}, listener);
-    EXPECT_EQ(listener->events(),
-              std::vector<std::string>{"onInitializeFailure:NSInvalidArgumentException|" + file +
-                                       " is a file"})
-        << key;
-    EXPECT_NE(ZMZimoGame::getRuntime(), nullptr) << "the runtime stays held";
+    EXPECT_EQ(failure("u1", {{key, file}}),
+              Events{"onInitializeFailure:NSInvalidArgumentException|" + file + " is a file"});
   }
-}
-
-TEST_F(ZMGameRuntimeCreate, UnopenableStoreGivesExactlyOneFailure) {
+  fs::remove(dirs.documents() + "/zimo_client_sdk.db");
   WriteFile(dirs.documents() + "/zimo_client_sdk.db/inside", "");  // a directory, not a file
-  auto listener = std::make_shared<InitRecorder>();
-  ZMZimoGame::initRuntime("u1", ZMValue(), listener);
-  EXPECT_EQ(listener->events(),
-            std::vector<std::string>{"onInitializeFailure:init fail|create database error"});
-  auto runtime = ZMGameRuntime::getInstance();
-  // Without roots every path is empty: nothing is made relative to the working directory.
-  EXPECT_EQ((std::vector{runtime->getAppPackageDir("g7", "1"), runtime->getAppDetailFile("g7"),
-                         runtime->getUserTempDirPath("g7")}),
-            std::vector<std::string>(3));
+  EXPECT_EQ(failure("u1", ZMValue()),
+            Events{"onInitializeFailure:init fail|create database error"});
+  // Without a store there are no roots: a launch makes nothing relative to the working directory.
+  ZMZimoGame::getRuntime()->runGame(nullptr, "g7", {{ZM_KEY_RUN_OPT_VERSION, "1"}},
+                                    std::make_shared<RunRecorder>());
   EXPECT_FALSE(Exists(fs::current_path() / "g7"));
 }
 
@@ -137,14 +118,6 @@ TEST_F(ZMGameRuntimeCreate, TrustedKeysAreMinisignPublicKeysOrNothing) {
       EXPECT_EQ(runtime->layout()->packageTrust.requiresSignatures(), c.required) << c.keys;
     }
   }
-}
-
-TEST_F(ZMGameRuntimeCreate, UserIdThatWouldLeaveTheRootsIsRefused) {
-  auto listener = std::make_shared<InitRecorder>();
-  ZMZimoGame::initRuntime("../escape", ZMValue(), listener);
-  EXPECT_EQ(listener->events(),
-            std::vector<std::string>{"onInitializeFailure:init fail|invalid user id"});
-  EXPECT_FALSE(Exists(dirs.caches() + "/app"));
 }
 
 }  // namespace
