@@ -1,8 +1,6 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
+
+#include <cstdlib>
 
 #include "storage/ZMDatabaseHelper.h"
 #include "support/TestRuntime.h"
@@ -14,13 +12,8 @@ using Events = std::vector<std::string>;
 
 // Sets or clears the immutable flag, which even root cannot get past; false where unsupported.
 bool SetImmutable(const std::string& path, bool on) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  int flags = 0;
-  bool done = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-  flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-  done = done && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-  if (fd >= 0) ::close(fd);
-  return done;
+  return std::system(
+             ((on ? "chattr +i " : "chattr -i ") + Quote(path) + " 2> /dev/null").c_str()) == 0;
 }
 
 TEST(ZMGameUninstallPackageTask, RecordsGoBeforeFilesAndAFailedDeletionEndsTheRun) {
