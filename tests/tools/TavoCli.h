@@ -16,8 +16,22 @@
 #include <string>
 #include <vector>
 
+#include "support/TestPluginService.h"
 #include "support/TestSupport.h"
 #include "tavo/tavo.h"
+
+using Names = std::vector<std::string>;
+
+inline std::string Md5(const std::string& path) {
+  return ZMFileUtils::getFileMD5(path).value_or("");
+}
+
+// Has the service host "s" list plug-in p 1.0 as the package `zip`, fetched from `url`.
+inline void ListP(TestPluginService& service, const std::string& zip, const std::string& url) {
+  service.lists(
+      "s",
+      ZMValue::array({{{"plugin_id", "p"}, {"version", "1.0"}, {"hash", Md5(zip)}, {"url", url}}}));
+}
 
 struct Result {
   int status = -1;
@@ -38,8 +52,8 @@ struct Result {
     const auto lines = json();
     return lines.empty() ? ZMValue() : lines.back();
   }
-  std::vector<std::string> events() const {
-    std::vector<std::string> names;
+  Names events() const {
+    Names names;
     for (const auto& line : json()) names.push_back(line.value("event", ""));
     return names;
   }
@@ -64,6 +78,11 @@ class TavoCli : public ::testing::Test {
     Result r = tavo(args);
     EXPECT_EQ(r.status, 0) << args[0] << ": " << r.err;
     return r;
+  }
+  // `tavo plugin install` of p 1.0 from the service host "s".
+  static Names InstallP(TestPluginService& service) {
+    return {"plugin",    "install", "--provider",       "p",
+            "--version", "1.0",     "--plugin-service", service.host("s")};
   }
 };
 

@@ -1,21 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "TavoCli.h"
 #include "support/TestHttpServer.h"
-#include "support/TestPluginService.h"
 #include "support/TestRangeServer.h"
-#include "support/TestSupport.h"
 #include "support/TestZip.h"
-#include "tavo/tavo.h"
 
 namespace {
 
@@ -23,15 +15,13 @@ TEST_F(TavoCli, GameCycleAcrossInvocationsWithTrace) {
   MakeGamePackage(dir / "g.zip", R"({"deviceOrientation":"portrait"})",
                   {{"big.bin", PatternBody(3 << 20)}});
   const std::string body = ReadFile(dir / "g.zip");
-  const std::unique_ptr<char, decltype(&std::free)> hash(
-      FileMD5HashCreateWithPath((dir / "g.zip").c_str(), 0), &std::free);
   TestHttpServer server;
   server.Get("/g.zip", [&](const auto&, auto& res) { res.set_content(body, "application/zip"); });
   server.start();
 
   // Each invocation starts from what the previous ones left under the root.
   const auto lines = trace({"download", "--app", "g", "--version", "1", "--url",
-                            server.url("/g.zip"), "--hash", hash.get()})
+                            server.url("/g.zip"), "--hash", Md5(dir / "g.zip")})
                          .json();
   ASSERT_GE(lines.size(), 4u);
   EXPECT_EQ(lines[0], (ZMValue{{"event", "onInitializeSuccess"}, {"args", {"ZMZimoGameRuntime"}}}));
@@ -47,14 +37,13 @@ TEST_F(TavoCli, GameCycleAcrossInvocationsWithTrace) {
   const std::string package = root + "/tmp/g.1.zgp";
   EXPECT_EQ(lines.back(), (ZMValue{{"event", "onDownloadSuccess"}, {"args", {package}}}));
 
-  EXPECT_EQ(
-      trace({"install", "--app", "g", "--version", "1", "--package", package}).events(),
-      (std::vector<std::string>{"onInitializeSuccess", "onInstallStart", "onInstallSuccess"}));
+  EXPECT_EQ(trace({"install", "--app", "g", "--version", "1", "--package", package}).events(),
+            (Names{"onInitializeSuccess", "onInstallStart", "onInstallSuccess"}));
   EXPECT_EQ(tavo({"check", "--app", "g", "--version", "1"}).status, 0);
 
-  EXPECT_EQ(trace({"run", "--app", "g", "--version", "1"}).events(),
-            (std::vector<std::string>{"onInitializeSuccess", "onGameHandleCreate", "onRunSuccess",
-                                      "onGameExitSuccess"}));
+  EXPECT_EQ(
+      trace({"run", "--app", "g", "--version", "1"}).events(),
+      (Names{"onInitializeSuccess", "onGameHandleCreate", "onRunSuccess", "onGameExitSuccess"}));
   EXPECT_EQ(trace({"config", "--app", "g"}).last()["result"]["deviceOrientation"], "portrait");
 
   ASSERT_EQ(tavo({"set-data", "--app", "g", "--extend", "x", "--auth", "camera=1"}).status, 0);
@@ -72,10 +61,10 @@ TEST_F(TavoCli, GameCycleAcrossInvocationsWithTrace) {
   SetAgeSeconds(root + "/tmp/old.zgp", 7200);
   SetAgeSeconds(root + "/tmp/old.tmp", 7200);
   const Result r = trace({"sweep", "--ext", "zgp", "--keep-minutes", "60"});
-  EXPECT_EQ(r.events(), (std::vector<std::string>{"onInitializeSuccess", "onCheckStart",
-                                                  "onCheckProgress", "onCheckSuccess"}));
+  EXPECT_EQ(r.events(),
+            (Names{"onInitializeSuccess", "onCheckStart", "onCheckProgress", "onCheckSuccess"}));
   EXPECT_EQ(r.json()[2]["args"][0], root + "/tmp/old.zgp");
-  EXPECT_EQ(ListDir(root + "/tmp"), (std::vector<std::string>{"new.zgp", "old.tmp"}));
+  EXPECT_EQ(ListDir(root + "/tmp"), (Names{"new.zgp", "old.tmp"}));
 }
 
 TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
@@ -95,7 +84,7 @@ TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
 
   // Failures exit with 1 and the error on stderr.
   struct Case {
-    std::vector<std::string> args;
+    Names args;
     std::string stderrHas;
   };
   for (const Case& c : std::vector<Case>{
@@ -147,15 +136,14 @@ TEST_F(TavoCli, PluginCycleAgainstTheReferenceService) {
   MakeZip(dir / "pk/demo_1.0.zip", {{"main.js", "console.log(1)"}});
   ServedPlugins service(dir / "pk", dir / "serve.log");
   ASSERT_TRUE(service.url.ends_with("/ced")) << service.url;
-  const std::vector<std::string> at = {"--plugin-service", "http://127.0.0.1:1/ced",
-                                       "--plugin-service", service.url};
-  auto plugin = [&](std::vector<std::string> args) {
+  const Names at = {"--plugin-service", "http://127.0.0.1:1/ced", "--plugin-service", service.url};
+  auto plugin = [&](Names args) {
     args.insert(args.begin(), "plugin");
     args.insert(args.end(), at.begin(), at.end());
     return args;
   };
   const ZMValue demo = {{"provider", "demo"}, {"version", "1.0"}};
-  using Names = std::vector<std::string>;
+  using Names = Names;
 
   // The fallback answers when the primary cannot be reached.
   const Result installed = trace(plugin({"install", "--provider", "demo", "--version", "1.0"}));
@@ -194,20 +182,16 @@ TEST_F(TavoCli, ProcessesSharingOneRootAllSucceed) {
   const std::string game = RandomBytes(4 << 20, 7);
   WriteFile(dir / "g.zip", game);
   MakeZip(dir / "p.zip", {{"main.js", "new"}, {"lib/x.so", RandomBytes(1 << 20, 8)}});
-  const auto md5 = [&](const std::string& file) { return *ZMFileUtils::getFileMD5(dir / file); };
   TestPluginService service;
   service.serve("g.zip", game);
   service.serve("p.zip", ReadFile(dir / "p.zip"));
-  service.lists("s", ZMValue::array({{{"plugin_id", "p"},
-                                      {"version", "1.0"},
-                                      {"hash", md5("p.zip")},
-                                      {"url", service.package("p.zip")}}}));
+  ListP(service, dir / "p.zip", service.package("p.zip"));
   std::string script;
   for (int i = 0; i < 4; ++i) {
     for (const auto& [kind, args] : std::vector<std::pair<std::string, std::string>>{
              // Resumable: one of them writes the partial download, the others files of their own.
              {"d", "download --app g --version 1 --url " + service.package("g.zip") + " --hash " +
-                       md5("g.zip") + " --resume 2"},
+                       Md5(dir / "g.zip") + " --resume 2"},
              {"p",
               "plugin install --provider p --version 1.0 --plugin-service " + service.host("s")}}) {
       script += "(" + Quote(TAVO_BINARY) + " " + args + " --root " + Quote(root) +
@@ -222,10 +206,9 @@ TEST_F(TavoCli, ProcessesSharingOneRootAllSucceed) {
     }
   }
   EXPECT_EQ(ReadFile(dir / "err"), "");
-  EXPECT_EQ(ListDir(root + "/tmp"), std::vector<std::string>{"g.1.zgp"});
+  EXPECT_EQ(ListDir(root + "/tmp"), Names{"g.1.zgp"});
   EXPECT_TRUE(ReadFile(root + "/tmp/g.1.zgp") == game);
-  EXPECT_EQ(ListDir(root + "/Caches/plugin"),
-            (std::vector<std::string>{"p_1.0", "p_1.0.detail.json"}));
+  EXPECT_EQ(ListDir(root + "/Caches/plugin"), (Names{"p_1.0", "p_1.0.detail.json"}));
   EXPECT_EQ(ReadFile(root + "/Caches/plugin/p_1.0/main.js"), "new");
 }
 
@@ -239,21 +222,16 @@ TEST_F(TavoCli, AnInstallKilledMidUnpackLeavesTheInstalledPlugin) {
   TestPluginService service;
   const auto offer = [&](const std::string& file) {
     service.serve(file, ReadFile(dir / file));
-    service.lists("s", ZMValue::array({{{"plugin_id", "p"},
-                                        {"version", "1.0"},
-                                        {"hash", *ZMFileUtils::getFileMD5(dir / file)},
-                                        {"url", service.package(file)}}}));
+    ListP(service, dir / file, service.package(file));
   };
-  const std::vector<std::string> install = {
-      "plugin",    "install", "--provider",       "p",
-      "--version", "1.0",     "--plugin-service", service.host("s")};
+  const Names install = InstallP(service);
   offer("old.zip");
   ASSERT_EQ(tavo(install).status, 0);
   const std::string plugins = root + "/Caches/plugin", config = plugins + "/p_1.0.detail.json";
   const std::string installed = ReadFile(config);
 
   offer("new.zip");
-  std::vector<std::string> args = install;
+  Names args = install;
   args.insert(args.end(), {"--root", root});
   TavoChild child(args, dir / "install.err");
   // Killed once the staged unpack holds some of the new files.
@@ -272,7 +250,7 @@ TEST_F(TavoCli, AnInstallKilledMidUnpackLeavesTheInstalledPlugin) {
   ASSERT_TRUE(midway) << "the unpack was never seen under way";
   ASSERT_FALSE(Exists(plugins + "/p_1.0/f")) << "killed too late";
 
-  EXPECT_EQ(ListDir(plugins + "/p_1.0"), (std::vector<std::string>{"main.js", "old_only.js"}));
+  EXPECT_EQ(ListDir(plugins + "/p_1.0"), (Names{"main.js", "old_only.js"}));
   EXPECT_EQ(ReadFile(plugins + "/p_1.0/main.js"), "old");
   EXPECT_EQ(ReadFile(config), installed);
   EXPECT_EQ(tavo({"plugin", "check", "--provider", "p", "--version", "1.0"}).status, 0);
@@ -293,14 +271,11 @@ TEST_F(TavoCli, AKilledDownloadIsContinuedByTheNextProcess) {
     }
   }
   const int64_t size = int64_t{200} << 20;
-  const std::unique_ptr<char, decltype(&std::free)> hash(FileMD5HashCreateWithPath(file.c_str(), 0),
-                                                         &std::free);
   TestRangeServer server("");
   server.serveFile(file, std::chrono::milliseconds(5));
-  const std::vector<std::string> download = {"download", "--app",    "g",          "--version",
-                                             "1",        "--url",    server.url(), "--hash",
-                                             hash.get(), "--resume", "3"};
-  std::vector<std::string> args = download;
+  const Names download = {"download",   "--app",  "g",       "--version", "1", "--url",
+                          server.url(), "--hash", Md5(file), "--resume",  "3"};
+  Names args = download;
   args.insert(args.end(), {"--root", root});
   TavoChild child(args, dir / "download.err");
   const std::string partial = root + "/tmp/g.1.zgp.partial";
@@ -317,7 +292,7 @@ TEST_F(TavoCli, AKilledDownloadIsContinuedByTheNextProcess) {
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(server.sent() - before, size - kept) << "only the rest is sent again";
   EXPECT_EQ(server.requests().back(), "bytes=" + std::to_string(kept) + "-|\"v1\"");
-  EXPECT_EQ(ListDir(root + "/tmp"), std::vector<std::string>{"g.1.zgp"});
+  EXPECT_EQ(ListDir(root + "/tmp"), Names{"g.1.zgp"});
   EXPECT_NE(r.out.find("download resumes at " + std::to_string(kept) + " bytes"), std::string::npos)
       << r.out;
 
@@ -327,15 +302,11 @@ TEST_F(TavoCli, AKilledDownloadIsContinuedByTheNextProcess) {
     return TestRangeServer::Reply{.cutAt = i == 0 ? 1000 : -1};
   });
   TestPluginService service;
-  service.lists("s", ZMValue::array({{{"plugin_id", "p"},
-                                      {"version", "1.0"},
-                                      {"hash", *ZMFileUtils::getFileMD5(dir / "p.zip")},
-                                      {"url", cutting.url()}}}));
-  EXPECT_EQ(tavo({"plugin", "install", "--provider", "p", "--version", "1.0", "--plugin-service",
-                  service.host("s"), "--resume", "1"})
-                .status,
-            0);
-  EXPECT_EQ(cutting.requests(), (std::vector<std::string>{"|", "bytes=1000-|\"v1\""}));
+  ListP(service, dir / "p.zip", cutting.url());
+  Names resume = InstallP(service);
+  resume.insert(resume.end(), {"--resume", "1"});
+  EXPECT_EQ(tavo(resume).status, 0);
+  EXPECT_EQ(cutting.requests(), (Names{"|", "bytes=1000-|\"v1\""}));
 }
 
 }  // namespace
