@@ -169,6 +169,44 @@ def hand_built():
     row("hand-encrypted-directory.zip", "refused: central directory is encrypted", "-")
 
 
+def refused_whole():
+    """Archives refused: an entry whose name leaves the destination among good ones (before the
+    destination is made), data that fails its check (stored and deflated entries read whole, and
+    one large enough to be streamed), a cut or empty file, and directories nested one level past
+    the bound (one level less installs)."""
+    unix = 3
+    good = [(b"first.txt", b"ok", unix, 0o100644, b""), (b"dir/", b"", unix, 0o40755, b"")]
+    for archive, name in [("hand-escape.zip", "../evil"), ("hand-escape-inner.zip", "a/../../evil"),
+                          ("hand-escape-absolute.zip", f"{OUT}/abs-evil"),
+                          ("hand-escape-directory.zip", "../")]:
+        mode = 0o40755 if name.endswith("/") else 0o100644
+        by_hand(archive, good + [(name.encode(), b"x", unix, mode, b""),
+                                 (b"last.txt", b"ok", unix, 0o100644, b"")])
+        row(archive, f"refused: refusing unsafe entry name \"{name}\"", "-")
+    numbers = "".join(f"{i * 7919 % 10007}\n" for i in range(20000)).encode()
+    for archive, data, method in [("corrupt-stored.zip", os.urandom(64 * 1024), zipfile.ZIP_STORED),
+                                  ("corrupt-deflated.zip", numbers, zipfile.ZIP_DEFLATED),
+                                  ("corrupt-streamed.zip", os.urandom(2 << 20), zipfile.ZIP_STORED)]:
+        with zipfile.ZipFile(f"{OUT}/{archive}", "w", method) as z:
+            z.writestr("a.bin", data)
+            z.writestr("b.txt", "b")
+        corrupt = bytearray(open(f"{OUT}/{archive}", "rb").read())
+        corrupt[1000] ^= 0x55
+        open(f"{OUT}/{archive}", "wb").write(corrupt)
+        row(archive, "refused: cannot extract \"a.bin\" from zip archive", "-")
+    whole = open(f"{OUT}/corrupt-stored.zip", "rb").read()
+    open(f"{OUT}/truncated.zip", "wb").write(whole[:len(whole) // 2])
+    row("truncated.zip", "refused: cannot open zip archive", "-")
+    open(f"{OUT}/empty.zip", "wb").close()
+    row("empty.zip", "refused: no entries in zip archive", "-")
+    for depth, expected in [(255, "installed"), (3000, "refused: nested deeper than 256 directories")]:
+        with zipfile.ZipFile(f"{OUT}/nested-{depth}.zip", "w") as z:
+            for level in range(1, depth + 1):
+                z.writestr(zipfile.ZipInfo("d/" * level), "")
+            z.writestr("d/" * depth + "leaf.txt", "leaf")
+        row(f"nested-{depth}.zip", expected)
+
+
 def encrypted_directory():
     """An archive whose central directory is encrypted: masked local header (bit 13), an archive
     extra data record before opaque directory bytes, a Zip64 end record needing version 6.2 and a
@@ -196,6 +234,7 @@ def main():
         print("missing tools: " + " ".join(missing))
         sys.exit(77)
     hand_built()
+    refused_whole()
     shutil.rmtree(TREE)
     with open(f"{OUT}/manifest.tsv", "w") as f:
         f.writelines(f"{a}\t{r}\t{e}\n" for a, r, e in rows)

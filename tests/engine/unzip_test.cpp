@@ -76,26 +76,6 @@ TEST_F(MerinUnzip, ExtractsEveryEntryByteExactWithProgress) {
   EXPECT_EQ(report->distinctThreads().count(std::this_thread::get_id()), 0u);
 }
 
-TEST_F(MerinUnzip, RefusesHostileArchivesBeforeWritingAnything) {
-  // Every hostile name below lands in "box", next to the destination.
-  const std::string box = dir_ / "box";
-  const std::string dest = box + "/dest";
-  fs::create_directories(box);
-  const std::string absolute = box + "/abs-evil";
-  for (const auto& [hostile, expected] : std::vector<std::pair<ZipEntry, std::string>>{
-           {{"../evil", "x"}, "refusing unsafe entry name \"../evil\""},
-           {{"a/../../evil", "x"}, "refusing unsafe entry name \"a/../../evil\""},
-           {{absolute, "x"}, "refusing unsafe entry name \"" + absolute + "\""},
-           {{"..", "", true}, "refusing unsafe entry name \"../\""},
-           {{"link", box, false, true}, "refusing symbolic link entry \"link\""}}) {
-    MakeZip(dir_ / "pkg.zip",
-            {{"first.txt", "ok"}, {"dir/", "", true}, hostile, {"last.txt", "ok"}});
-    const std::string message = unzip(dir_ / "pkg.zip", dest)->last();
-    EXPECT_NE(message.find("failed: " + expected), std::string::npos) << message;
-    EXPECT_TRUE(ListDir(box).empty()) << "not even the destination is made";
-  }
-}
-
 TEST_F(MerinUnzip, NeverFollowsSymbolicLinksFoundInTheDestination) {
   const std::string dest = dir_ / "dest";
   const std::string outside = dir_ / "outside";
@@ -113,40 +93,14 @@ TEST_F(MerinUnzip, NeverFollowsSymbolicLinksFoundInTheDestination) {
   EXPECT_EQ(ReadFile(outside + "/target.txt"), "precious");
 }
 
-TEST_F(MerinUnzip, ReportsUnreadableArchivesWithTheReason) {
-  MakeZip(dir_ / "good.zip", {{"a.bin", RandomBytes(64 * 1024, 2)}, {"b.txt", "b"}});
-  const std::string good = ReadFile(dir_ / "good.zip");
-  WriteFile(dir_ / "truncated.zip", good.substr(0, good.size() / 2));
-  std::string numbers;
-  for (int i = 0; i < 20000; ++i) numbers += std::to_string(i * 7919 % 10007) + "\n";
-  const std::string unextractable = "cannot extract \"a.bin\" from zip archive";
-  // Archives that open, but whose first entry's data fails its check (stored and deflated
-  // entries read whole, and one large enough to be streamed), and ones that do not open.
-  for (const auto& [zip, data, expected] :
-       std::vector<std::tuple<std::string, std::string, std::string>>{
-           {"corrupt.zip", RandomBytes(64 * 1024, 2), unextractable},
-           {"corrupt-deflated.zip", numbers, unextractable},
-           {"corrupt-streamed.zip", RandomBytes(2 * 1024 * 1024, 4), unextractable},
-           {"missing.zip", "", "cannot open zip archive"},
-           {"truncated.zip", "", "cannot open zip archive"}}) {
-    if (!data.empty()) {
-      MakeZip(dir_ / zip, {{"a.bin", data}, {"b.txt", "b"}});
-      std::string bytes = ReadFile(dir_ / zip);
-      bytes[1000] = static_cast<char>(bytes[1000] ^ 0x55);
-      WriteFile(dir_ / zip, bytes);
-    }
-    const std::string message = unzip(dir_ / zip, dir_ / "dest")->last();
-    const std::string prefix = "failed: " + expected + " \"" + (dir_ / zip) + "\": ";
-    EXPECT_TRUE(message.starts_with(prefix)) << message;
-    EXPECT_GT(message.size(), prefix.size()) << "the libzip reason follows";
-  }
-  // A zero-byte file opens as an archive without entries: nothing to install is a failure.
-  WriteFile(dir_ / "empty.zip", "");
-  EXPECT_EQ(unzip(dir_ / "empty.zip", dir_ / "dest")->last(),
-            "failed: no entries in zip archive \"" + (dir_ / "empty.zip") + "\"");
+TEST_F(MerinUnzip, ReportsAnArchiveThatCannotBeOpenedWithTheReason) {
+  const std::string prefix = "failed: cannot open zip archive \"" + (dir_ / "missing.zip") + "\": ";
+  const std::string message = unzip(dir_ / "missing.zip", dir_ / "dest")->last();
+  EXPECT_TRUE(message.starts_with(prefix)) << message;
+  EXPECT_GT(message.size(), prefix.size()) << "the libzip reason follows";
 }
 
-TEST_F(MerinUnzip, BoundsWhatAnArchiveCanMakeItWrite) {
+TEST_F(MerinUnzip, AnEntryNeverGetsPastTheSizeItDeclares) {
   // An entry holding more (or less) than it declares never gets past its declared size, read
   // whole or streamed.
   for (const auto& [bytes, declared, expected] :
@@ -164,24 +118,6 @@ TEST_F(MerinUnzip, BoundsWhatAnArchiveCanMakeItWrite) {
     const std::string written = dir_ / "liar/big.bin";
     EXPECT_TRUE(!fs::exists(written) || fs::file_size(written) <= declared) << bytes;
   }
-
-  // Nesting: a chain as deep as allowed is made, one level more is refused before anything.
-  auto chain = [](int depth) {
-    std::vector<ZipEntry> entries;
-    std::string path;
-    for (int i = 0; i < depth; ++i) entries.push_back({path += "d/", "", true});
-    entries.push_back({path + "leaf.txt", "leaf"});
-    return entries;
-  };
-  MakeZip(dir_ / "deep.zip", chain(255));
-  EXPECT_EQ(unzip(dir_ / "deep.zip", dir_ / "deep")->last(), "succeed");
-  std::string leaf = dir_ / "deep";
-  for (int i = 0; i < 255; ++i) leaf += "/d";
-  EXPECT_EQ(ReadFile(leaf + "/leaf.txt"), "leaf");
-  MakeZip(dir_ / "deeper.zip", chain(3000));
-  const std::string message = unzip(dir_ / "deeper.zip", dir_ / "deeper")->last();
-  EXPECT_TRUE(message.find("nested deeper than 256 directories") != std::string::npos) << message;
-  EXPECT_FALSE(fs::exists(dir_ / "deeper"));
 }
 
 // A tree as a host sees it: each path with its kind, and for a file its bytes and whether its
@@ -210,8 +146,9 @@ int Shell(const std::string& command) {
 }
 
 // Archives as Info-ZIP zip, 7-Zip, bsdtar, Python and jar write them, and hand-built ones for
-// what they write only elsewhere (tests/engine/make_zip_corpus.py): each installs as the other
-// extractor named for it unpacks it, or is refused with the text named for it.
+// what they write only elsewhere or never on request: hostile names, corrupt data, nesting past
+// the bound (tests/engine/make_zip_corpus.py). Each installs as the other extractor named for it
+// unpacks it, or is refused with the text named for it before anything is written.
 TEST_F(MerinUnzip, InstallsWhatRealArchiversWriteAsOtherExtractorsDo) {
   const fs::path corpus = dir_ / "corpus";
   const std::string make =
@@ -240,7 +177,9 @@ TEST_F(MerinUnzip, InstallsWhatRealArchiversWriteAsOtherExtractorsDo) {
       const std::string refusal = expected.substr(expected.find(' ') + 1);
       EXPECT_TRUE(outcome.starts_with("failed: ") && outcome.find(refusal) != std::string::npos)
           << outcome;
-      EXPECT_TRUE(Tree(ours).empty()) << "nothing is written";
+      // A refusal comes before the destination is made, but data is checked as it is written,
+      // and a failure there may leave part of it.
+      EXPECT_TRUE(refusal.starts_with("cannot extract") || !fs::exists(ours)) << "nothing is made";
       continue;
     }
     EXPECT_EQ(outcome, "succeed");
