@@ -1,19 +1,17 @@
 #pragma once
 
-// What the tool tests share: `tavo` run to completion (TavoCli), or as a child process that
-// keeps running (TavoChild, ServedPlugins).
+// What the tool tests share: `tavo` run to completion (TavoCli), or in the background while a
+// test works with it (TavoChild, ServedPlugins).
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/TestPluginService.h"
@@ -31,6 +29,13 @@ inline void ListP(TestPluginService& service, const std::string& zip, const std:
   service.lists(
       "s",
       ZMValue::array({{{"plugin_id", "p"}, {"version", "1.0"}, {"hash", Md5(zip)}, {"url", url}}}));
+}
+
+// `program ARGS` as one shell command.
+inline std::string Command(const std::string& program, const Names& args) {
+  std::string command = Quote(program);
+  for (const auto& arg : args) command += " " + Quote(arg);
+  return command;
 }
 
 struct Result {
@@ -65,15 +70,14 @@ class TavoCli : public ::testing::Test {
   std::string root = dir / "root";
 
   // Runs `tavo ARGS --root ROOT` with stdout and stderr captured (stdout is not a terminal).
-  Result tavo(const std::vector<std::string>& args) {
-    std::string command = Quote(TAVO_BINARY);
-    for (const auto& arg : args) command += " " + Quote(arg);
-    command += " --root " + Quote(root) + " >" + Quote(dir / "out") + " 2>" + Quote(dir / "err");
-    const int raw = std::system(command.c_str());
+  Result tavo(const Names& args) {
+    const int raw = std::system((Command(TAVO_BINARY, args) + " --root " + Quote(root) + " >" +
+                                 Quote(dir / "out") + " 2>" + Quote(dir / "err"))
+                                    .c_str());
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(dir / "out"), ReadFile(dir / "err")};
   }
   // Runs with --trace, expecting success.
-  Result trace(std::vector<std::string> args) {
+  Result trace(Names args) {
     args.push_back("--trace");
     Result r = tavo(args);
     EXPECT_EQ(r.status, 0) << args[0] << ": " << r.err;
@@ -86,95 +90,55 @@ class TavoCli : public ::testing::Test {
   }
 };
 
-extern char** environ;
-
-// A program (by default `tavo`) run as a child process: its stdout read line by line, its
-// stderr into a file. Killed, if still running, when the object goes.
+// A program (by default `tavo`) run in the background by the shell, its stdout into "ERR.out",
+// its stderr into ERR, and its exit status into "ERR.status" once it has ended. Killed, if still
+// running, when the object goes.
 class TavoChild {
  public:
-  TavoChild(std::vector<std::string> args, const std::string& errPath,
-            const std::string& program = TAVO_BINARY) {
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    args.insert(args.begin(), program);
-    std::vector<char*> argv;
-    for (auto& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid_ = 0;
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    out_ = out[0];
+  TavoChild(const Names& args, const std::string& err, const std::string& program = TAVO_BINARY)
+      : out_(err + ".out"), status_(err + ".status") {
+    const std::string pid = err + ".pid";
+    const std::string run = "echo $$ >" + Quote(pid) + "; exec " + Command(program, args) + " >" +
+                            Quote(out_) + " 2>" + Quote(err);
+    std::system(("(sh -c " + Quote(run) + "; echo $? >" + Quote(status_) + ") &").c_str());
+    EXPECT_TRUE(RunUntil([&] { return ReadFile(pid).ends_with("\n"); }));
+    pid_ = std::atoi(ReadFile(pid).c_str());
   }
-  ~TavoChild() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-    if (out_ >= 0) ::close(out_);
-  }
-  TavoChild(const TavoChild&) = delete;
-  TavoChild& operator=(const TavoChild&) = delete;
+  ~TavoChild() { kill(); }
 
   // The next line on stdout; empty when none comes within 20 s.
   std::string line() {
-    while (buffered_.find('\n') == std::string::npos) {
-      if (!readSome()) return "";
+    std::string text;
+    if (!RunUntil([&] { return (text = ReadFile(out_)).find('\n', read_) != std::string::npos; })) {
+      return "";
     }
-    const auto end = buffered_.find('\n');
-    std::string line = buffered_.substr(0, end);
-    buffered_.erase(0, end + 1);
-    return line;
+    const auto begin = std::exchange(read_, text.find('\n', read_) + 1);
+    return text.substr(begin, read_ - 1 - begin);
   }
   // Kills the child with SIGKILL and waits until it is gone, so that it writes nothing more.
-  void kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = 0;
-  }
-  // Sends SIGINT and returns the exit status once stdout closes; -1 when it does not within
-  // 20 s, or the child did not exit normally.
-  int interrupt() {
-    if (pid_ <= 0) return -1;
-    ::kill(pid_, SIGINT);
-    while (readSome()) {
-    }
-    int status = 0;
-    if (!closed_) ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, &status, 0);
-    pid_ = 0;
-    return closed_ && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
+  void kill() { end(SIGKILL); }
+  // Sends SIGINT and returns the exit status once it has ended; -1 when it does not within 20 s.
+  int interrupt() { return end(SIGINT) ? std::atoi(ReadFile(status_).c_str()) : -1; }
 
  private:
-  bool readSome() {
-    pollfd ready{out_, POLLIN, 0};
-    char chunk[4096];
-    if (closed_ || ::poll(&ready, 1, 20000) != 1) return false;
-    const ssize_t got = ::read(out_, chunk, sizeof chunk);
-    if (got <= 0) {
-      closed_ = true;
-      return false;
-    }
-    buffered_.append(chunk, static_cast<std::size_t>(got));
-    return true;
+  bool end(int number) {
+    if (pid_ <= 0) return false;
+    ::kill(pid_, number);
+    const bool ended = RunUntil([&] { return ReadFile(status_).ends_with("\n"); });
+    if (!ended) ::kill(pid_, SIGKILL);
+    pid_ = 0;
+    return ended;
   }
 
+  std::string out_, status_;
+  std::size_t read_ = 0;
   pid_t pid_ = 0;
-  int out_ = -1;
-  bool closed_ = false;
-  std::string buffered_;
 };
 
 // `tavo serve DIR ARGS`, its base URL read from its first line on stdout.
 class ServedPlugins {
  public:
-  ServedPlugins(const std::string& dir, const std::string& log, std::vector<std::string> args = {})
+  ServedPlugins(const std::string& dir, const std::string& log, Names args = {})
       : child_(WithServe(dir, std::move(args)), log), url(child_.line()) {
     const auto colon = url.rfind(':');
     if (colon != std::string::npos) port = std::atoi(url.c_str() + colon + 1);
@@ -183,7 +147,7 @@ class ServedPlugins {
   bool stop() { return child_.interrupt() == 0; }
 
  private:
-  static std::vector<std::string> WithServe(const std::string& dir, std::vector<std::string> args) {
+  static Names WithServe(const std::string& dir, Names args) {
     args.insert(args.begin(), {"serve", dir});
     return args;
   }
