@@ -148,7 +148,7 @@ int Shell(const std::string& command) {
 // Archives as Info-ZIP zip, 7-Zip, bsdtar, Python and jar write them, and hand-built ones for
 // what they write only elsewhere or never on request: hostile names, corrupt data, nesting past
 // the bound (tests/engine/make_zip_corpus.py). Each installs as the other extractor named for it
-// unpacks it, or is refused with the text named for it before anything is written.
+// unpacks it, or is refused with the text named for it.
 TEST_F(MerinUnzip, InstallsWhatRealArchiversWriteAsOtherExtractorsDo) {
   const fs::path corpus = dir_ / "corpus";
   const std::string make =

@@ -101,8 +101,13 @@ TEST_F(ZMGameInstallPackageTask, BadPackagesFailCleanly) {
             "onInstallFailure:no game engine is loaded to unzip the package|-1");
 }
 
-TEST_F(ZMGameInstallPackageTask, PackagesBeyondTheUnpackLimitsAreRefusedBeforeAnythingIsCleared) {
+TEST_F(ZMGameInstallPackageTask, RefusedRequestsClearNothingAndKeepThePackage) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
+  MakeGamePackage(package, "{}");
+  auto noVersion = options("g1", "", package);
+  noVersion.erase(ZM_KEY_GAME_PACKAGE_VERSION);
+  auto subpackage = options("g1", "", package);  // without a version it would land in the root
+  subpackage[ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT] = "levels";
   const std::string bomb = t.root() + "/bomb.zip", big = t.root() + "/big.zip";
   MakeZip(bomb, {{"a.bin", std::string(1000, 'a')}});
   DeclareEntrySize(bomb, 200'000'000);
@@ -120,20 +125,29 @@ TEST_F(ZMGameInstallPackageTask, PackagesBeyondTheUnpackLimitsAreRefusedBeforeAn
                         ", more than the limit of " + limit + " times its size"
                   : ", more than the limit of " + limit);
   };
-  const std::vector<std::tuple<ZMValue, std::string, std::string>> cases{
-      // Defaults: no more than 1000 times the archive's size.
-      {ZMValue::object(), bomb, refusal(bomb, "200000000", "1000", true)},
-      {ZMValue::object(), stubbed, refusal(stubbed, "200000000", "1000", true)},
-      {{{"rt_package_max_unpacked_bytes", "9999"}}, big, refusal(big, "10000", "9999", false)},
-      {{{"rt_package_max_compression_ratio", 1}}, big, refusal(big, "10000", "1", true)}};
-  for (const auto& [limits, zip, failure] : cases) {
-    t.extraOptions = limits;
+  const std::vector<std::tuple<ZMValue, ZMValue, std::string>> cases{
+      {{}, noVersion, "missing install option: ZM_KEY_GAME_PACKAGE_VERSION"},
+      {{}, options("g1", "..", package), "invalid version: .."},
+      {{}, subpackage, "missing install option: ZM_KEY_GAME_PACKAGE_VERSION"},
+      // Unpack limits; by default no more than 1000 times the archive's size.
+      {{}, options("g1", "2.0", bomb), refusal(bomb, "200000000", "1000", true)},
+      {{}, options("g1", "2.0", stubbed), refusal(stubbed, "200000000", "1000", true)},
+      {{{"rt_package_max_unpacked_bytes", "9999"}},
+       options("g1", "2.0", big),
+       refusal(big, "10000", "9999", false)},
+      {{{"rt_package_max_compression_ratio", 1}},
+       options("g1", "2.0", big),
+       refusal(big, "10000", "1", true)}};
+  for (const auto& [limits, request, failure] : cases) {
+    t.extraOptions = limits.is_null() ? ZMValue::object() : limits;
     t.switchUser("u1");
-    EXPECT_EQ(install(options("g1", "2.0", zip)),
-              (Events{"onInstallStart", "onInstallFailure:" + failure + "|-1"}));
+    EXPECT_EQ(install(request), (Events{"onInstallStart", "onInstallFailure:" + failure + "|-1"}));
     EXPECT_EQ(t.checkVersion("g1", "1.0"), "onCheckVersionSuccess");
+    auto listed = ListDir(t.app() + "/g1");  // an unpack limit is read once 2.0 is made, empty
+    EXPECT_TRUE(std::erase(listed, "2.0") == 0 || ListDir(t.app() + "/g1/2.0").empty());
+    EXPECT_EQ(listed, (Events{"1.0", "detail.json"})) << failure;
     EXPECT_TRUE(Exists(t.app() + "/g1/1.0/game.config.json"));
-    EXPECT_TRUE(ListDir(t.app() + "/g1/2.0").empty());
+    EXPECT_TRUE(Exists(request[ZM_KEY_GAME_PACKAGE_PATH].get<std::string>())) << failure;
   }
   // Limits set above what a package holds let it through, a stub before its entries or not.
   WriteFile(stubbed, "#!/bin/sh\nexec unzip \"$0\"\n" + ReadFile(big));
@@ -142,24 +156,6 @@ TEST_F(ZMGameInstallPackageTask, PackagesBeyondTheUnpackLimitsAreRefusedBeforeAn
   t.switchUser("u1");
   EXPECT_EQ(install(options("g1", "2.0", stubbed)).back(), "onInstallSuccess");
   EXPECT_EQ(ReadFile(t.app() + "/g1/2.0/a.bin"), std::string(5000, 'b'));
-}
-
-TEST_F(ZMGameInstallPackageTask, MissingOrUnsafeIdsAreRefusedBeforeAnythingIsCleared) {
-  ASSERT_TRUE(t.installGame("g1", "1.0"));
-  MakeGamePackage(package, "{}");
-  auto noVersion = options("g1", "", package);
-  noVersion.erase(ZM_KEY_GAME_PACKAGE_VERSION);
-  auto subpackage = options("g1", "", package);  // without a version it would land in the root
-  subpackage[ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT] = "levels";
-  for (const auto& [request, failure] : std::vector<std::pair<ZMValue, std::string>>{
-           {noVersion, "missing install option: ZM_KEY_GAME_PACKAGE_VERSION"},
-           {options("g1", "..", package), "invalid version: .."},
-           {subpackage, "missing install option: ZM_KEY_GAME_PACKAGE_VERSION"}}) {
-    EXPECT_EQ(install(request), (Events{"onInstallStart", "onInstallFailure:" + failure + "|-1"}));
-  }
-  EXPECT_EQ(ListDir(t.app() + "/g1"), (Events{"1.0", "detail.json"}));
-  EXPECT_TRUE(Exists(t.app() + "/g1/1.0/game.config.json"));
-  EXPECT_TRUE(Exists(package));
 }
 
 TEST_F(ZMGameInstallPackageTask, CancelSkipsOnlyTheFinalStep) {
