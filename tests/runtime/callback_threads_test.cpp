@@ -71,12 +71,18 @@ const std::map<std::string, std::string> kPluginCallbacks = {
 // queue's, and any on another thread on the engine's.
 class Calls {
  public:
+  // Calls `op` with a fresh recorder and, unless `until` is empty, waits for that callback.
   template <typename Recorder, typename Body>
-  std::shared_ptr<Recorder> call(const char* op, Body body) {
+  void call(const char* op, const std::string& until, Body body) {
     auto recorder = std::make_shared<Recorder>();
     body(recorder);
     calls_.push_back({op, recorder, recorder->size()});
-    return recorder;
+    EXPECT_TRUE(until.empty() || RunUntil([&] {
+                  const auto events = recorder->events();
+                  return std::any_of(events.begin(), events.end(),
+                                     [&](const std::string& e) { return e.starts_with(until); });
+                }))
+        << op << " " << until;
   }
   // Every callback heard: operation, callback, thread.
   std::vector<std::pair<Key, std::string>> heard() const {
@@ -106,21 +112,13 @@ class Calls {
   std::thread::id main_ = std::this_thread::get_id();
 };
 
-bool Hears(const std::shared_ptr<EventLog>& log, const std::string& callback) {
-  return RunUntil([&] {
-    const auto events = log->events();
-    return std::any_of(events.begin(), events.end(),
-                       [&](const std::string& event) { return event.starts_with(callback); });
-  });
-}
-
 TEST(CallbackThreads, EachCallbackArrivesOnTheThreadTheHostGuideNames) {
   const auto table = ReadCallbackTable();
   ASSERT_GT(table.size(), 40u);
   TestRuntime t;
   Calls c;
   for (const char* user : {"../u", "u1"}) {
-    c.call<InitRecorder>("initRuntime",
+    c.call<InitRecorder>("initRuntime", "",
                          [&](auto l) { ZMZimoGame::initRuntime(user, t.options(), l); });
   }
   t.runtime = std::dynamic_pointer_cast<ZMGameRuntime>(ZMZimoGame::getRuntime());
@@ -139,86 +137,80 @@ TEST(CallbackThreads, EachCallbackArrivesOnTheThreadTheHostGuideNames) {
     options[ZM_KEY_GAME_PACKAGE_APP_ID] = appId;
     options[ZM_KEY_GAME_PACKAGE_URL] = server.url("/g.zip");
     options[ZM_KEY_GAME_PACKAGE_HASH] = *ZMFileUtils::getFileMD5(package);
-    auto l = c.call<DownloadRecorder>("downloadGamePackage",
-                                      [&](auto l) { runtime->downloadGamePackage(options, l); });
-    EXPECT_TRUE(Hears(l, *appId == 'g' ? "onDownloadSuccess" : "onDownloadFailure"));
+    c.call<DownloadRecorder>("downloadGamePackage",
+                             *appId == 'g' ? "onDownloadSuccess" : "onDownloadFailure",
+                             [&](auto l) { runtime->downloadGamePackage(options, l); });
   }
   ZMValue withPath = game;
   withPath[ZM_KEY_GAME_PACKAGE_PATH] = runtime->getAppPackageDownloadPath("g", "1");
   for (const ZMValue& options : {game, withPath}) {
-    auto l = c.call<InstallRecorder>("installGamePackage",
-                                     [&](auto l) { runtime->installGamePackage(options, l); });
-    EXPECT_TRUE(Hears(
-        l, options.contains(ZM_KEY_GAME_PACKAGE_PATH) ? "onInstallSuccess" : "onInstallFailure"));
+    c.call<InstallRecorder>("installGamePackage",
+                            options == game ? "onInstallFailure" : "onInstallSuccess",
+                            [&](auto l) { runtime->installGamePackage(options, l); });
   }
   for (const char* version : {"2", "1"}) {
     ZMValue options = game;
     options[ZM_KEY_GAME_PACKAGE_VERSION] = version;
-    auto l = c.call<CheckRecorder>("checkGameVersion",
-                                   [&](auto l) { runtime->checkGameVersion(options, l); });
-    EXPECT_TRUE(Hears(l, *version == '2' ? "onCheckVersionFailure" : "onCheckVersionSuccess"));
+    c.call<CheckRecorder>("checkGameVersion",
+                          *version == '2' ? "onCheckVersionFailure" : "onCheckVersionSuccess",
+                          [&](auto l) { runtime->checkGameVersion(options, l); });
   }
 
   // Launch (refused, then run), quit request, and exit with the reference engine and with none.
   for (const ZMValue& options : {ZMValue::object(), ZMValue{{ZM_KEY_RUN_OPT_VERSION, "1"}}}) {
-    auto l =
-        c.call<RunRecorder>("runGame", [&](auto l) { runtime->runGame(nullptr, "g", options, l); });
-    EXPECT_TRUE(Hears(l, options.empty() ? "onRunFailure" : "onRunSuccess"));
+    c.call<RunRecorder>("runGame", options.empty() ? "onRunFailure" : "onRunSuccess",
+                        [&](auto l) { runtime->runGame(nullptr, "g", options, l); });
   }
-  auto query = c.call<QueryExitRecorder>("setGameQueryExitListener",
-                                         [&](auto l) { runtime->setGameQueryExitListener(l); });
-  std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance())->requestQuit(1);
-  EXPECT_TRUE(Hears(query, "onQueryExit"));
+  c.call<QueryExitRecorder>("setGameQueryExitListener", "onQueryExit", [&](auto l) {
+    runtime->setGameQueryExitListener(l);
+    std::dynamic_pointer_cast<MerinGameHandle>(ZMGameHandle::getInstance())->requestQuit(1);
+  });
   // The engine ends the game, then answers that none runs; without an engine exitGame refuses.
   for (const char* outcome : {"onGameExitSuccess", "onGameExitFailure"}) {
-    auto l = c.call<ExitRecorder>("exitGame", [&](auto l) { runtime->exitGame("g", l); });
-    EXPECT_TRUE(Hears(l, outcome));
+    c.call<ExitRecorder>("exitGame", outcome, [&](auto l) { runtime->exitGame("g", l); });
   }
-  auto engine = ZMGameHandle::getInstance();
-  ZMGameHandle::setInstance(nullptr);
-  c.call<ExitRecorder>("exitGame", [&](auto l) { runtime->exitGame("g", l); });
-  ZMGameHandle::setInstance(engine);
+  c.call<ExitRecorder>("exitGame", "", [&](auto l) {
+    auto engine = ZMGameHandle::getInstance();
+    ZMGameHandle::setInstance(nullptr);
+    runtime->exitGame("g", l);
+    ZMGameHandle::setInstance(engine);
+  });
 
   // Records and the cache sweep.
-  c.call<DataRecorder>("setGameData", [&](auto l) {
+  c.call<DataRecorder>("setGameData", "", [&](auto l) {
     runtime->setGameData("g", {{"extend", "x"}}, l);
   });
-  c.call<ListRecorder>("listGame", [&](auto l) { runtime->listGame(l); });
+  c.call<ListRecorder>("listGame", "", [&](auto l) { runtime->listGame(l); });
   WriteFile(t.cache() + "/old.zgp", "x");
   SetAgeSeconds(t.cache() + "/old.zgp", 3600);
   for (const ZMValue& options :
        {ZMValue::object(), ZMValue{{ZM_KEY_CHECK_FILE_EXTENSION_NAME_ARRAY, {"zgp"}},
                                    {ZM_KEY_CHECK_FILE_KEEP_TIME, 1}}}) {
-    auto l = c.call<SweepRecorder>("checkFileAvailability",
-                                   [&](auto l) { runtime->checkFileAvailability(options, l); });
-    EXPECT_TRUE(Hears(l, options.empty() ? "onCheckFailure" : "onCheckSuccess"));
+    c.call<SweepRecorder>("checkFileAvailability",
+                          options.empty() ? "onCheckFailure" : "onCheckSuccess",
+                          [&](auto l) { runtime->checkFileAvailability(options, l); });
   }
-  auto removed =
-      c.call<RemoveRecorder>("removeGameList", [&](auto l) { runtime->removeGameList({"g"}, l); });
-  EXPECT_TRUE(Hears(removed, "onRemoveSuccess"));
+  c.call<RemoveRecorder>("removeGameList", "onRemoveSuccess",
+                         [&](auto l) { runtime->removeGameList({"g"}, l); });
 
   // Plug-ins: refused at once, failing later (no service host), and one installed by hand.
   auto plugins = runtime->getManager("plugin_manager", ZMValue::object());
   plugins->setPluginServiceHosts({});
   const ZMValue info = {{"provider", "p"}, {"version", "1.0"}};
-  const auto check = [&](const ZMValue& info) {
-    return c.call<PluginCheckRecorder>("checkPluginVersion",
-                                       [&](auto l) { plugins->checkPluginVersion(info, l); });
-  };
   for (const ZMValue& each : {ZMValue::object(), info}) {
-    check(each);
-    c.call<PluginInstallRecorder>("installPlugin",
+    c.call<PluginCheckRecorder>("checkPluginVersion", "failure",
+                                [&](auto l) { plugins->checkPluginVersion(each, l); });
+    c.call<PluginInstallRecorder>("installPlugin", "failure",
                                   [&](auto l) { plugins->installPlugin(each, l); });
   }
-  DrainMainQueue();
   WriteFile(t.plugin() + "/p_1.0/main.js", "x");
   WriteFile(t.plugin() + "/p_1.0.detail.json", R"({"hash":"h"})");
-  EXPECT_TRUE(Hears(check(info), "success"));
-  auto listed = c.call<ListRecorder>("listPlugin", [&](auto l) { plugins->listPlugin(l); });
-  EXPECT_TRUE(Hears(listed, "onListGameSuccess"));
-  auto gone = c.call<PluginRemoveRecorder>(
-      "removePluginList", [&](auto l) { plugins->removePluginList(ZMValue::array({info}), l); });
-  EXPECT_TRUE(Hears(gone, "success"));
+  c.call<PluginCheckRecorder>("checkPluginVersion", "success",
+                              [&](auto l) { plugins->checkPluginVersion(info, l); });
+  c.call<ListRecorder>("listPlugin", "onListGameSuccess", [&](auto l) { plugins->listPlugin(l); });
+  c.call<PluginRemoveRecorder>("removePluginList", "success", [&](auto l) {
+    plugins->removePluginList(ZMValue::array({info}), l);
+  });
   DrainMainQueue();
 
   std::set<std::string> operations, exercised;

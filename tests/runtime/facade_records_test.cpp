@@ -15,6 +15,8 @@
 namespace {
 
 namespace fs = std::filesystem;
+using Events = std::vector<std::string>;
+const Events kStored = {"onGameDataSetSuccess"};
 
 // A listed game; without extend data the item holds the app id alone.
 ZMValue item(const std::string& appId, const ZMValue& extend) {
@@ -45,23 +47,22 @@ class ZMGameRuntimeRecords : public ::testing::Test {
   std::shared_ptr<ZMAppRow> record(const std::string& userId, const std::string& appId) {
     return store().getAppRowByUserId(userId, appId);
   }
+  // listGame and setGameData answer before they return.
   ZMValue list() {
     auto listener = std::make_shared<ListRecorder>();
     t.runtime->listGame(listener);
-    EXPECT_TRUE(RunUntil([&] { return listener->size() > 0; }));
-    EXPECT_EQ(listener->events(), std::vector<std::string>{"onListGameSuccess"});
+    EXPECT_EQ(listener->events(), Events{"onListGameSuccess"});
     return listener->items;
   }
-  std::vector<std::string> setData(const std::string& appId, const ZMValue& info) {
+  Events setData(const std::string& appId, const ZMValue& info) {
     auto listener = std::make_shared<DataRecorder>();
     t.runtime->setGameData(appId, info, listener);
-    EXPECT_TRUE(RunUntil([&] { return listener->size() > 0; }));
     return listener->events();
   }
   std::shared_ptr<RemoveRecorder> removeAll() {
     auto listener = std::make_shared<RemoveRecorder>();
     t.runtime->removeGameAll(listener);
-    EXPECT_TRUE(RunUntil([&] { return listener->last().rfind("onRemoveSuccess", 0) == 0; }));
+    EXPECT_TRUE(RunUntil([&] { return listener->last().starts_with("onRemoveSuccess"); }));
     return listener;
   }
   bool installWithExtend(const std::string& appId, const std::string& extend) {
@@ -77,7 +78,7 @@ class ZMGameRuntimeRecords : public ::testing::Test {
 
 TEST_F(ZMGameRuntimeRecords, SetGameDataStoresHostFieldsButNeverThePlayCount) {
   // An app without a record gets one, even from an empty info.
-  EXPECT_EQ(setData("g9", ZMValue::object()), std::vector<std::string>{"onGameDataSetSuccess"});
+  EXPECT_EQ(setData("g9", ZMValue::object()), kStored);
   EXPECT_EQ(list(), ZMValue::array({item("g9", nullptr)}));
 
   // A "played" in the info is no play: only launches count.
@@ -85,7 +86,7 @@ TEST_F(ZMGameRuntimeRecords, SetGameDataStoresHostFieldsButNeverThePlayCount) {
   const ZMValue info = {{"played", 7},         {"extend", "level=3"},         {"reserve", "spare"},
                         {"auth_camera", 1},    {"auth_location", 0},          {"auth_record", 2},
                         {"auth_user_info", 3}, {"auth_write_photos_album", 4}};
-  EXPECT_EQ(setData("g9", info), std::vector<std::string>{"onGameDataSetSuccess"});
+  EXPECT_EQ(setData("g9", info), kStored);
   auto row = record("u1", "g9");
   EXPECT_EQ(std::tuple(row->played, row->reserve, row->auth_camera, row->auth_location,
                        row->auth_record, row->auth_user_info, row->auth_write_photos_album),
@@ -93,8 +94,7 @@ TEST_F(ZMGameRuntimeRecords, SetGameDataStoresHostFieldsButNeverThePlayCount) {
   EXPECT_EQ(list(), ZMValue::array({item("g9", "level=3")}));
 
   // Keys left out, and values of the wrong kind, leave what is stored.
-  EXPECT_EQ(setData("g9", {{"reserve", "next"}, {"auth_camera", "0"}, {"extend", 5}}),
-            std::vector<std::string>{"onGameDataSetSuccess"});
+  EXPECT_EQ(setData("g9", {{"reserve", "next"}, {"auth_camera", "0"}, {"extend", 5}}), kStored);
   row = record("u1", "g9");
   EXPECT_EQ(std::tuple(row->reserve, row->auth_camera, row->extend, row->auth_location),
             std::tuple("next", 1, "level=3", 0));
@@ -102,7 +102,7 @@ TEST_F(ZMGameRuntimeRecords, SetGameDataStoresHostFieldsButNeverThePlayCount) {
 
   store().setSavesFailForTesting(true);
   EXPECT_EQ(setData("g10", {{"extend", "x"}}),
-            std::vector<std::string>{"onGameDataSetFailure:set game data update database fail|0"});
+            Events{"onGameDataSetFailure:set game data update database fail|0"});
   store().setSavesFailForTesting(false);
 }
 
@@ -129,16 +129,15 @@ TEST_F(ZMGameRuntimeRecords, AppIdsThatCouldLeaveTheRootsAreRefusedEverywhere) {
                    {ZM_KEY_GAME_PACKAGE_PATH, package},
                    {ZM_KEY_GAME_PACKAGE_URL, "http://127.0.0.1:9/p.zip"}};
   };
-  std::vector<std::pair<std::shared_ptr<EventLog>, std::vector<std::string>>> heard;
+  std::vector<std::pair<std::shared_ptr<EventLog>, Events>> heard;
   // Waits for what the host should hear from one operation, then looks under the root.
-  auto hear = [&](std::shared_ptr<EventLog> log, const std::vector<std::string>& expected) {
+  auto hear = [&](std::shared_ptr<EventLog> log, const Events& expected) {
     EXPECT_TRUE(RunUntil([&] { return log->size() >= expected.size(); }));
     EXPECT_EQ(log->events(), expected);
     EXPECT_EQ(Snapshot(t.root()), before);
     heard.emplace_back(log, expected);
   };
-  for (const std::string& bad :
-       std::vector<std::string>{"", ".", "..", "a/b", "../x", std::string("g1\0x", 4)}) {
+  for (const std::string& bad : Events{"", ".", "..", "a/b", "../x", std::string("g1\0x", 4)}) {
     SCOPED_TRACE("\"" + bad + "\" (" + std::to_string(bad.size()) + " bytes)");
     auto check = std::make_shared<CheckRecorder>();
     t.runtime->checkGameVersion(options(bad), check);
@@ -161,7 +160,7 @@ TEST_F(ZMGameRuntimeRecords, AppIdsThatCouldLeaveTheRootsAreRefusedEverywhere) {
 
     LogCapture log;
     EXPECT_EQ(t.runtime->getGameConfig(options(bad)), nullptr);
-    EXPECT_EQ(log.lines(), std::vector<std::string>{});
+    EXPECT_EQ(log.lines(), Events{});
 
     auto data = std::make_shared<DataRecorder>();
     t.runtime->setGameData(bad, {{"extend", "x"}, {"auth_camera", 1}}, data);
@@ -192,18 +191,17 @@ TEST_F(ZMGameRuntimeRecords, TwoUsersShareAppFilesButEachSeesAndRemovesOnlyTheir
   makeUserDirs("u2", "g1");
 
   EXPECT_EQ(list(), ZMValue::array({item("g1", nullptr)}));
-  EXPECT_EQ(setData("g1", {{"extend", "u2-ext"}}),
-            std::vector<std::string>{"onGameDataSetSuccess"});
+  EXPECT_EQ(setData("g1", {{"extend", "u2-ext"}}), kStored);
   EXPECT_EQ(store().getPeopleCount("g1"), 2);
 
   t.switchUser("u1");
   EXPECT_EQ(list(), ZMValue::array({item("g1", "u1-ext"), item("solo", nullptr)}));
-  EXPECT_EQ(removeAll()->events(),
-            (std::vector<std::string>{"onRemoveStart:g1|u1-ext", "onRemoveFinish:g1|u1-ext",
-                                      "onRemoveStart:solo|(null)", "onRemoveFinish:solo|(null)",
-                                      "onRemoveSuccess:[g1,solo]"}));
+  EXPECT_EQ(
+      removeAll()->events(),
+      (Events{"onRemoveStart:g1|u1-ext", "onRemoveFinish:g1|u1-ext", "onRemoveStart:solo|(null)",
+              "onRemoveFinish:solo|(null)", "onRemoveSuccess:[g1,solo]"}));
   EXPECT_EQ(list(), ZMValue::array());
-  EXPECT_EQ(ListDir(t.app()), std::vector<std::string>{"g1"}) << "u2 still has g1";
+  EXPECT_EQ(ListDir(t.app()), Events{"g1"}) << "u2 still has g1";
   EXPECT_FALSE(Exists(t.cache() + "/u1_g1"));
   EXPECT_FALSE(Exists(t.user() + "/u1_g1"));
   EXPECT_EQ(ReadFile(t.user() + "/u2_g1/data/d.bin"), "d");
@@ -213,7 +211,7 @@ TEST_F(ZMGameRuntimeRecords, TwoUsersShareAppFilesButEachSeesAndRemovesOnlyTheir
   EXPECT_EQ(removeAll()->last(), "onRemoveSuccess:[g1]");
   EXPECT_FALSE(Exists(t.user() + "/u2_g1"));
   EXPECT_EQ(store().getPeopleCount("g1"), 0);
-  EXPECT_EQ(ListDir(t.app()), std::vector<std::string>{});
+  EXPECT_EQ(ListDir(t.app()), Events{});
 }
 
 }  // namespace

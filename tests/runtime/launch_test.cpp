@@ -16,6 +16,8 @@
 
 namespace {
 
+using Events = std::vector<std::string>;
+
 // An engine that reports from a thread of its own as it is told (the reference engine never
 // fails) and records the launches it is asked for. The test owns it; the handle that install()
 // puts in the slot only forwards to it and is owned by the slot alone, as an engine's is.
@@ -93,7 +95,7 @@ class ZMGameRuntimeLaunch : public ::testing::Test {
 
   static ZMValue version(const ZMValue& v) { return {{ZM_KEY_RUN_OPT_VERSION, v}}; }
   // The callbacks of a launch that fails before runGame returns.
-  std::vector<std::string> failedLaunch(const ZMValue& v) {
+  Events failedLaunch(const ZMValue& v) {
     auto listener = std::make_shared<RunRecorder>();
     t.runtime->runGame(viewController, "g1", version(v), listener);
     return listener->events();
@@ -145,28 +147,26 @@ class ZMGameRuntimeLaunch : public ::testing::Test {
 
 TEST_F(ZMGameRuntimeLaunch, LaunchFailuresComeSynchronouslyWithTheirTexts) {
   for (const ZMValue& missing : {ZMValue(""), ZMValue(1)}) {  // a version that is no text
-    EXPECT_EQ(failedLaunch(missing), std::vector<std::string>{"onRunFailure:missing run option: "
-                                                              "ZM_KEY_RUN_OPT_VERSION|-1"});
+    EXPECT_EQ(failedLaunch(missing), Events{"onRunFailure:missing run option: "
+                                            "ZM_KEY_RUN_OPT_VERSION|-1"});
   }
   EXPECT_FALSE(Exists(t.app() + "/g1")) << "nothing is touched before the version is known";
 
   // A version never installed: its directory is made, empty, and the game is not installed.
-  EXPECT_EQ(failedLaunch("3.0"), std::vector<std::string>{"onRunFailure:game not installed|-1"});
+  EXPECT_EQ(failedLaunch("3.0"), Events{"onRunFailure:game not installed|-1"});
   EXPECT_TRUE(Exists(t.app() + "/g1/3.0"));
   EXPECT_TRUE(ListDir(t.app() + "/g1/3.0").empty());
   // A version path that is a file: the emptiness test's reason.
   WriteFile(t.app() + "/g1/2.0", "x");
-  EXPECT_EQ(failedLaunch("2.0"),
-            std::vector<std::string>{"onRunFailure:" + t.app() + "/g1/2.0 is not directory|-1"});
+  EXPECT_EQ(failedLaunch("2.0"), Events{"onRunFailure:" + t.app() + "/g1/2.0 is not directory|-1"});
 
   // Installed, but the user's directories cannot be made under a file.
   ASSERT_TRUE(t.installGame("g1", "1.0"));
   WriteFile(t.cache() + "/u1_g1", "x");
-  EXPECT_EQ(failedLaunch("1.0"), std::vector<std::string>{"onRunFailure:temp dir not found|-1"});
+  EXPECT_EQ(failedLaunch("1.0"), Events{"onRunFailure:temp dir not found|-1"});
   std::filesystem::remove(t.cache() + "/u1_g1");
   WriteFile(t.user() + "/u1_g1", "x");
-  EXPECT_EQ(failedLaunch("1.0"),
-            std::vector<std::string>{"onRunFailure:user data dir not found|-1"});
+  EXPECT_EQ(failedLaunch("1.0"), Events{"onRunFailure:user data dir not found|-1"});
   std::filesystem::remove(t.user() + "/u1_g1");
 
   // A temp path that is itself a file throws out of runGame.
@@ -185,7 +185,7 @@ TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
   options[ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG] = true;
   options[ZM_KEY_RUN_OPT_EXTEND] = "first";
   auto listener = run("g1", options, 2);
-  EXPECT_EQ(listener->events(), (std::vector<std::string>{"onGameHandleCreate", "onRunSuccess"}));
+  EXPECT_EQ(listener->events(), (Events{"onGameHandleCreate", "onRunSuccess"}));
   EXPECT_EQ(listener->handle, ZMGameHandle::getInstance()) << "the host gets the handle";
   for (const std::string message : kTimed) EXPECT_TRUE(loggedOnceTimed(log, message)) << message;
   ASSERT_TRUE(record("g1"));
@@ -208,15 +208,8 @@ TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
   EXPECT_EQ(exitGame("g1"), "onGameExitFailure:no game running|-1");
 
   // The option as text: true when it starts with y, Y, t or T, or reads as a non-zero number.
-  for (const auto& [text, shown] : std::vector<std::pair<std::string, bool>>{{"yes", true},
-                                                                             {"Yes", true},
-                                                                             {"true", true},
-                                                                             {"True", true},
-                                                                             {"1", true},
-                                                                             {"2", true},
-                                                                             {"no", false},
-                                                                             {"0", false},
-                                                                             {"", false}}) {
+  for (const std::string text : {"yes", "Yes", "true", "True", "1", "2", "no", "0", ""}) {
+    const bool shown = text != "no" && text != "0" && !text.empty();
     LogCapture timed;
     options = version("1.0");
     options[ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG] = text;
@@ -271,7 +264,7 @@ TEST_F(ZMGameRuntimeLaunch, EngineReportsAreRelayedWhateverHappensMeanwhile) {
   fake->runFailure = ZMError("engine exploded", 7);
   auto listener = run("g1", version("1.0"), 1);
   fake->join();
-  EXPECT_EQ(listener->events(), std::vector<std::string>{"onRunFailure:engine exploded|7"});
+  EXPECT_EQ(listener->events(), Events{"onRunFailure:engine exploded|7"});
   EXPECT_NE(listener->threads()[0], std::this_thread::get_id());
   EXPECT_FALSE(record("g1")->played);
 
@@ -295,7 +288,7 @@ TEST_F(ZMGameRuntimeLaunch, EngineReportsAreRelayedWhateverHappensMeanwhile) {
   ready.set_value();
   ASSERT_TRUE(RunUntil([&] { return listener->size() == 2; }));
   fake->join();
-  EXPECT_EQ(listener->events(), (std::vector<std::string>{"onGameHandleCreate", "onRunSuccess"}));
+  EXPECT_EQ(listener->events(), (Events{"onGameHandleCreate", "onRunSuccess"}));
   EXPECT_EQ(listener->handle, nullptr);
   EXPECT_EQ(record("g1")->played, 1);
   EXPECT_EQ(exitGame("g1"), "onGameExitFailure:no game running|-1");
@@ -313,7 +306,7 @@ TEST_F(ZMGameRuntimeLaunch, EngineReportsAreRelayedWhateverHappensMeanwhile) {
   ready = gatedLaunch(*fake, listener);
   ready.set_value();
   t.runtime->done();
-  EXPECT_EQ(listener->events(), (std::vector<std::string>{"onGameHandleCreate", "onRunSuccess"}));
+  EXPECT_EQ(listener->events(), (Events{"onGameHandleCreate", "onRunSuccess"}));
   EXPECT_EQ(record("g1")->played, 2);
 }
 
@@ -324,8 +317,7 @@ TEST_F(ZMGameRuntimeLaunch, ThePluginRootTravelsWithTheRunOptionsAndTheEngineGet
   // A plug-in root that cannot be made fails the launch before the engine is asked.
   std::filesystem::remove_all(t.plugin());
   WriteFile(t.plugin(), "a file where the root belongs");
-  EXPECT_EQ(failedLaunch("1.0"),
-            std::vector<std::string>{"onRunFailure:" + t.plugin() + " not found|0"});
+  EXPECT_EQ(failedLaunch("1.0"), Events{"onRunFailure:" + t.plugin() + " not found|0"});
   EXPECT_TRUE(fake->runs().empty());
   std::filesystem::remove(t.plugin());
 
@@ -336,7 +328,7 @@ TEST_F(ZMGameRuntimeLaunch, ThePluginRootTravelsWithTheRunOptionsAndTheEngineGet
   options["rt_run_debug_show_game_loading_time_log"] = 1;
   auto host = run("g1", options, 2);
   fake->join();
-  EXPECT_EQ(host->events(), (std::vector<std::string>{"onGameHandleCreate", "onRunSuccess"}));
+  EXPECT_EQ(host->events(), (Events{"onGameHandleCreate", "onRunSuccess"}));
   EXPECT_TRUE(std::filesystem::is_directory(t.plugin()));
 
   // The engine got the host's options, the runtime's keys with the layout's paths, the debug
