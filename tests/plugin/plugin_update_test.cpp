@@ -8,6 +8,7 @@
 
 #include "PluginFlows.h"
 #include "plugin/ZMPluginManager.h"
+#include "tavo/ZMGameHandle.h"
 
 namespace {
 
@@ -97,23 +98,72 @@ TEST(ZMPluginCheckUpdateManager, RecordsSafeEntriesAndDownloadsWhatTheCacheLacks
   EXPECT_EQ(lines.startingWith("skip plugin update entry: ").size(), hostile);
 }
 
-TEST(ZMPluginCheckUpdateManager, AsksTheFallbackOnlyAfterThePrimaryFails) {
+TEST(ZMPluginCheckUpdateManager, AsksOnlyAboutInstalledPluginsWithAHashInTheGamesOrder) {
+  // e and a are installed with a hash, c with an empty one, d with only a pending update; b not.
+  PluginFlows at(R"({"plugins":{"e":{"provider":"e","version":"0.1"},)"
+                 R"("b":{"provider":"b","version":"2.0"},"c":{"provider":"c","version":"3"},)"
+                 R"("a":{"provider":"a","version":"1.0"},"d":{"provider":"d","version":"4"}}})");
+  WriteFile(at.root + "/e_0.1.detail.json", R"({"hash":"he"})");
+  WriteFile(at.root + "/a_1.0.detail.json", R"({"updateHash":"ua","hash":"ha"})");
+  WriteFile(at.root + "/c_3.detail.json", R"({"hash":""})");
+  WriteFile(at.root + "/d_4.detail.json", R"({"updateHash":"u"})");
+  auto manager = at.prefetch({"s"});
+  ASSERT_TRUE(RunUntil([&] { return at.service.log().size() == 1; }));
+  EXPECT_EQ(at.service.requests()[0].body,
+            std::string("client_id=") + __watermark_sign +
+                "&device_id=(null)&game_id=g&app_bundle_id=com.example.host"
+                "&client_version=1.0.0&cpu_abi=" +
+                ZMDevice::processorName() + "&os=iOS&os_version=" + ZMDevice::systemVersion() +
+                "&plugin_list=[\n"
+                "  {\n    \"plugin_id\" : \"e\",\n    \"version\" : \"0.1\",\n    \"hash\" : "
+                "\"he\"\n  },\n"
+                "  {\n    \"plugin_id\" : \"a\",\n    \"version\" : \"1.0\",\n    \"hash\" : "
+                "\"ha\"\n  }\n]");
+
+  // A game with none of its plug-ins installed with a hash asks nothing.
+  WriteFile(at.dir / "game.config.json", R"({"plugins":{"b":{"provider":"b","version":"2.0"},)"
+                                         R"("c":{"provider":"c","version":"3"},)"
+                                         R"("d":{"provider":"d","version":"4"}}})");
+  manager = at.prefetch({"s"});
+  DrainMainQueue();
+  EXPECT_EQ(at.service.log(), Lines{"s hash"});
+}
+
+TEST(ZMPluginCheckUpdateManager, ReadsAnyReplyOfThePrimaryAndAsksTheFallbackOnlyWhenItFails) {
+  // The primary's reply ("ok": the package listed; "down": nothing listens) and its status, what
+  // the service sees then, and the line that logs the primary's reply (its body if empty). The
+  // fallback lists the package too, or with `refuse` answers code 500.
   struct Row {
-    std::string primary, fallback;  // "ok", "refuse" (code 500) or "down"
+    std::string primary;
+    int status;
+    bool refuse;
     Lines expected;
+    std::string line = "";
   } rows[] = {
-      {"ok", "ok", {"primary hash", "GET p"}},
-      {"refuse", "ok", {"primary hash", "fallback hash", "GET p"}},
-      {"down", "ok", {"fallback hash", "GET p"}},
-      {"refuse", "refuse", {"primary hash", "fallback hash"}},
+      {"ok", 200, false, {"primary hash", "GET p"}},
+      {"ok", 500, false, {"primary hash", "GET p"}},  // only the reply's code counts
+      {R"({"code":500})", 200, false, {"primary hash", "fallback hash", "GET p"}},
+      {"not json", 200, false, {"primary hash", "fallback hash", "GET p"}, "(null)"},
+      {"down",
+       200,
+       false,
+       {"fallback hash", "GET p"},
+       "post hash request error: Error Domain=NSURLErrorDomain Code=-1004 "},
+      {R"({"code":500})", 200, true, {"primary hash", "fallback hash"}},
+      // A success that lists nothing, in whatever form, ends the prefetch.
+      {R"({"code":"200"})", 200, false, {"primary hash"}},
+      {R"({"code":200,"plugin_results":[]})", 200, false, {"primary hash"}},
   };
   for (const auto& row : rows) {
     Layout at;
+    LogCapture log;
     const std::string hash = at.md5("pp"), package = at.package(hash, "a");
-    const ZMValue entries = ZMValue::array({Entry("a", hash, at.service.package("p"))});
+    const ZMValue listing = {{"code", 200},
+                             {"plugin_results", {Entry("a", hash, at.service.package("p"))}}};
+    const std::string body = row.primary == "ok" ? listing.dump() : row.primary;
     at.service.serve("p", "pp");
-    if (row.primary == "ok") at.service.lists("primary", entries);
-    if (row.fallback == "ok") at.service.lists("fallback", entries);
+    at.service.answer("primary", body, row.status);
+    if (!row.refuse) at.service.answer("fallback", listing.dump());
     const bool downloads = row.expected.back() == "GET p";
     auto manager =
         at.prefetch({row.primary == "down" ? "http://127.0.0.1:9/ced" : "primary", "fallback"});
@@ -121,8 +171,13 @@ TEST(ZMPluginCheckUpdateManager, AsksTheFallbackOnlyAfterThePrimaryFails) {
       return downloads ? Exists(package) : at.service.log().size() == row.expected.size();
     }));
     DrainMainQueue();
-    EXPECT_EQ(at.service.log(), row.expected) << row.primary << "/" << row.fallback;
+    EXPECT_EQ(at.service.log(), row.expected) << body;
     EXPECT_EQ(Exists(package), downloads);
+    const std::string line =
+        row.line.starts_with("post")
+            ? row.line
+            : "post hash request success: " + (row.line.empty() ? body : row.line);
+    EXPECT_EQ(log.startingWith(line).size(), row.refuse ? 2u : 1u) << line;  // a refusal each
   }
 }
 
