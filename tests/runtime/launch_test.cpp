@@ -25,6 +25,9 @@ class FakeEngine {
  public:
   std::optional<ZMError> runFailure;
   std::shared_future<void> gate;  // when valid, the engine reports nothing before it is ready
+  // Reports that have ended: a test waits for them with RunUntil, since a report may need the
+  // main queue (the record store runs there).
+  std::atomic<int> reported{0};
 
   static std::shared_ptr<FakeEngine> install() {
     auto engine = std::make_shared<FakeEngine>();
@@ -35,9 +38,6 @@ class FakeEngine {
   void join() {
     if (thread_.joinable()) thread_.join();
   }
-  // Reports that have ended: a test waits for them with RunUntil, since a report may need the
-  // main queue (the record store runs there).
-  int reported() const { return reported_.load(); }
   std::vector<ZMValue> runs() const {  // the run options of every launch, in order
     std::lock_guard lock(mutex_);
     return runs_;
@@ -56,10 +56,14 @@ class FakeEngine {
         e->appId_ = appId;
         e->runs_.push_back(options);
       }
-      e->report([e = e.get(), listener] {
-        auto l = listener.lock();
-        if (l && e->runFailure) return l->onRunFailure(*e->runFailure);
-        if (l) l->onGameViewCreated(nullptr), l->onRunSuccess();
+      e->join();
+      e->thread_ = std::thread([e = e.get(), listener] {
+        if (e->gate.valid()) e->gate.wait();
+        if (auto l = listener.lock()) {
+          e->runFailure ? l->onRunFailure(*e->runFailure)
+                        : (l->onGameViewCreated(nullptr), l->onRunSuccess());
+        }
+        ++e->reported;
       });
     }
     void exitGame(const std::string&, std::weak_ptr<ZMCoreExitListener>) override {}
@@ -72,17 +76,7 @@ class FakeEngine {
                    std::shared_ptr<ZMUnzipGamePackageListener>) override {}  // never asked
   };
 
-  void report(std::function<void()> callbacks) {
-    join();
-    thread_ = std::thread([this, callbacks] {
-      if (gate.valid()) gate.wait();
-      callbacks();
-      ++reported_;
-    });
-  }
-
   mutable std::mutex mutex_;
-  std::atomic<int> reported_{0};
   std::optional<std::string> appId_;
   std::vector<ZMValue> runs_;
   std::thread thread_;
@@ -94,35 +88,31 @@ class ZMGameRuntimeLaunch : public ::testing::Test {
   std::shared_ptr<int> viewController = std::make_shared<int>(42);
 
   static ZMValue version(const ZMValue& v) { return {{ZM_KEY_RUN_OPT_VERSION, v}}; }
-  // The callbacks of a launch that fails before runGame returns.
-  Events failedLaunch(const ZMValue& v) {
+  // Launches g1; waits for `events` callbacks (none: returns at once).
+  std::shared_ptr<RunRecorder> run(const ZMValue& options, std::size_t events = 0) {
     auto listener = std::make_shared<RunRecorder>();
-    t.runtime->runGame(viewController, "g1", version(v), listener);
-    return listener->events();
-  }
-  std::shared_ptr<RunRecorder> run(const std::string& appId, const ZMValue& options,
-                                   std::size_t events) {
-    auto listener = std::make_shared<RunRecorder>();
-    t.runtime->runGame(viewController, appId, options, listener);
+    t.runtime->runGame(viewController, "g1", options, listener);
     EXPECT_TRUE(RunUntil([&] { return listener->size() >= events; }));
     return listener;
   }
-  std::shared_ptr<ZMAppRow> record(const std::string& appId) {
-    return ZMDatabaseHelper::getInstance().getAppRowByUserId("u1", appId);
+  // The callbacks of a launch that fails before runGame returns.
+  Events failedLaunch(const ZMValue& v) { return run(version(v))->events(); }
+  std::shared_ptr<ZMAppRow> record() {
+    return ZMDatabaseHelper::getInstance().getAppRowByUserId("u1", "g1");
   }
-  std::string exitGame(const std::string& appId) {
+  std::string exitGame() {
     auto exit = std::make_shared<ExitRecorder>();
-    t.runtime->exitGame(appId, exit);
+    t.runtime->exitGame("g1", exit);
     EXPECT_TRUE(RunUntil([&] { return exit->size() == 1; }));
     DrainMainQueue();
     EXPECT_EQ(exit->size(), 1u);
     return exit->last();
   }
   // Launches g1 1.0 on `fake`, which reports nothing until the returned promise is kept.
-  std::promise<void> gatedLaunch(FakeEngine& fake, const std::shared_ptr<RunRecorder>& listener) {
+  std::promise<void> gatedLaunch(FakeEngine& fake, std::shared_ptr<RunRecorder>& listener) {
     std::promise<void> ready;
     fake.gate = ready.get_future().share();
-    t.runtime->runGame(viewController, "g1", version("1.0"), listener);
+    listener = run(version("1.0"));
     return ready;
   }
   static std::shared_ptr<MerinGameHandle> engine() {
@@ -157,20 +147,19 @@ TEST_F(ZMGameRuntimeLaunch, LaunchFailuresComeSynchronouslyWithTheirTexts) {
 
   // A version never installed: its directory is made, empty, and the game is not installed.
   EXPECT_EQ(failedLaunch("3.0"), Events{"onRunFailure:game not installed|-1"});
-  EXPECT_TRUE(Exists(t.app() + "/g1/3.0"));
-  EXPECT_TRUE(ListDir(t.app() + "/g1/3.0").empty());
+  EXPECT_TRUE(Exists(t.app() + "/g1/3.0") && ListDir(t.app() + "/g1/3.0").empty());
   // A version path that is a file: the emptiness test's reason.
   WriteFile(t.app() + "/g1/2.0", "x");
   EXPECT_EQ(failedLaunch("2.0"), Events{"onRunFailure:" + t.app() + "/g1/2.0 is not directory|-1"});
 
   // Installed, but the user's directories cannot be made under a file.
   ASSERT_TRUE(t.installGame("g1", "1.0"));
-  WriteFile(t.cache() + "/u1_g1", "x");
-  EXPECT_EQ(failedLaunch("1.0"), Events{"onRunFailure:temp dir not found|-1"});
-  std::filesystem::remove(t.cache() + "/u1_g1");
-  WriteFile(t.user() + "/u1_g1", "x");
-  EXPECT_EQ(failedLaunch("1.0"), Events{"onRunFailure:user data dir not found|-1"});
-  std::filesystem::remove(t.user() + "/u1_g1");
+  for (const auto& [root, failure] : {std::pair{t.cache(), "temp dir not found"},
+                                      std::pair{t.user(), "user data dir not found"}}) {
+    WriteFile(root + "/u1_g1", "x");
+    EXPECT_EQ(failedLaunch("1.0"), Events{"onRunFailure:" + std::string(failure) + "|-1"});
+    std::filesystem::remove(root + "/u1_g1");
+  }
 
   // A temp path that is itself a file throws out of runGame.
   std::filesystem::remove(t.cache() + "/u1_g1/tmp");
@@ -187,28 +176,26 @@ TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
   ZMValue options = version("1.0");
   options[ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG] = true;
   options[ZM_KEY_RUN_OPT_EXTEND] = "first";
-  auto listener = run("g1", options, 2);
+  auto listener = run(options, 2);
   EXPECT_EQ(listener->events(), (Events{"onGameHandleCreate", "onRunSuccess"}));
   EXPECT_EQ(listener->handle, ZMGameHandle::getInstance()) << "the host gets the handle";
   EXPECT_EQ(times(log), "timed");
-  ASSERT_TRUE(record("g1"));
-  EXPECT_EQ(record("g1")->played, 1);
-  EXPECT_EQ(record("g1")->extend, "first");
-  const double firstPlay = *record("g1")->play_at_time;
+  ASSERT_TRUE(record());
+  EXPECT_EQ(record()->played, 1);
+  EXPECT_EQ(record()->extend, "first");
+  const double firstPlay = *record()->play_at_time;
 
   // A second run without timing and without extend: no timed lines, extend cleared, played 2.
-  auto quiet = LogCapture();
-  auto second = run("g1", version("1.0"), 2);
-  EXPECT_EQ(second->last(), "onRunSuccess");
+  LogCapture quiet;
+  EXPECT_EQ(run(version("1.0"), 2)->last(), "onRunSuccess");
   EXPECT_EQ(times(quiet), "none");
-  EXPECT_TRUE(quiet.contains("[runGame] begin ...")) << "logged with or without the option";
-  EXPECT_EQ(record("g1")->played, 2);
-  EXPECT_FALSE(record("g1")->extend);
-  EXPECT_GT(*record("g1")->play_at_time, firstPlay);
+  EXPECT_EQ(record()->played, 2);
+  EXPECT_FALSE(record()->extend);
+  EXPECT_GT(*record()->play_at_time, firstPlay);
 
-  EXPECT_EQ(exitGame("g1"), "onGameExitSuccess");
+  EXPECT_EQ(exitGame(), "onGameExitSuccess");
   EXPECT_EQ(t.runtime->viewController(), nullptr);
-  EXPECT_EQ(exitGame("g1"), "onGameExitFailure:no game running|-1");
+  EXPECT_EQ(exitGame(), "onGameExitFailure:no game running|-1");
 
   // The option as text: true when it starts with y, Y, t or T, or reads as a non-zero number.
   for (const std::string text : {"yes", "Yes", "true", "True", "1", "2", "no", "0", ""}) {
@@ -216,14 +203,14 @@ TEST_F(ZMGameRuntimeLaunch, RunCountsPlaysLogsTimesAndExits) {
     LogCapture timed;
     options = version("1.0");
     options[ZM_KEY_RUN_DEBUG_SHOW_GAME_LOADING_TIME_LOG] = text;
-    EXPECT_EQ(run("g1", options, 2)->last(), "onRunSuccess") << text;
+    EXPECT_EQ(run(options, 2)->last(), "onRunSuccess") << text;
     EXPECT_EQ(times(timed), shown ? "timed" : "none") << '"' << text << '"';
   }
 }
 
 TEST_F(ZMGameRuntimeLaunch, EnginePermissionCallsReachTheStoreAndQuitRequestsTheHost) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
-  auto listener = run("g1", version("1.0"), 2);
+  auto listener = run(version("1.0"), 2);
   // The store waits for the main queue, so the game's calls come from another thread here.
   auto game = std::async(std::launch::async, [engine = engine()] {
     engine->grantPermissions({"camera", "location"}, {"location"});
@@ -234,7 +221,7 @@ TEST_F(ZMGameRuntimeLaunch, EnginePermissionCallsReachTheStoreAndQuitRequestsThe
   const auto [camera, all] = game.get();
   EXPECT_EQ(camera, 1);
   EXPECT_EQ(all, (ZMValue{{"location", 2}, {"camera", 1}}));
-  EXPECT_EQ(record("g1")->auth_location, 2);
+  EXPECT_EQ(record()->auth_location, 2);
 
   auto query = std::make_shared<QueryExitRecorder>();
   t.runtime->setGameQueryExitListener(query);
@@ -262,25 +249,23 @@ TEST_F(ZMGameRuntimeLaunch, EngineReportsAreRelayedWhateverHappensMeanwhile) {
   ASSERT_TRUE(t.installGame("g1", "1.0"));
   auto fake = FakeEngine::install();
   fake->runFailure = ZMError("engine exploded", 7);
-  auto listener = run("g1", version("1.0"), 1);
+  auto listener = run(version("1.0"), 1);
   fake->join();
   EXPECT_EQ(listener->events(), Events{"onRunFailure:engine exploded|7"});
   EXPECT_NE(listener->threads()[0], std::this_thread::get_id());
-  EXPECT_FALSE(record("g1")->played);
+  EXPECT_FALSE(record()->played);
 
   // A play is not counted once the host's listener is gone.
   fake->runFailure.reset();
-  listener = std::make_shared<RunRecorder>();
   auto ready = gatedLaunch(*fake, listener);
   listener.reset();
-  const int reported = fake->reported();
+  const int reported = fake->reported;
   ready.set_value();
-  ASSERT_TRUE(RunUntil([&] { return fake->reported() > reported; }));
-  EXPECT_FALSE(record("g1")->played);
+  ASSERT_TRUE(RunUntil([&] { return fake->reported > reported; }));
+  EXPECT_FALSE(record()->played);
 
   // The handle is released mid-launch (the slot held its only reference): the engine still
   // reports, and the host hears the launch through without a handle.
-  listener = std::make_shared<RunRecorder>();
   ready = gatedLaunch(*fake, listener);
   std::weak_ptr<ZMGameHandle> handle = ZMGameHandle::getInstance();
   ZMGameHandle::setInstance(nullptr);
@@ -290,24 +275,21 @@ TEST_F(ZMGameRuntimeLaunch, EngineReportsAreRelayedWhateverHappensMeanwhile) {
   fake->join();
   EXPECT_EQ(listener->events(), (Events{"onGameHandleCreate", "onRunSuccess"}));
   EXPECT_EQ(listener->handle, nullptr);
-  EXPECT_EQ(record("g1")->played, 1);
-  EXPECT_EQ(exitGame("g1"), "onGameExitFailure:no game running|-1");
+  EXPECT_EQ(record()->played, 1);
+  EXPECT_EQ(exitGame(), "onGameExitFailure:no game running|-1");
 
   // With no engine at all the launch ends silently after the bridge found no handle.
-  auto none = std::make_shared<RunRecorder>();
-  t.runtime->runGame(viewController, "g1", version("1.0"), none);
+  auto none = run(version("1.0"));
   DrainMainQueue();
   EXPECT_EQ(none->size(), 0u);
 
   // onRunSuccess counts the play in the record store, which waits for the main queue, while
   // done() on the main thread waits for the engine's callbacks to end.
   fake = FakeEngine::install();
-  listener = std::make_shared<RunRecorder>();
-  ready = gatedLaunch(*fake, listener);
-  ready.set_value();
+  gatedLaunch(*fake, listener).set_value();
   t.runtime->done();
   EXPECT_EQ(listener->events(), (Events{"onGameHandleCreate", "onRunSuccess"}));
-  EXPECT_EQ(record("g1")->played, 2);
+  EXPECT_EQ(record()->played, 2);
 }
 
 TEST_F(ZMGameRuntimeLaunch, ThePluginRootTravelsWithTheRunOptionsAndTheEngineGetsEveryOne) {
@@ -326,9 +308,8 @@ TEST_F(ZMGameRuntimeLaunch, ThePluginRootTravelsWithTheRunOptionsAndTheEngineGet
   options["rt_run_debug_show_debug_view"] = true;
   options["rt_run_debug_skipped_frame_warning_limit"] = 30;
   options["rt_run_debug_show_game_loading_time_log"] = 1;
-  auto host = run("g1", options, 2);
+  EXPECT_EQ(run(options, 2)->events(), (Events{"onGameHandleCreate", "onRunSuccess"}));
   fake->join();
-  EXPECT_EQ(host->events(), (Events{"onGameHandleCreate", "onRunSuccess"}));
   EXPECT_TRUE(std::filesystem::is_directory(t.plugin()));
 
   // The engine got the host's options, the runtime's keys with the layout's paths, the debug
@@ -341,15 +322,15 @@ TEST_F(ZMGameRuntimeLaunch, ThePluginRootTravelsWithTheRunOptionsAndTheEngineGet
   seen.erase("_rt_game_loading_start_time");
   const std::string user = t.user() + "/u1_g1";
   ZMValue expected = options;
-  expected["rt_run_debug_show_game_loading_time_log"] = true;
-  expected["_rt_file_user_data_path"] = user + "/data";
-  expected["_rt_file_app_package_path"] = t.app() + "/g1/1.0";
-  expected["_rt_file_user_temp_path"] = t.cache() + "/u1_g1/tmp";
-  expected["_rt_file_app_detail_path"] = t.app() + "/g1/detail.json";
-  expected["_rt_local_storage_path"] = user + "/local_storage.db";
-  expected["rt_runtime_local_storage_path"] = user + "/rt_local_storage.db";
-  expected["rt_user_id"] = "u1";
-  expected["_rt_file_plugin_package_path"] = t.plugin();
+  expected.update({{"rt_run_debug_show_game_loading_time_log", true},
+                   {"_rt_file_user_data_path", user + "/data"},
+                   {"_rt_file_app_package_path", t.app() + "/g1/1.0"},
+                   {"_rt_file_user_temp_path", t.cache() + "/u1_g1/tmp"},
+                   {"_rt_file_app_detail_path", t.app() + "/g1/detail.json"},
+                   {"_rt_local_storage_path", user + "/local_storage.db"},
+                   {"rt_runtime_local_storage_path", user + "/rt_local_storage.db"},
+                   {"rt_user_id", "u1"},
+                   {"_rt_file_plugin_package_path", t.plugin()}});
   auto unordered = [](const ZMValue& value) { return nlohmann::json::parse(value.dump()); };
   EXPECT_EQ(unordered(seen), unordered(expected));
 }
