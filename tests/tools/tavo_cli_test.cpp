@@ -124,49 +124,6 @@ TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
   EXPECT_EQ(tavo({"list"}).status, 2);
 }
 
-TEST_F(TavoCli, PluginCycleAgainstTheReferenceService) {
-  std::filesystem::create_directories(dir / "pk");
-  MakeZip(dir / "pk/demo_1.0.zip", {{"main.js", "console.log(1)"}});
-  ServedPlugins service(dir / "pk", dir / "serve.log");
-  ASSERT_TRUE(service.url.ends_with("/ced")) << service.url;
-  const Names at = {"--plugin-service", "http://127.0.0.1:1/ced", "--plugin-service", service.url};
-  auto plugin = [&](Names args) {
-    args.insert(args.begin(), "plugin");
-    args.insert(args.end(), at.begin(), at.end());
-    return args;
-  };
-  const ZMValue demo = {{"provider", "demo"}, {"version", "1.0"}};
-
-  // The fallback answers when the primary cannot be reached.
-  const Result installed = trace(plugin({"install", "--provider", "demo", "--version", "1.0"}));
-  EXPECT_EQ(installed.last(), (ZMValue{{"event", "onPluginInstallSuccess"}, {"args", {demo}}}));
-  EXPECT_EQ(ReadFile(root + "/Caches/plugin/demo_1.0/main.js"), "console.log(1)");
-  EXPECT_EQ(trace(plugin({"list"})).last()["args"][0],
-            ZMValue::array({{{"provider", "demo"},
-                             {"version", "1.0"},
-                             {"path", root + "/Caches/plugin/demo_1.0"}}}));
-  EXPECT_EQ(trace(plugin({"check", "--info", demo.dump()})).events(),
-            (Names{"onInitializeSuccess", "onCheckPluginVersionStart", "onCheckPluginSuccess"}));
-  EXPECT_EQ(trace(plugin({"remove", "--provider", "demo", "--version", "1.0"})).events(),
-            (Names{"onInitializeSuccess", "onPluginRemoveStart", "onPluginRemoveFinish",
-                   "onPluginRemoveSuccess"}));
-
-  // Failures exit 1 with the error on stderr; --info goes to the manager as given.
-  Result r = tavo(plugin({"check", "--provider", "demo", "--version", "1.0"}));
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("Error:plugin config no exist."), std::string::npos) << r.err;
-  r = tavo(plugin({"install", "--info", R"({"provider":"demo"})", "--trace"}));
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.events(),
-            (Names{"onInitializeSuccess", "onPluginInstallStart", "onPluginInstallFailure"}));
-  EXPECT_EQ(tavo(plugin({"remove", "--provider", "a"})).status, 1) << "unpaired";
-
-  EXPECT_TRUE(service.stop());
-  const std::string log = ReadFile(dir / "serve.log");
-  EXPECT_NE(log.find("POST /ced/runtime/plugin/url 200, code 200, 1 result(s)"), std::string::npos);
-  EXPECT_NE(log.find("GET /ced/packages/demo_1.0.zip 200"), std::string::npos) << log;
-}
-
 // Several processes on one root: four downloads of one game and four installs of one plug-in,
 // started together, all succeed and leave one complete copy of each.
 TEST_F(TavoCli, ProcessesSharingOneRootAllSucceed) {

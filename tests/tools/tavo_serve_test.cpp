@@ -206,14 +206,17 @@ TEST_F(TavoServe, IdleAndSlowClientsHoldUpNobody) {
             std::string::npos);
 }
 
-TEST_F(TavoServe, RangesAreAnsweredExactlyAndEveryListedNameInstallsSignedWhenAsked) {
+TEST_F(TavoServe, RangesAreAnsweredExactlyAndThePluginCycleRunsAgainstIt) {
   const std::string body = PatternBody(232);
   WriteFile(pk + "/r_1.0.zip", body);
+  MakeZip(pk + "/demo_1.0.zip", {{"main.js", "console.log(1)"}});
+  const std::string odd = "a b#c?d%e";
+  MakeZip(pk + "/" + odd + "_1.0.zip", {{"main.js", odd}});
   TestSigner signer;
-  // The signature's URL is the package's, percent-encoded, with ".minisig" added.
   MakeZip(pk + "/signed one_1.0.zip", {{"main.js", "signed"}});
   signer.sign(pk + "/signed one_1.0.zip");
   ServedPlugins service(pk, dir / "serve.log");
+  ASSERT_TRUE(service.url.ends_with("/ced")) << service.url;
   httplib::Client client("127.0.0.1", service.port);
   client.set_keep_alive(true);  // a length that lies leaves the next request hanging
   client.set_read_timeout(5);
@@ -241,29 +244,59 @@ TEST_F(TavoServe, RangesAreAnsweredExactlyAndEveryListedNameInstallsSignedWhenAs
     }
   }
 
-  // A name that needs percent-encoding in a URL installs like any other; a host that trusts a
-  // key gets the signature beside the package, or refuses the package.
-  const std::string odd = "a b#c?d%e";
-  MakeZip(pk + "/" + odd + "_1.0.zip", {{"main.js", odd}});
-  const auto install = [&](const std::string& provider, const Names& trust = {}) {
-    Names args = {"plugin",     "install", "--plugin-service", service.url,
-                  "--provider", provider,  "--version",        "1.0"};
-    args.insert(args.end(), trust.begin(), trust.end());
-    return tavo(args);
+  // `tavo plugin` against it, as the fallback when the primary cannot be reached.
+  const Names at = {"--plugin-service", "http://127.0.0.1:1/ced", "--plugin-service", service.url};
+  auto plugin = [&](Names args) {
+    args.insert(args.begin(), "plugin");
+    args.insert(args.end(), at.begin(), at.end());
+    return args;
   };
-  EXPECT_EQ(install(odd).status, 0);
+  const ZMValue demo = {{"provider", "demo"}, {"version", "1.0"}};
+  const Result installed = trace(plugin({"install", "--provider", "demo", "--version", "1.0"}));
+  EXPECT_EQ(installed.last(), (ZMValue{{"event", "onPluginInstallSuccess"}, {"args", {demo}}}));
+  EXPECT_EQ(ReadFile(root + "/Caches/plugin/demo_1.0/main.js"), "console.log(1)");
+  EXPECT_EQ(trace(plugin({"list"})).last()["args"][0],
+            ZMValue::array({{{"provider", "demo"},
+                             {"version", "1.0"},
+                             {"path", root + "/Caches/plugin/demo_1.0"}}}));
+  EXPECT_EQ(trace(plugin({"check", "--info", demo.dump()})).events(),
+            (Names{"onInitializeSuccess", "onCheckPluginVersionStart", "onCheckPluginSuccess"}));
+  EXPECT_EQ(trace(plugin({"remove", "--provider", "demo", "--version", "1.0"})).events(),
+            (Names{"onInitializeSuccess", "onPluginRemoveStart", "onPluginRemoveFinish",
+                   "onPluginRemoveSuccess"}));
+  // Failures exit 1 with the error on stderr; --info goes to the manager as given.
+  Result r = tavo(plugin({"check", "--provider", "demo", "--version", "1.0"}));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Error:plugin config no exist."), std::string::npos) << r.err;
+  r = tavo(plugin({"install", "--info", R"({"provider":"demo"})", "--trace"}));
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.events(),
+            (Names{"onInitializeSuccess", "onPluginInstallStart", "onPluginInstallFailure"}));
+  EXPECT_EQ(tavo(plugin({"remove", "--provider", "a"})).status, 1) << "unpaired";
+
+  // A name that needs percent-encoding in a URL installs like any other; a host that trusts a
+  // key gets the signature beside the package (its URL with ".minisig" added), or refuses.
+  EXPECT_EQ(tavo(plugin({"install", "--provider", odd, "--version", "1.0"})).status, 0);
   EXPECT_EQ(ReadFile(root + "/Caches/plugin/" + odd + "_1.0/main.js"), odd);
-  const Names trust = {"--trust-key", signer.publicKey()};
-  EXPECT_EQ(install("signed one", trust).status, 0);
+  const auto trusting = [&](const std::string& provider) {
+    return tavo(plugin({"install", "--provider", provider, "--version", "1.0", "--trust-key",
+                        signer.publicKey()}));
+  };
+  EXPECT_EQ(trusting("signed one").status, 0);
   EXPECT_EQ(ReadFile(root + "/Caches/plugin/signed one_1.0/main.js"), "signed");
   std::filesystem::remove_all(root + "/Caches/plugin/" + odd + "_1.0");
-  const Result refused = install(odd, trust);
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_NE(refused.err.find("package signature missing: " + service.url +
-                             "/packages/a%20b%23c%3Fd%25e_1.0.zip.minisig"),
+  r = trusting(odd);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("package signature missing: " + service.url +
+                       "/packages/a%20b%23c%3Fd%25e_1.0.zip.minisig"),
             std::string::npos)
-      << refused.err;
+      << r.err;
   EXPECT_FALSE(Exists(root + "/Caches/plugin/" + odd + "_1.0"));
+
+  EXPECT_TRUE(service.stop());
+  const std::string log = ReadFile(dir / "serve.log");
+  EXPECT_NE(log.find("POST /ced/runtime/plugin/url 200, code 200, 1 result(s)"), std::string::npos);
+  EXPECT_NE(log.find("GET /ced/packages/demo_1.0.zip 200"), std::string::npos) << log;
 }
 
 // A port that was free a moment ago.
