@@ -1,22 +1,31 @@
 #include "protocol/ZMSingleThreadFileDownloader.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "protocol/ZMPartialDownload.h"
+#include "protocol/ZMURLSession.h"
 #include "support/TestHttpServer.h"
 #include "support/TestListeners.h"
 #include "support/TestRangeServer.h"
 #include "support/TestSupport.h"
+#include "tavo/ZMFileUtils.h"
 
 using namespace std::chrono_literals;
 
@@ -97,7 +106,7 @@ class ZMSingleThreadFileDownloaderTest : public ::testing::Test {
   std::shared_ptr<FileRecorder> download(const std::string& url, bool cancelMidway = false,
                                          int64_t resumeAttempts = 0) {
     auto recorder = std::make_shared<FileRecorder>();
-    auto running = downloader(url, recorder);
+    auto running = last = downloader(url, recorder);
     running->setResume(resumeAttempts, package, "md5-of-the-package");
     if (cancelMidway) recorder->onFirstProgress = [&] { running->cancel(); };
     running->start();
@@ -111,6 +120,7 @@ class ZMSingleThreadFileDownloaderTest : public ::testing::Test {
   }
 
   ScopedSystemDirectories dirs;
+  std::shared_ptr<ZMSingleThreadFileDownloader> last;  // the last download()'s
   std::string savePath = dirs.root() / "game.zgp";
   std::string package = dirs.root() / "cache.zgp";  // a resumed download's bytes go beside it
 };
@@ -121,6 +131,16 @@ TEST_F(ZMSingleThreadFileDownloaderTest, Status200OntoAFreePathSucceeds) {
   const std::string body = PatternBody(2 << 20), unsized = PatternBody(300000);
   TestHttpServer server;
   server.Get("/pkg", [&](const auto&, auto& res) { res.set_content(body, "application/zip"); });
+  // The redirect sets a cookie that its target requires.
+  server.Get("/moved", [](const auto&, auto& res) {
+    res.set_header("Set-Cookie", "hop=1; Path=/");
+    res.set_redirect("/file");
+    res.set_content("redirect body", "text/plain");
+  });
+  server.Get("/file", [&](const auto& req, auto& res) {
+    if (req.get_header_value("Cookie") != "hop=1") res.status = 403;
+    res.set_content(body, "application/zip");
+  });
   server.Get("/chunked", [&](const auto&, auto& res) {  // no length
     res.set_chunked_content_provider("application/octet-stream", [&](size_t offset, auto& sink) {
       if (offset == 0) return sink.write(unsized.data(), unsized.size());
@@ -130,8 +150,32 @@ TEST_F(ZMSingleThreadFileDownloaderTest, Status200OntoAFreePathSucceeds) {
   });
   server.start();
 
+  auto recorder = download(server.url("/moved"));
+  EXPECT_EQ(recorder->runs(),
+            (std::vector<std::string>{"start:tag-1", "progress", "success:" + savePath}));
+  const int64_t size = static_cast<int64_t>(body.size());
+  EXPECT_EQ(recorder->progress.back(), std::make_pair(size, size));
+  EXPECT_TRUE(ReadFile(savePath) == body);  // the redirect's own body is not kept
+  // The digest made while writing is the file's, so verifying never reads the file again.
+  EXPECT_EQ(last->fileMD5(), ZMFileUtils::getFileMD5(savePath));
+  std::remove(savePath.c_str());
+
+  // A temporary file that cannot be written ends the download: the process may not write files
+  // beyond 64 KiB meanwhile.
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+  const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit limited{64 << 10, saved.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+  recorder = download(server.url("/pkg"));
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  std::signal(SIGXFSZ, previous);
+  EXPECT_EQ(Describe(*recorder->error),
+            std::string(kZMURLErrorDomain) + "|" + std::to_string(kZMURLErrorCannotWriteToFile));
+  EXPECT_FALSE(Exists(savePath));
+
   // Without a length, progress says -1 for the total.
-  auto recorder = download(server.url("/chunked"));
+  recorder = download(server.url("/chunked"));
   EXPECT_EQ(recorder->last(), "success:" + savePath);
   EXPECT_EQ(recorder->progress.back(), std::make_pair(int64_t{300000}, int64_t{-1}));
 
@@ -171,6 +215,18 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
   ResettingServer resetting("200000", 50000);
   // A length past 64 bits, which the transfer alone would take as no length at all.
   ResettingServer overflowing("99999999999999999999999", 50000, false);
+  TestHttpServer plain;  // answers a TLS handshake with plain HTTP
+  plain.start();
+  // A fresh self-signed certificate for 127.0.0.1: no trust store accepts it.
+  ASSERT_EQ(std::system(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+                         "-subj /CN=127.0.0.1 -days 1 -keyout " +
+                         Quote(dirs.root() / "key.pem") + " -out " +
+                         Quote(dirs.root() / "cert.pem") + " 2> /dev/null")
+                            .c_str()),
+            0);
+  TestHttpServer untrusted(dirs.root() / "cert.pem", dirs.root() / "key.pem");
+  untrusted.Get("/", [](const auto&, auto& res) { res.set_content("secret", "text/plain"); });
+  untrusted.start();
 
   struct Case {
     std::string url;
@@ -189,6 +245,11 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
            // connect, -1000 bad URL, -1001 timed out (idle), -1005 connection lost.
            {"http://127.0.0.1:9/pkg", "0|download fail", url + "|-1004"},
            {"not a url", "0|download fail", url + "|-1000"},
+           // -1002 unsupported scheme, -1200 TLS failed, -1202 untrusted certificate.
+           {"ftp://127.0.0.1/file", "0|download fail", url + "|-1002"},
+           {"https://127.0.0.1:" + std::to_string(plain.port()) + "/", "0|download fail",
+            url + "|-1200"},
+           {untrusted.url("/"), "0|download fail", url + "|-1202"},
            {server.url("/stall-head"), "0|download fail", url + "|-1001"},
            {server.url("/stall-body"), "200|download fail", url + "|-1001", "", 50000},
            // Never idle, but far too slow to ever finish.
@@ -206,11 +267,15 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
               std::string::npos)
         << recorder->error->userInfo->dump();
     EXPECT_FALSE(Exists(savePath)) << c.url;
+    if (c.error.starts_with(url)) {
+      EXPECT_EQ(recorder->error->userInfo->value("NSErrorFailingURLStringKey", ""), c.url);
+    }
     if (c.received >= 0) {
       EXPECT_EQ(recorder->progress.empty() ? 0 : recorder->progress.back().first, c.received)
           << c.url;
     }
   }
+  EXPECT_EQ(plain.requestCount() + untrusted.requestCount(), 0u);
 }
 
 TEST_F(ZMSingleThreadFileDownloaderTest, CancelReportsCancelAndNoFailure) {
@@ -309,4 +374,69 @@ TEST_F(ZMSingleThreadFileDownloaderTest, AResumedDownloadContinuesWhileTheServer
   EXPECT_EQ(recorder->last(), "cancel");
   EXPECT_EQ(slow.requests().size(), 1u);
   EXPECT_TRUE(Exists(package + ".partial")) << "kept for a later download";
+}
+
+TEST_F(ZMSingleThreadFileDownloaderTest, ASlowDownloadOutlivesTheIdleTimeoutAndAStalledOneExit) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  ZMSingleThreadFileDownloader::setTimeoutIntervalForTesting(1);
+  TestHttpServer server;
+  server.Get("/slow", [&](const auto&, auto& res) {
+    res.set_content_provider(10000, "text/plain", [&](size_t offset, size_t, auto& sink) {
+      if (offset > 0) server.pause(200ms);  // 1.8 s in all, never 1 s without a byte
+      return sink.write(std::string(1000, 'x').data(), 1000);
+    });
+  });
+  server.Get("/stall", PartialBody(server, 100000, 1000, true));
+  server.start();
+
+  // The child exits while a download (deliberately kept alive) is under way: the network thread
+  // must be stopped and joined, with nothing leaked and no race reported. (The child runs the
+  // test up to here, so this comes first.)
+  EXPECT_EXIT(
+      {
+        static auto listener = std::make_shared<FileRecorder>();
+        static auto kept = downloader(server.url("/stall"), listener);
+        kept->start();
+        if (!RunUntil([&] { return server.requestCount() == 1; })) std::_Exit(3);
+        // exit() skips the fixture's destructor: remove this process's directories first.
+        std::filesystem::remove_all(dirs.root().path());
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+
+  EXPECT_EQ(download(server.url("/slow"))->last(), "success:" + savePath);
+  EXPECT_EQ(ReadFile(savePath), std::string(10000, 'x'));
+}
+
+TEST(ZMURLSession, OnlyDownloadFilesNobodyHoldsAreSweptAsStale) {
+  TempDir dir;
+  const std::string tmp = dir.path();
+  // Temporary download files go after a minute, partial downloads kept for resuming after a day.
+  for (const auto& [name, age] :
+       std::vector<std::pair<std::string, double>>{{"tavo-download-dead01", 3600},
+                                                   {"tavo-download-live01", 3600},
+                                                   {"tavo-download-new001", 0},
+                                                   {"tavo-download-toolong", 3600},
+                                                   {"game.1.zgp", 3600},
+                                                   {"a.zgp.partial", 90000},
+                                                   {"a.zgp.partial.json", 90000},
+                                                   {"b.zgp.partial", 80000},
+                                                   {"b.zgp.partial.json", 90000},
+                                                   {"c.zgp.partial", 90000}}) {
+    WriteFile(tmp + "/" + name, "x");
+    SetAgeSeconds(tmp + "/" + name, age);
+  }
+  // A live download holds its file's lock, as a writer in another process would.
+  std::vector<int> held;
+  for (const char* name : {"tavo-download-live01", "c.zgp.partial"}) {
+    held.push_back(::open((tmp + "/" + name).c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(::flock(held.back(), LOCK_EX | LOCK_NB), 0);
+  }
+  EXPECT_EQ(ZMURLSession::removeStaleDownloads(tmp), 1);
+  EXPECT_EQ(ZMPartialDownload::removeStale(tmp), 1);
+  for (int fd : held) ::close(fd);
+  EXPECT_EQ(ListDir(tmp),
+            (std::vector<std::string>{"b.zgp.partial", "b.zgp.partial.json", "c.zgp.partial",
+                                      "game.1.zgp", "tavo-download-live01", "tavo-download-new001",
+                                      "tavo-download-toolong"}));
 }
