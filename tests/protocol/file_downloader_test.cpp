@@ -56,7 +56,8 @@ struct FileRecorder : ZMOnFileDownloadListener, EventLog {
 // resets the connection (RST): a lost connection, which a clean close cannot imitate. With
 // `reset` false it closes cleanly.
 struct ResettingServer {
-  ResettingServer(const std::string& declared, std::size_t sent, bool reset = true) {
+  ResettingServer(const std::string& declared, std::size_t sent, bool reset = true,
+                  const std::string& status = "200 OK") {
     sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     auto* raw = reinterpret_cast<sockaddr*>(&address);
     socklen_t length = sizeof address;
@@ -64,7 +65,7 @@ struct ResettingServer {
     ::getsockname(listener, raw, &length);
     url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/pkg";
     thread = std::thread([this, reset,
-                          reply = "HTTP/1.1 200 OK\r\nContent-Length: " + declared +
+                          reply = "HTTP/1.1 " + status + "\r\nContent-Length: " + declared +
                                   "\r\nConnection: close\r\n\r\n" + PatternBody(sent)] {
       const int connection = ::accept(listener, nullptr, nullptr);
       if (connection < 0) return;  // woken by the destructor
@@ -215,6 +216,8 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
   ResettingServer resetting("200000", 50000);
   // A length past 64 bits, which the transfer alone would take as no length at all.
   ResettingServer overflowing("99999999999999999999999", 50000, false);
+  // A 304 may declare the length its resource would have; it never has a body.
+  ResettingServer notModified("100", 0, false, "304 Not Modified");
   TestHttpServer plain;  // answers a TLS handshake with plain HTTP
   plain.start();
   // A fresh self-signed certificate for 127.0.0.1: no trust store accepts it.
@@ -240,6 +243,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
            // Only 200 succeeds: a status error carries the status, in the listener's code too.
            {server.url("/status/404"), "404|404", status + "|404", "", 4},
            {server.url("/status/204"), "204|204", status + "|204"},
+           {notModified.url, "304|304", status + "|304"},
            {server.url("/status/206"), "206|206", status + "|206", "", 4},
            // Transfer errors carry the response's status, or 0 when none came. -1004 cannot
            // connect, -1000 bad URL, -1001 timed out (idle), -1005 connection lost.
