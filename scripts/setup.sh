@@ -11,6 +11,7 @@ packages=(
   libasio-dev
   libcli11-dev libcpp-httplib-dev googletest libgtest-dev libbenchmark-dev
   curl zip unzip libarchive-tools 7zip python3 ca-certificates openssl time
+  e2fsprogs  # chattr pins a file that a deletion test must fail on
   nginx-light wrk  # `tavo serve` behind nginx (a tool test), and beside it (a benchmark)
   minisign  # signs packages in the signed-package tests, the demo and a benchmark
   "$@"  # extra packages a caller needs (scripts/fuzz: Clang and libFuzzer)
