@@ -18,14 +18,15 @@ ZMPluginUnzipPackageTask::ZMPluginUnzipPackageTask(std::string installDir, std::
 
 void ZMPluginUnzipPackageTask::execute(const std::string& zipFilePath) {
   zipFilePath_ = zipFilePath;
-  claimedPath_ = zipFilePath_;
+  // Before anything reads it: once the package has a private name, another process that
+  // finishes with the shared one may delete it, and this unpack still has its package.
+  claimedPath_ = ZMCachedPackage::claim(zipFilePath_);
   if (!trust_.requiresSignatures()) {
     _unpack();
     return;
   }
   // What is verified is what is unpacked: the package under its private name. The whole package
   // is read, so not on the main thread.
-  claimedPath_ = ZMCachedPackage::claim(zipFilePath_);
   postWork([self = shared_from_this()] {
     if (self->isCancel()) {
       if (self->claimedPath_ != self->zipFilePath_) ZMFileUtils::deleteFile(self->claimedPath_);
@@ -41,11 +42,10 @@ void ZMPluginUnzipPackageTask::execute(const std::string& zipFilePath) {
 }
 
 void ZMPluginUnzipPackageTask::_unpack() {
-  if (auto refusal = limits_.check(claimedPath_)) {
+  if (auto refusal = limits_.check(claimedPath_, zipFilePath_)) {
     onUnzipFailed(*refusal);
     return;
   }
-  if (claimedPath_ == zipFilePath_) claimedPath_ = ZMCachedPackage::claim(zipFilePath_);
   auto handle = ZMGameHandle::getInstance();
   if (!handle) {
     // Without an engine nothing can be unpacked; the package is cleaned up as for any failure.

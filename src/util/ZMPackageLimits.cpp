@@ -56,7 +56,8 @@ ZMPackageLimits ZMPackageLimits::fromOptions(const ZMValue& options) {
   return limits;
 }
 
-std::optional<std::string> ZMPackageLimits::check(const std::string& zipPath) const {
+std::optional<std::string> ZMPackageLimits::check(const std::string& zipPath,
+                                                  const std::string& name) const {
   // Like the unzip itself: only a regular file, and never a wait on a FIFO.
   struct stat st {};
   const int fd = ZMFileManager::openRegularFile(zipPath, true, &st);
@@ -75,13 +76,14 @@ std::optional<std::string> ZMPackageLimits::check(const std::string& zipPath) co
     total = entry.size > UINT64_MAX - total ? UINT64_MAX : total + entry.size;
   }
   const auto archiveBytes = static_cast<uint64_t>(st.st_size);
+  const std::string& named = name.empty() ? zipPath : name;
   if (total > maxUnpackedBytes) {
-    return "package \"" + zipPath + "\" would unpack to " + std::to_string(total) +
+    return "package \"" + named + "\" would unpack to " + std::to_string(total) +
            " bytes, more than the limit of " + std::to_string(maxUnpackedBytes);
   }
   if (archiveBytes > 0 && static_cast<unsigned __int128>(total) >
                               static_cast<unsigned __int128>(maxCompressionRatio) * archiveBytes) {
-    return "package \"" + zipPath + "\" would unpack to " + std::to_string(total) + " bytes from " +
+    return "package \"" + named + "\" would unpack to " + std::to_string(total) + " bytes from " +
            std::to_string(archiveBytes) + ", more than the limit of " +
            std::to_string(maxCompressionRatio) + " times its size";
   }

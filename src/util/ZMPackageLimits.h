@@ -28,6 +28,7 @@ struct ZMPackageLimits {
 
   // Reads only the archive's directory, before anything is unpacked: the refusal when the
   // package breaks a limit, nothing when it keeps them. An archive that cannot be read passes:
-  // the unzip then reports why.
-  std::optional<std::string> check(const std::string& zipPath) const;
+  // the unzip then reports why. The refusal names the package `name`, by default `zipPath`
+  // (a package read under a private name is named by its shared one).
+  std::optional<std::string> check(const std::string& zipPath, const std::string& name = {}) const;
 };
