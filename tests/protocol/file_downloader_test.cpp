@@ -218,6 +218,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
   ResettingServer overflowing("99999999999999999999999", 50000, false);
   // A 304 may declare the length its resource would have; it never has a body.
   ResettingServer notModified("100", 0, false, "304 Not Modified");
+  ResettingServer noContent("100", 0, false, "204 No Content");  // a length it should not have
   TestHttpServer plain;  // answers a TLS handshake with plain HTTP
   plain.start();
   // A fresh self-signed certificate for 127.0.0.1: no trust store accepts it.
@@ -244,6 +245,7 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
            {server.url("/status/404"), "404|404", status + "|404", "", 4},
            {server.url("/status/204"), "204|204", status + "|204"},
            {notModified.url, "304|304", status + "|304"},
+           {noContent.url, "204|204", status + "|204"},
            {server.url("/status/206"), "206|206", status + "|206", "", 4},
            // Transfer errors carry the response's status, or 0 when none came. -1004 cannot
            // connect, -1000 bad URL, -1001 timed out (idle), -1005 connection lost.

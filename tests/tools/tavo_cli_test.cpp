@@ -43,7 +43,8 @@ TEST_F(TavoCli, GameCycleAcrossInvocationsWithTrace) {
       (Names{"onInitializeSuccess", "onGameHandleCreate", "onRunSuccess", "onGameExitSuccess"}));
   EXPECT_EQ(trace({"config", "--app", "g"}).last()["result"]["deviceOrientation"], "portrait");
 
-  ASSERT_EQ(tavo({"set-data", "--app", "g", "--extend", "x", "--auth", "camera=1"}).status, 0);
+  EXPECT_EQ(tavo({"set-data", "--app", "g", "--extend", "x", "--auth", "camera=1"}).out,
+            "Storing {\"extend\":\"x\",\"auth_camera\":1} for g\n  stored\n");
   EXPECT_EQ(trace({"list"}).last()["args"][0],
             (ZMValue::array({{{ZM_KEY_GAME_ITEM_APP_ID, "g"}, {ZM_KEY_GAME_ITEM_EXTEND, "x"}}})));
   EXPECT_EQ(trace({"list", "--user", "u2"}).last()["args"][0], ZMValue::array());
