@@ -8,6 +8,7 @@
 
 #include "protocol/ZMSingleThreadFileDownloader.h"
 #include "support/TestHttpServer.h"
+#include "support/TestListeners.h"
 #include "support/TestSupport.h"
 
 namespace {
@@ -23,18 +24,6 @@ int64_t PeakResident() {
   }
   return -1;
 }
-
-struct Outcome : ZMOnFileDownloadListener {
-  std::string result;  // empty until the download ends
-  void onDownloadStart(const std::string&) override {}
-  void onDownloadProgress(int64_t, int64_t) override {}
-  void onDownloadSuccess(const std::string&) override { result = "success"; }
-  void onDownloadFailure(int32_t, const std::string&, const ZMError& e) override {
-    result = e.description();
-  }
-  void onDownloadCancel() override { result = "cancel"; }
-  void onDownloadRetry(int32_t) override {}
-};
 
 }  // namespace
 
@@ -53,13 +42,13 @@ TEST(ZMSingleThreadFileDownloader, GigabyteDownloadKeepsMemoryFlat) {
   });
   server.start();
 
-  auto outcome = std::make_shared<Outcome>();
+  auto recorder = std::make_shared<FileRecorder>();
   auto downloader = std::make_shared<ZMSingleThreadFileDownloader>(
-      dirs.root() / "big.zgp", server.url("/big"), "big", outcome);
+      dirs.root() / "big.zgp", server.url("/big"), "big", recorder);
   downloader->start();
-  ASSERT_TRUE(RunUntil([&] { return !outcome->result.empty(); }, std::chrono::minutes(4)));
+  ASSERT_TRUE(RunUntil([&] { return recorder->ends > 0; }, std::chrono::minutes(4)));
   EXPECT_LT(PeakResident(), 32 << 20);  // server and test included
-  ASSERT_EQ(outcome->result, "success");
+  ASSERT_EQ(recorder->last(), "success:" + dirs.root() / "big.zgp");
 
   EXPECT_EQ(std::filesystem::file_size(dirs.root() / "big.zgp"), kSize);
 }

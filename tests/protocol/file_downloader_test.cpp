@@ -1,19 +1,14 @@
 #include "protocol/ZMSingleThreadFileDownloader.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -30,64 +25,6 @@
 using namespace std::chrono_literals;
 
 namespace {
-
-struct FileRecorder : ZMOnFileDownloadListener, EventLog {
-  std::vector<std::pair<int64_t, int64_t>> progress;
-  std::optional<ZMError> error;
-  std::function<void()> onFirstProgress;
-  std::atomic<int> ends{0};  // terminal callbacks so far
-
-  void onDownloadStart(const std::string& tag) override { note("start", tag); }
-  void onDownloadProgress(int64_t done, int64_t total) override {
-    progress.emplace_back(done, total);
-    note("progress");
-    if (onFirstProgress) std::exchange(onFirstProgress, nullptr)();
-  }
-  void onDownloadSuccess(const std::string& path) override { ++ends, note("success", path); }
-  void onDownloadFailure(int32_t code, const std::string& msg, const ZMError& e) override {
-    error = e;
-    ++ends, note("failure", int64_t{code}, msg);
-  }
-  void onDownloadCancel() override { ++ends, note("cancel"); }
-  void onDownloadRetry(int32_t n) override { note("retry", int64_t{n}); }
-};
-
-// Answers one connection with a 200 whose Content-Length is `declared`, sends `sent` bytes and
-// resets the connection (RST): a lost connection, which a clean close cannot imitate. With
-// `reset` false it closes cleanly.
-struct ResettingServer {
-  ResettingServer(const std::string& declared, std::size_t sent, bool reset = true,
-                  const std::string& status = "200 OK") {
-    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    auto* raw = reinterpret_cast<sockaddr*>(&address);
-    socklen_t length = sizeof address;
-    if (::bind(listener, raw, length) || ::listen(listener, 1)) std::abort();
-    ::getsockname(listener, raw, &length);
-    url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/pkg";
-    thread = std::thread([this, reset,
-                          reply = "HTTP/1.1 " + status + "\r\nContent-Length: " + declared +
-                                  "\r\nConnection: close\r\n\r\n" + PatternBody(sent)] {
-      const int connection = ::accept(listener, nullptr, nullptr);
-      if (connection < 0) return;  // woken by the destructor
-      // One read takes the request (what is left unread is reset as well); a client that never
-      // asks gives up at its idle time-out.
-      char request[4096];
-      (void)!::recv(connection, request, sizeof request, 0);
-      (void)!::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
-      const linger abort{1, 0};  // close() sends RST, not FIN
-      if (reset) ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-      ::close(connection);
-    });
-  }
-  ~ResettingServer() {
-    ::shutdown(listener, SHUT_RDWR);
-    thread.join();
-    ::close(listener);
-  }
-  int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  std::string url;
-  std::thread thread;
-};
 
 class ZMSingleThreadFileDownloaderTest : public ::testing::Test {
  protected:
@@ -213,12 +150,14 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
   server.Get("/short", PartialBody(server, 200000, 50000, false));
   server.Get("/drip", Drip(server, std::string(100000, 'x'), 100ms));
   server.start();
-  ResettingServer resetting("200000", 50000);
+  using Reply = TestRangeServer::Reply;
+  const auto always = [](Reply reply) { return std::function([reply](int) { return reply; }); };
+  TestRangeServer resetting(PatternBody(200000), always({.cutAt = 50000, .reset = true}));
   // A length past 64 bits, which the transfer alone would take as no length at all.
-  ResettingServer overflowing("99999999999999999999999", 50000, false);
+  TestRangeServer overflowing(PatternBody(50000), always({.length = "99999999999999999999999"}));
   // A 304 may declare the length its resource would have; it never has a body.
-  ResettingServer notModified("100", 0, false, "304 Not Modified");
-  ResettingServer noContent("100", 0, false, "204 No Content");  // a length it should not have
+  TestRangeServer notModified("", always({.status = "304 Not Modified", .length = "100"}));
+  TestRangeServer noContent("", always({.status = "204 No Content", .length = "100"}));
   TestHttpServer plain;  // answers a TLS handshake with plain HTTP
   plain.start();
   // A fresh self-signed certificate for 127.0.0.1: no trust store accepts it.
@@ -244,8 +183,8 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
            // Only 200 succeeds: a status error carries the status, in the listener's code too.
            {server.url("/status/404"), "404|404", status + "|404", "", 4},
            {server.url("/status/204"), "204|204", status + "|204"},
-           {notModified.url, "304|304", status + "|304"},
-           {noContent.url, "204|204", status + "|204"},
+           {notModified.url(), "304|304", status + "|304"},
+           {noContent.url(), "204|204", status + "|204"},
            {server.url("/status/206"), "206|206", status + "|206", "", 4},
            // Transfer errors carry the response's status, or 0 when none came. -1004 cannot
            // connect, -1000 bad URL, -1001 timed out (idle), -1005 connection lost.
@@ -263,8 +202,9 @@ TEST_F(ZMSingleThreadFileDownloaderTest, EveryOtherEndIsOneFailureAndNoFile) {
             -1},
            {server.url("/short"), "200|download fail", url + "|-1005", "bytes remaining", 50000},
            // A reset may discard what the peer sent last.
-           {resetting.url, "200|download fail", url + "|-1005", "reset by peer", -1},
-           {overflowing.url, "200|download fail", url + "|-1011", "declared Content-Length", 50000},
+           {resetting.url(), "200|download fail", url + "|-1005", "reset by peer", -1},
+           {overflowing.url(), "200|download fail", url + "|-1011", "declared Content-Length",
+            50000},
        }) {
     auto recorder = download(c.url);
     EXPECT_EQ(recorder->last(), "failure:" + c.failure) << c.url;

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "protocol/ZMOnFileDownloadListener.h"
 #include "tavo/tavo.h"
 
 inline std::string Describe(const std::string& text) { return text; }
@@ -83,6 +84,28 @@ class EventLog {
   std::condition_variable changed_;
   std::vector<std::string> events_;
   std::vector<std::thread::id> threads_;
+};
+
+// The package downloader's listener: every callback, the progress pairs and the error.
+struct FileRecorder : ZMOnFileDownloadListener, EventLog {
+  std::vector<std::pair<int64_t, int64_t>> progress;
+  std::optional<ZMError> error;
+  std::function<void()> onFirstProgress;
+  std::atomic<int> ends{0};  // terminal callbacks so far
+
+  void onDownloadStart(const std::string& tag) override { note("start", tag); }
+  void onDownloadProgress(int64_t done, int64_t total) override {
+    progress.emplace_back(done, total);
+    note("progress");
+    if (onFirstProgress) std::exchange(onFirstProgress, nullptr)();
+  }
+  void onDownloadSuccess(const std::string& path) override { ++ends, note("success", path); }
+  void onDownloadFailure(int32_t code, const std::string& msg, const ZMError& e) override {
+    error = e;
+    ++ends, note("failure", int64_t{code}, msg);
+  }
+  void onDownloadCancel() override { ++ends, note("cancel"); }
+  void onDownloadRetry(int32_t n) override { note("retry", int64_t{n}); }
 };
 
 struct InitRecorder : ZMRuntimeInitListener, EventLog {

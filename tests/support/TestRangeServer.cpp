@@ -111,7 +111,7 @@ void TestRangeServer::serve(int connection) {
   }
   const std::string etag = reply.etag.empty() ? "" : "\"" + reply.etag + "\"";
   int64_t from = 0;
-  std::string status = "200 OK", extra;
+  std::string status = reply.status.empty() ? "200 OK" : reply.status, extra;
   if (reply.ranges && range.rfind("bytes=", 0) == 0 && (ifRange.empty() || ifRange == etag)) {
     if (reply.refuseRange) {
       const std::string refused = "HTTP/1.1 " + std::to_string(reply.refuseRange) +
@@ -126,8 +126,9 @@ void TestRangeServer::serve(int connection) {
             std::to_string(size) + "\r\n";
   }
   const std::string response =
-      "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(size - from) + "\r\n" + extra +
-      (etag.empty() ? "" : "ETag: " + etag + "\r\n") + "Connection: close\r\n\r\n";
+      "HTTP/1.1 " + status +
+      "\r\nContent-Length: " + (reply.length.empty() ? std::to_string(size - from) : reply.length) +
+      "\r\n" + extra + (etag.empty() ? "" : "ETag: " + etag + "\r\n") + "Connection: close\r\n\r\n";
   if (!sendAll(connection, response.data(), response.size())) return;
   const int64_t end = reply.cutAt >= 0 ? std::min(reply.cutAt, size) : size;
   std::string chunk;
@@ -144,7 +145,9 @@ void TestRangeServer::serve(int connection) {
     at += n;
     if (delay.count() > 0) std::this_thread::sleep_for(delay);
   }
-  // A cut closes the connection early: the client sees a body shorter than declared. (A reset
-  // could discard bytes already counted as sent.)
+  // A cut closes the connection early: the client sees a body shorter than declared. A reset
+  // (close() sending RST) may discard bytes already counted as sent: a lost connection.
+  const linger abort{1, 0};
+  if (reply.reset) ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
   if (fd >= 0) ::close(fd);
 }

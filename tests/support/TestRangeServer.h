@@ -21,6 +21,9 @@ class TestRangeServer {
     std::string etag = "v1";  // sent quoted; empty: no validator at all
     bool ranges = true;       // false: Range is ignored (the whole file, 200)
     int refuseRange = 0;      // a status (416) answering every Range request
+    std::string status = "";  // the status line's code and text when not 200 or 206
+    std::string length = "";  // the Content-Length declared instead of the true one
+    bool reset = false;       // the cut resets the connection (RST) instead of closing it
   };
 
   // `reply(i)` says how to answer the i-th request (from 0).
