@@ -14,15 +14,13 @@ namespace fs = std::filesystem;
 // disk) cannot rename: it copies, and must then remove the source, or every download moved
 // that way would leave a second copy behind.
 TEST(ZMFileManager, MovesAcrossFileSystemsWithoutLeavingTheSource) {
-  struct stat shm {
-  }, here{};
+  struct stat shm = {}, here = {};
   TempDir dir;
   if (::stat("/dev/shm", &shm) != 0 || ::stat(dir.path().c_str(), &here) != 0 ||
       shm.st_dev == here.st_dev) {
     GTEST_SKIP() << "needs /dev/shm on a file system of its own";
   }
   const fs::path other = fs::path("/dev/shm") / fs::path(dir.path()).filename();
-  fs::create_directories(other);
   WriteFile(other / "file", "payload");
   WriteFile(other / "tree/a/b.txt", "deep");
 

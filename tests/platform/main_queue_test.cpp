@@ -15,21 +15,16 @@
 
 // The test program's main() runs on the thread that loaded libtavo, which is the main thread.
 
-namespace {
-
-// Removes the wake-up hook and drains leftovers even when a test fails half-way.
-struct QueueReset {
-  ~QueueReset() {
+class ZMMainQueueTest : public ::testing::Test {
+ protected:
+  // Removes the wake-up hook and drains leftovers even when a test fails half-way.
+  ~ZMMainQueueTest() override {
     ZMMainQueue::setWakeupHook(nullptr);
-    while (ZMMainQueue::poll() > 0) {
-    }
+    while (ZMMainQueue::poll() > 0) continue;
   }
 };
 
-}  // namespace
-
-TEST(ZMMainQueue, SyncFromAGlobalQueueBlockWaitsForTheMainThread) {
-  QueueReset reset;
+TEST_F(ZMMainQueueTest, SyncFromAGlobalQueueBlockWaitsForTheMainThread) {
   std::promise<std::thread::id> posted;  // the hook runs on the posting thread
   ZMMainQueue::setWakeupHook([&posted] { posted.set_value(std::this_thread::get_id()); });
 
@@ -53,8 +48,7 @@ TEST(ZMMainQueue, SyncFromAGlobalQueueBlockWaitsForTheMainThread) {
   EXPECT_EQ(ranOn, std::this_thread::get_id());
 }
 
-TEST(ZMMainQueue, PostedBlocksRunInOrderAndSyncOnTheMainThreadRunsInline) {
-  QueueReset reset;
+TEST_F(ZMMainQueueTest, PostedBlocksRunInOrderAndSyncOnTheMainThreadRunsInline) {
   std::vector<int> seen;
   std::thread producer([&] {
     for (int i = 0; i < 1000; ++i) ZMMainQueue::post([&seen, i] { seen.push_back(i); });
@@ -77,8 +71,7 @@ TEST(ZMMainQueue, PostedBlocksRunInOrderAndSyncOnTheMainThreadRunsInline) {
   EXPECT_THROW(ZMMainQueue::sync([] { throw std::runtime_error("inline"); }), std::runtime_error);
 }
 
-TEST(ZMMainQueue, RunDrainsUntilStop) {
-  QueueReset reset;
+TEST_F(ZMMainQueueTest, RunDrainsUntilStop) {
   std::vector<int> order;
   ZMMainQueue::post([&] { order.push_back(1); });
   ZMMainQueue::post([] { ZMMainQueue::stop(); });

@@ -4,10 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <cstdlib>
 #include <filesystem>
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "support/TestSupport.h"
+#include "tavo/ZMFileMD5.h"
 
 namespace fs = std::filesystem;
 
@@ -24,14 +29,27 @@ struct Unprivileged {
   }
 };
 
-}  // namespace
+// Takes ownership of the C result; null stays null.
+std::optional<std::string> Digest(const std::string& path, size_t chunk) {
+  const std::unique_ptr<char, decltype(&std::free)> hash(
+      FileMD5HashCreateWithPath(path.c_str(), chunk), &std::free);
+  return hash ? std::optional<std::string>(hash.get()) : std::nullopt;
+}
 
-TEST(ZMFileUtils, ExistenceDigestAndDeletionInAndOfFolders) {
+std::ptrdiff_t OpenDescriptors() {
+  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
+class ZMFileUtilsTest : public ::testing::Test {
+ protected:
   TempDir dir;
   LogCapture log;
-  WriteFile(dir / "file", "x");
-  WriteFile(dir / "tree/a/b/c.txt", "x");
-  WriteFile(dir / "target/kept.txt", "x");
+};
+
+}  // namespace
+
+TEST_F(ZMFileUtilsTest, ExistenceDigestAndDeletionInAndOfFolders) {
+  for (const char* file : {"file", "tree/a/b/c.txt", "target/kept.txt"}) WriteFile(dir / file, "x");
   fs::create_directory_symlink(dir / "target", dir / "link");
   fs::create_symlink(dir / "nowhere", dir / "dangling");
 
@@ -42,10 +60,10 @@ TEST(ZMFileUtils, ExistenceDigestAndDeletionInAndOfFolders) {
   EXPECT_EQ(ZMFileUtils::getFileMD5(dir / "missing"), std::string());  // empty, not null
   EXPECT_EQ(ZMFileUtils::getFileMD5(dir / "tree"), std::nullopt);      // a directory cannot be read
 
-  EXPECT_TRUE(ZMFileUtils::deleteFile(dir / "missing"));
-  EXPECT_TRUE(ZMFileUtils::deleteFile(dir / "file"));
-  EXPECT_TRUE(ZMFileUtils::deleteFile(dir / "tree"));
-  EXPECT_TRUE(ZMFileUtils::deleteFile(dir / "link"));  // the link goes, not what it points to
+  // A link goes, not what it points to.
+  for (const char* name : {"missing", "file", "tree", "link"}) {
+    EXPECT_TRUE(ZMFileUtils::deleteFile(dir / name)) << name;
+  }
   EXPECT_EQ(ListDir(dir.path()), (std::vector<std::string>{"dangling", "target"}));
   EXPECT_TRUE(Exists(dir / "target/kept.txt"));
   EXPECT_TRUE(log.lines().empty());
@@ -62,9 +80,7 @@ TEST(ZMFileUtils, ExistenceDigestAndDeletionInAndOfFolders) {
   EXPECT_TRUE(ListDir(folder).empty());
 }
 
-TEST(ZMFileUtils, ReadersRequireStrictUTF8AndJSONContainers) {
-  TempDir dir;
-  LogCapture log;
+TEST_F(ZMFileUtilsTest, ReadersRequireStrictUTF8AndJSONContainers) {
   const std::string text = "h\u00e9llo \u4e16\u754c \U0001F600\n" + std::string("\0tail", 5);
   WriteFile(dir / "text", text);
   EXPECT_EQ(ZMFileUtils::readStringFromFile(dir / "text"), text);
@@ -106,17 +122,14 @@ TEST(ZMFileUtils, ReadersRequireStrictUTF8AndJSONContainers) {
   EXPECT_EQ(log.lines().size(), std::size(invalid) + 1 + std::size(bad) + 2);
 }
 
-TEST(ZMFileUtils, DirectoriesAreMadeCheckedOrRefused) {
-  TempDir dir;
-  LogCapture log;
+TEST_F(ZMFileUtilsTest, DirectoriesAreMadeCheckedOrRefused) {
   const std::string file = dir / "file";
   WriteFile(file, "x");
   WriteFile(dir / "hidden/.keep", "");
 
   EXPECT_TRUE(ZMFileUtils::ensureDirExists(dir / "a/b/c"));
   EXPECT_NO_THROW(ZMFileUtils::validateDirectory(dir / "x/y"));
-  EXPECT_TRUE(ZMFileUtils::isDirectoryEmpty(dir / "a/b/c"));
-  EXPECT_TRUE(ZMFileUtils::isDirectoryEmpty(dir / "x/y"));
+  for (const char* made : {"a/b/c", "x/y"}) EXPECT_TRUE(ZMFileUtils::isDirectoryEmpty(dir / made));
   EXPECT_FALSE(ZMFileUtils::isDirectoryEmpty(dir / "hidden"));  // hidden entries count
   EXPECT_TRUE(log.lines().empty());
   EXPECT_EQ(Raised([&] { ZMFileUtils::isDirectoryEmpty(dir / "missing"); }),
@@ -136,9 +149,7 @@ TEST(ZMFileUtils, DirectoriesAreMadeCheckedOrRefused) {
   EXPECT_FALSE(ZMFileUtils::ensureDirExists(""));
 }
 
-TEST(ZMFileUtils, PermissionFailures) {
-  TempDir dir;
-  LogCapture log;
+TEST_F(ZMFileUtilsTest, PermissionFailures) {
   const std::string readOnly = dir / "read-only";
   WriteFile(readOnly + "/stuck.txt", "x");
   ::chmod(readOnly.c_str(), 0555);
@@ -161,12 +172,10 @@ TEST(ZMFileUtils, PermissionFailures) {
 }
 
 // Hosts rely on these fixed answers; doing the work instead would change what they see.
-TEST(ZMFileUtils, PlaceholdersKeepTheirFixedResultsAndTouchNothing) {
-  TempDir dir;
+TEST_F(ZMFileUtilsTest, PlaceholdersKeepTheirFixedResultsAndTouchNothing) {
   WriteFile(dir / "a.txt", "abc");
   fs::create_directory(dir / "sub");
-  const std::string a = dir / "a.txt";
-  const std::string b = dir / "b.txt";
+  const std::string a = dir / "a.txt", b = dir / "b.txt";
   const unsigned char bytes[] = {0xab, 0};
 
   EXPECT_EQ(ZMFileUtils::readJSONArrayFromFile(a), ZMValue::array());
@@ -183,4 +192,29 @@ TEST(ZMFileUtils, PlaceholdersKeepTheirFixedResultsAndTouchNothing) {
                          ZMFileUtils::isAllFilesMD5Correct(dir.path(), ZMValue::array())}),
       std::vector<bool>(7, false));
   EXPECT_EQ(ListDir(dir.path()), (std::vector<std::string>{"a.txt", "sub"}));
+}
+
+// FileMD5HashCreateWithPath, which getFileMD5 reads with.
+TEST_F(ZMFileUtilsTest, MD5OneDigestForEveryChunkSizeNullWhenUnreadableNothingLeftOpen) {
+  const std::ptrdiff_t descriptors = OpenDescriptors();
+  // Over a megabyte and five bytes: every chunk size below leaves a tail.
+  std::string pattern((1 << 20) + 5, '\0');
+  for (std::size_t i = 0; char& c : pattern) c = static_cast<char>((i++ * 31 + 7) % 251);
+  const std::pair<std::string, const char*> vectors[] = {
+      {"", "d41d8cd98f00b204e9800998ecf8427e"}, {pattern, "8a7744196f3985b06c719b9999dc300c"}};
+  for (const auto& [content, expected] : vectors) {
+    WriteFile(dir / "v", content);
+    // 0 is the default 8192; the rest straddle it, and SIZE_MAX is read a buffer at a time.
+    for (const size_t chunk : {size_t{0}, size_t{63}, size_t{8191}, size_t{8193}, SIZE_MAX}) {
+      EXPECT_EQ(Digest(dir / "v", chunk), expected) << content.size() << " bytes, chunk " << chunk;
+    }
+  }
+
+  EXPECT_EQ(FileMD5HashCreateWithPath(nullptr, 0), nullptr);
+  EXPECT_EQ(Digest("", 0), std::nullopt);
+  EXPECT_EQ(Digest(dir / "missing.bin", 8192), std::nullopt);
+  EXPECT_EQ(Digest(dir.path(), 8192), std::nullopt);  // a directory opens, but cannot be read
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+  EXPECT_EQ(Digest(dir / "fifo", 8192), std::nullopt);  // at once: nobody will ever write
+  EXPECT_EQ(OpenDescriptors(), descriptors);
 }

@@ -49,9 +49,7 @@ TEST(ZMTask, AReplyIsHeardUnlessTheTaskWasCancelledDroppedOrItsListenerLeft) {
   auto orphan = std::make_shared<EchoTask>(gone);
   orphan->reply("listener gone");
   gone.reset();
-  auto dropped = std::make_shared<EchoTask>(heard);
-  dropped->reply("dropped");
-  dropped.reset();
+  std::make_shared<EchoTask>(heard)->reply("dropped");  // the only reference goes right away
   task->reply("last");
   DrainMainQueue();
   EXPECT_EQ(heard->replies, (std::vector<std::string>{"delivered", "last"}));
