@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/TestPluginService.h"
@@ -24,11 +23,24 @@ inline std::string Md5(const std::string& path) {
   return ZMFileUtils::getFileMD5(path).value_or("");
 }
 
-// Has the service host "s" list plug-in p 1.0 as the package `zip`, fetched from `url`.
-inline void ListP(TestPluginService& service, const std::string& zip, const std::string& url) {
+// Has the service host "s" list plug-in p 1.0 as the package `zip`, fetched from `url` (by
+// default from the service, which then serves it as "p.zip").
+inline void ListP(TestPluginService& service, const std::string& zip, std::string url = "") {
+  if (url.empty()) {
+    service.serve("p.zip", ReadFile(zip));
+    url = service.package("p.zip");
+  }
   service.lists(
       "s",
       ZMValue::array({{{"plugin_id", "p"}, {"version", "1.0"}, {"hash", Md5(zip)}, {"url", url}}}));
+}
+
+inline bool Has(std::string_view s, std::string_view part) { return s.find(part) != s.npos; }
+
+// `a` followed by `b`.
+inline Names With(Names a, const Names& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
 }
 
 // `program ARGS` as one shell command.
@@ -53,40 +65,11 @@ struct Result {
     return lines;
   }
   // The last line (null without one).
-  ZMValue last() const {
-    const auto lines = json();
-    return lines.empty() ? ZMValue() : lines.back();
-  }
+  ZMValue last() const { return json().empty() ? ZMValue() : json().back(); }
   Names events() const {
     Names names;
     for (const auto& line : json()) names.push_back(line.value("event", ""));
     return names;
-  }
-};
-
-class TavoCli : public ::testing::Test {
- protected:
-  TempDir dir;
-  std::string root = dir / "root";
-
-  // Runs `tavo ARGS --root ROOT` with stdout and stderr captured (stdout is not a terminal).
-  Result tavo(const Names& args) {
-    const int raw = std::system((Command(TAVO_BINARY, args) + " --root " + Quote(root) + " >" +
-                                 Quote(dir / "out") + " 2>" + Quote(dir / "err"))
-                                    .c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(dir / "out"), ReadFile(dir / "err")};
-  }
-  // Runs with --trace, expecting success.
-  Result trace(Names args) {
-    args.push_back("--trace");
-    Result r = tavo(args);
-    EXPECT_EQ(r.status, 0) << args[0] << ": " << r.err;
-    return r;
-  }
-  // `tavo plugin install` of p 1.0 from the service host "s".
-  static Names InstallP(TestPluginService& service) {
-    return {"plugin",    "install", "--provider",       "p",
-            "--version", "1.0",     "--plugin-service", service.host("s")};
   }
 };
 
@@ -104,56 +87,63 @@ class TavoChild {
     EXPECT_TRUE(RunUntil([&] { return ReadFile(pid).ends_with("\n"); }));
     pid_ = std::atoi(ReadFile(pid).c_str());
   }
-  ~TavoChild() { kill(); }
+  ~TavoChild() { end(); }
 
-  // The next line on stdout; empty when none comes within 20 s.
-  std::string line() {
+  // The first line on stdout (what there is of it when none comes within 20 s).
+  std::string firstLine() {
     std::string text;
-    if (!RunUntil([&] { return (text = ReadFile(out_)).find('\n', read_) != std::string::npos; })) {
-      return "";
-    }
-    const auto begin = std::exchange(read_, text.find('\n', read_) + 1);
-    return text.substr(begin, read_ - 1 - begin);
+    RunUntil([&] { return Has(text = ReadFile(out_), "\n"); });
+    return text.substr(0, text.find('\n'));
   }
-  // Kills the child with SIGKILL and waits until it is gone, so that it writes nothing more.
-  void kill() { end(SIGKILL); }
-  // Sends SIGINT and returns the exit status once it has ended; -1 when it does not within 20 s.
-  int interrupt() { return end(SIGINT) ? std::atoi(ReadFile(status_).c_str()) : -1; }
+  // Sends signal `number` and waits until the child is gone, so that it writes nothing more;
+  // returns its exit status, or -1 when it has not ended within 20 s (then it is killed).
+  int end(int number = SIGKILL) {
+    if (pid_ > 0) ::kill(pid_, number);
+    const bool ended = pid_ > 0 && RunUntil([&] { return ReadFile(status_).ends_with("\n"); });
+    if (pid_ > 0 && !ended) ::kill(pid_, SIGKILL);
+    pid_ = 0;
+    return ended ? std::atoi(ReadFile(status_).c_str()) : -1;
+  }
 
  private:
-  bool end(int number) {
-    if (pid_ <= 0) return false;
-    ::kill(pid_, number);
-    const bool ended = RunUntil([&] { return ReadFile(status_).ends_with("\n"); });
-    if (!ended) ::kill(pid_, SIGKILL);
-    pid_ = 0;
-    return ended;
-  }
-
   std::string out_, status_;
-  std::size_t read_ = 0;
   pid_t pid_ = 0;
 };
 
-// `tavo serve DIR ARGS`, its base URL read from its first line on stdout.
-class ServedPlugins {
- public:
-  ServedPlugins(const std::string& dir, const std::string& log, Names args = {})
-      : child_(WithServe(dir, std::move(args)), log), url(child_.line()) {
-    const auto colon = url.rfind(':');
-    if (colon != std::string::npos) port = std::atoi(url.c_str() + colon + 1);
-  }
-  // Interrupted, it stops: exits 0 within 20 s.
-  bool stop() { return child_.interrupt() == 0; }
+class TavoCli : public ::testing::Test {
+ protected:
+  TempDir dir;
+  std::string root = dir / "root";
 
- private:
-  static Names WithServe(const std::string& dir, Names args) {
-    args.insert(args.begin(), {"serve", dir});
-    return args;
+  // Runs `tavo ARGS --root ROOT` with stdout and stderr captured (stdout is not a terminal).
+  Result tavo(const Names& args) {
+    const int raw = std::system((Command(TAVO_BINARY, args) + " --root " + Quote(root) + " >" +
+                                 Quote(dir / "out") + " 2>" + Quote(dir / "err"))
+                                    .c_str());
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(dir / "out"), ReadFile(dir / "err")};
   }
-  TavoChild child_;
+  // Runs with --trace, expecting success.
+  Result trace(const Names& args) {
+    Result r = tavo(With(args, {"--trace"}));
+    EXPECT_EQ(r.status, 0) << args[0] << ": " << r.err;
+    return r;
+  }
+  // `tavo ARGS --root ROOT` in the background, its stderr into ERR under the test's directory.
+  TavoChild background(const Names& args, const std::string& err) {
+    return TavoChild(With(args, {"--root", root}), dir / err);
+  }
+  // `tavo plugin install` of p 1.0 from the service host "s".
+  static Names InstallP(TestPluginService& service) {
+    return {"plugin",    "install", "--provider",       "p",
+            "--version", "1.0",     "--plugin-service", service.host("s")};
+  }
+};
 
- public:
-  const std::string url;  // "http://127.0.0.1:PORT/ced"
-  int port = 0;
+// `tavo serve DIR ARGS`, its base URL ("http://127.0.0.1:PORT/ced") read from its first line.
+struct ServedPlugins : TavoChild {
+  ServedPlugins(const std::string& dir, const std::string& log, const Names& args = {})
+      : TavoChild(With({"serve", dir}, args), log) {}
+
+  const std::string url = firstLine();
+  const int port = std::atoi(url.c_str() + url.rfind(':') + 1);
 };

@@ -5,7 +5,6 @@
 #include <fstream>
 
 #include "TavoCli.h"
-#include "support/TestHttpServer.h"
 #include "support/TestRangeServer.h"
 #include "support/TestZip.h"
 
@@ -15,13 +14,12 @@ TEST_F(TavoCli, GameCycleAcrossInvocationsWithTrace) {
   MakeGamePackage(dir / "g.zip", R"({"deviceOrientation":"portrait"})",
                   {{"big.bin", PatternBody(3 << 20)}});
   const std::string body = ReadFile(dir / "g.zip");
-  TestHttpServer server;
-  server.Get("/g.zip", [&](const auto&, auto& res) { res.set_content(body, "application/zip"); });
-  server.start();
+  TestPluginService server;
+  server.serve("g.zip", body);
 
   // Each invocation starts from what the previous ones left under the root.
   const auto lines = trace({"download", "--app", "g", "--version", "1", "--url",
-                            server.url("/g.zip"), "--hash", Md5(dir / "g.zip")})
+                            server.package("g.zip"), "--hash", Md5(dir / "g.zip")})
                          .json();
   ASSERT_GE(lines.size(), 4u);
   EXPECT_EQ(lines[0], (ZMValue{{"event", "onInitializeSuccess"}, {"args", {"ZMZimoGameRuntime"}}}));
@@ -66,27 +64,21 @@ TEST_F(TavoCli, GameCycleAcrossInvocationsWithTrace) {
 }
 
 TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
-  const std::string body = PatternBody(2 << 20);
-  TestHttpServer server;
-  server.Get("/g.zgp", [&](const auto&, auto& res) { res.set_content(body, "application/zip"); });
-  server.start();
+  TestPluginService server;
+  server.serve("g.zgp", PatternBody(2 << 20));
   const Result r =
-      tavo({"download", "--app", "g", "--version", "1", "--url", server.url("/g.zgp")});
+      tavo({"download", "--app", "g", "--version", "1", "--url", server.package("g.zgp")});
   ASSERT_EQ(r.status, 0) << r.err;
   // Not a terminal: progress comes as plain lines, never as a redrawn bar.
-  EXPECT_EQ(r.out.find('\r'), std::string::npos);
-  EXPECT_NE(r.out.find("  download 100% (2.0 MiB of 2.0 MiB)\n"), std::string::npos) << r.out;
+  EXPECT_FALSE(Has(r.out, "\r"));
+  EXPECT_TRUE(Has(r.out, "  download 100% (2.0 MiB of 2.0 MiB)\n")) << r.out;
   EXPECT_LE(std::count(r.out.begin(), r.out.end(), '%'), 11) << "at most one line per tenth";
-  EXPECT_NE(r.out.find("  downloaded to " + root + "/tmp/g.1.zgp\n"), std::string::npos);
+  EXPECT_TRUE(Has(r.out, "  downloaded to " + root + "/tmp/g.1.zgp\n"));
   EXPECT_TRUE(r.err.empty()) << r.err;
 
   // Failures exit with 1 and the error on stderr (a failed check: the demo and the game cycle).
-  struct Case {
-    Names args;
-    std::string stderrHas;
-  };
-  for (const Case& c : std::vector<Case>{
-           {{"download", "--app", "h", "--version", "1", "--url", server.url("/g.zgp"), "--hash",
+  for (const auto& [args, stderrHas] : std::vector<std::pair<Names, std::string>>{
+           {{"download", "--app", "h", "--version", "1", "--url", server.package("g.zgp"), "--hash",
              "00000000000000000000000000000000"},
             "(domain package hash check failure, code 0)"},
            {{"install", "--app", "g", "--version", "1", "--package", dir / "none.zip"},
@@ -95,28 +87,28 @@ TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
            {{"sweep", "--keep-minutes", "0"}, "ZM_KEY_CHECK_FILE_KEEP_TIME"},
            {{"config", "--app", "g"}, "no installed configuration for g"},
            {{"set-data", "--app", "g", "--auth", "camera"}, "expected NAME=VALUE"},
+           {{"plugin", "check", "--provider", "p", "--version", "1.0"}, "plugin config no exist"},
+           {{"plugin", "remove", "--provider", "p"}, "give --provider and --version"},
        }) {
-    const Result r = tavo(c.args);
-    EXPECT_EQ(r.status, 1) << c.args[0] << ": " << r.err;
-    EXPECT_NE(r.err.find(c.stderrHas), std::string::npos) << c.args[0] << ": " << r.err;
+    const Result r = tavo(args);
+    EXPECT_EQ(r.status, 1) << args[0] << ": " << r.err;
+    EXPECT_TRUE(Has(r.err, stderrHas)) << args[0] << ": " << r.err;
   }
   // The runtime is silent for a user without games: remove-all still ends, at once.
   const Result none = tavo({"remove-all", "--timeout", "30"});
   EXPECT_EQ(none.status, 0) << none.err;
-  EXPECT_NE(none.out.find("No games of tavo-user to remove"), std::string::npos) << none.out;
+  EXPECT_TRUE(Has(none.out, "No games of tavo-user to remove")) << none.out;
   // Ten processes writing to one record store at once: each waits for the file's lock.
   ASSERT_EQ(tavo({"list"}).status, 0);
-  std::string many = "pids=; for i in $(seq 10); do " + Quote(TAVO_BINARY) + " --root " +
-                     Quote(root) + " set-data --app g$i --extend x >/dev/null 2>&1 & " +
-                     "pids=\"$pids $!\"; done; for p in $pids; do wait $p || exit 1; done";
-  EXPECT_EQ(std::system(("bash -c " + Quote(many)).c_str()), 0);
+  const Names setData = {"--root", root, "set-data", "--app", "g@", "--extend", "x"};
+  const std::string many = Command(TAVO_BINARY, setData) + " >/dev/null 2>&1";
+  EXPECT_EQ(std::system(("seq 10 | xargs -P 10 -I @ " + many).c_str()), 0);
   EXPECT_EQ(trace({"list"}).last()["args"][0].size(), 10u);
   // A usage error is neither success nor an operation's failure.
-  const Result usage = tavo({"check", "--app", "g"});
-  EXPECT_NE(usage.status, 0);
-  EXPECT_NE(usage.status, 1);
-  EXPECT_NE(tavo({"check", "--help"}).out.find("Usage:"), std::string::npos);
-  EXPECT_NE(tavo({"info", "--user", "u2"}).out.find("\nuser           u2\n"), std::string::npos);
+  const int usage = tavo({"check", "--app", "g"}).status;
+  EXPECT_TRUE(usage != 0 && usage != 1) << usage;
+  EXPECT_TRUE(Has(tavo({"check", "--help"}).out, "Usage:"));
+  EXPECT_TRUE(Has(tavo({"info", "--user", "u2"}).out, "\nuser           u2\n"));
   // A root the runtime cannot use.
   WriteFile(dir / "file", "x");
   root = dir / "file";
@@ -131,27 +123,19 @@ TEST_F(TavoCli, ProcessesSharingOneRootAllSucceed) {
   MakeZip(dir / "p.zip", {{"main.js", "new"}, {"lib/x.so", RandomBytes(1 << 20, 8)}});
   TestPluginService service;
   service.serve("g.zip", game);
-  service.serve("p.zip", ReadFile(dir / "p.zip"));
-  ListP(service, dir / "p.zip", service.package("p.zip"));
+  ListP(service, dir / "p.zip");
+  // Resumable: one of the downloads writes the partial download, the others files of their own.
+  const Names download = With({"download", "--app", "g", "--version", "1", "--resume", "2"},
+                              {"--url", service.package("g.zip"), "--hash", Md5(dir / "g.zip")});
   std::string script;
-  for (int i = 0; i < 4; ++i) {
-    for (const auto& [kind, args] : std::vector<std::pair<std::string, std::string>>{
-             // Resumable: one of them writes the partial download, the others files of their own.
-             {"d", "download --app g --version 1 --url " + service.package("g.zip") + " --hash " +
-                       Md5(dir / "g.zip") + " --resume 2"},
-             {"p",
-              "plugin install --provider p --version 1.0 --plugin-service " + service.host("s")}}) {
-      script += "(" + Quote(TAVO_BINARY) + " " + args + " --root " + Quote(root) +
-                " >/dev/null 2>>" + Quote(dir / "err") + "; echo $? >" +
-                Quote(dir / (kind + std::to_string(i))) + ") & ";
-    }
+  for (int i = 0; i < 8; ++i) {  // even: a download, odd: an install; each exit status into a file
+    script += "(" +
+              Command(TAVO_BINARY, With(i % 2 ? InstallP(service) : download, {"--root", root})) +
+              " >/dev/null 2>>" + Quote(dir / "err") + "; echo $? >" +
+              Quote(dir / std::to_string(i)) + ") & ";
   }
   ASSERT_EQ(std::system((script + "wait").c_str()), 0);
-  for (const char* kind : {"d", "p"}) {
-    for (int i = 0; i < 4; ++i) {
-      EXPECT_EQ(ReadFile(dir / (kind + std::to_string(i))), "0\n") << kind << i;
-    }
-  }
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(ReadFile(dir / std::to_string(i)), "0\n") << i;
   EXPECT_EQ(ReadFile(dir / "err"), "");
   EXPECT_EQ(ListDir(root + "/tmp"), Names{"g.1.zgp"});
   EXPECT_TRUE(ReadFile(root + "/tmp/g.1.zgp") == game);
@@ -167,33 +151,23 @@ TEST_F(TavoCli, AnInstallKilledMidUnpackLeavesTheInstalledPlugin) {
   for (int i = 0; i < 30000; ++i) many.push_back({"f/" + std::to_string(i), "n"});
   MakeZip(dir / "new.zip", many);
   TestPluginService service;
-  const auto offer = [&](const std::string& file) {
-    service.serve(file, ReadFile(dir / file));
-    ListP(service, dir / file, service.package(file));
-  };
   const Names install = InstallP(service);
-  offer("old.zip");
+  ListP(service, dir / "old.zip");
   ASSERT_EQ(tavo(install).status, 0);
   const std::string plugins = root + "/Caches/plugin", config = plugins + "/p_1.0.detail.json";
   const std::string installed = ReadFile(config);
 
-  offer("new.zip");
-  Names args = install;
-  args.insert(args.end(), {"--root", root});
-  TavoChild child(args, dir / "install.err");
+  ListP(service, dir / "new.zip");
+  TavoChild child = background(install, "install.err");
   // Killed once the staged unpack holds some of the new files.
-  bool midway = false;
-  RunUntil(
+  const bool midway = RunUntil(
       [&] {
-        for (const auto& name : ListDir(plugins)) {
-          if (name.starts_with(".p_1.0.staging-")) {
-            midway = Exists(plugins + "/" + name + "/f/100");
-          }
-        }
-        return midway;
+        return std::ranges::any_of(ListDir(plugins), [&](const std::string& name) {
+          return name.starts_with(".p_1.0.staging-") && Exists(plugins + "/" + name + "/f/100");
+        });
       },
       std::chrono::seconds(60));
-  child.kill();
+  child.end();
   ASSERT_TRUE(midway) << "the unpack was never seen under way";
   ASSERT_FALSE(Exists(plugins + "/p_1.0/f")) << "killed too late";
 
@@ -209,26 +183,20 @@ TEST_F(TavoCli, AnInstallKilledMidUnpackLeavesTheInstalledPlugin) {
 // only the rest.
 TEST_F(TavoCli, AKilledDownloadIsContinuedByTheNextProcess) {
   const std::string file = dir / "big.zgp";
-  {
-    std::string chunk = PatternBody(1 << 20);
-    std::ofstream out(file, std::ios::binary);
-    for (int i = 0; i < 200; ++i) {
-      chunk[0] = static_cast<char>(i);
-      out.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-    }
-  }
+  std::string chunk = PatternBody(1 << 20);  // 200 MiB, each MiB with its own first byte
+  std::ofstream out(file, std::ios::binary);
+  for (int i = 0; i < 200; ++i) out << chunk.replace(0, 1, 1, static_cast<char>(i));
+  out.close();
   const int64_t size = int64_t{200} << 20;
   TestRangeServer server("");
   server.serveFile(file, std::chrono::milliseconds(5));
   const Names download = {"download",   "--app",  "g",       "--version", "1", "--url",
                           server.url(), "--hash", Md5(file), "--resume",  "3"};
-  Names args = download;
-  args.insert(args.end(), {"--root", root});
-  TavoChild child(args, dir / "download.err");
+  TavoChild child = background(download, "download.err");
   const std::string partial = root + "/tmp/g.1.zgp.partial";
   RunUntil([&] { return Exists(partial) && std::filesystem::file_size(partial) > (50u << 20); },
            std::chrono::seconds(60));
-  child.kill();
+  child.end();
   ASSERT_TRUE(Exists(partial) && Exists(partial + ".json"));
   const int64_t kept = static_cast<int64_t>(std::filesystem::file_size(partial));
   ASSERT_LT(kept, size) << "killed too late";
@@ -240,8 +208,7 @@ TEST_F(TavoCli, AKilledDownloadIsContinuedByTheNextProcess) {
   EXPECT_EQ(server.sent() - before, size - kept) << "only the rest is sent again";
   EXPECT_EQ(server.requests().back(), "bytes=" + std::to_string(kept) + "-|\"v1\"");
   EXPECT_EQ(ListDir(root + "/tmp"), Names{"g.1.zgp"});
-  EXPECT_NE(r.out.find("download resumes at " + std::to_string(kept) + " bytes"), std::string::npos)
-      << r.out;
+  EXPECT_TRUE(Has(r.out, "download resumes at " + std::to_string(kept) + " bytes")) << r.out;
 
   // A plug-in package's download is continued the same way.
   MakeZip(dir / "p.zip", {{"main.js", RandomBytes(4096, 3)}});
@@ -250,9 +217,7 @@ TEST_F(TavoCli, AKilledDownloadIsContinuedByTheNextProcess) {
   });
   TestPluginService service;
   ListP(service, dir / "p.zip", cutting.url());
-  Names resume = InstallP(service);
-  resume.insert(resume.end(), {"--resume", "1"});
-  EXPECT_EQ(tavo(resume).status, 0);
+  EXPECT_EQ(tavo(With(InstallP(service), {"--resume", "1"})).status, 0);
   EXPECT_EQ(cutting.requests(), (Names{"|", "bytes=1000-|\"v1\""}));
 }
 
