@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "support/TestRuntime.h"
-#include "support/TestSupport.h"
 
 namespace {
 
@@ -20,23 +19,18 @@ class ZMCheckFileAvailabilityTaskTest : public ::testing::Test {
                                      listener);
     EXPECT_EQ(listener->events().front(), "onCheckStart") << "synchronous on the caller's thread";
     EXPECT_TRUE(RunUntil([&] {
-      auto last = listener->last();
-      return last == "onCheckSuccess" || last.starts_with("onCheckFailure");
+      return listener->last() == "onCheckSuccess" || listener->last().starts_with("onCheckFailure");
     }));
     // Deletions run in directory order; sorted here.
     auto events = listener->events();
     std::sort(events.begin() + 1, events.end() - 1);
     return events;
   }
-  std::string aged(const std::string& name, double seconds) {
+  // `name` in the cache, `seconds` old: a file or, given a `target`, a link to that.
+  std::string aged(const std::string& name, double seconds, const std::string& target = "") {
     const std::string path = t.cache() + "/" + name;
-    WriteFile(path, "x");
-    SetAgeSeconds(path, seconds);
-    return path;
-  }
-  std::string link(const std::string& target, const std::string& name, double seconds) {
-    const std::string path = t.cache() + "/" + name;
-    EXPECT_EQ(::symlink(target.c_str(), path.c_str()), 0) << path;
+    if (target.empty()) WriteFile(path, "x");
+    EXPECT_TRUE(target.empty() || ::symlink(target.c_str(), path.c_str()) == 0) << path;
     SetAgeSeconds(path, seconds);
     return path;
   }
@@ -44,20 +38,18 @@ class ZMCheckFileAvailabilityTaskTest : public ::testing::Test {
 
 TEST_F(ZMCheckFileAvailabilityTaskTest, DeletesListedExtensionsOnceTheirAgeReachesTheKeepTime) {
   aged("young.zgp", 50);
-  const std::string old = aged("old.zgp", 60);
-  const std::string hidden = aged(".hidden.zgp", 600);
+  const std::string old = aged("old.zgp", 60), hidden = aged(".hidden.zgp", 600);
   for (const char* name : {"upper.ZGP", "notes.txt", "noextension", ".zgp"}) aged(name, 600);
   WriteFile(t.cache() + "/dir.zgp/inner.bin", "x");
   SetAgeSeconds(t.cache() + "/dir.zgp", 600);
   aged("keep/deep.zgp", 600);
-  // Links are aged and deleted themselves, never followed: an old directory outside stays, and
-  // a young link to it is kept.
+  // Links are aged and deleted, never followed: an old directory outside stays, a young link too.
   const std::string outside = t.root() + "/outside";
   WriteFile(outside + "/kept.bin", "keep");
   SetAgeSeconds(outside, 7200);
-  const std::string toDir = link(outside, "to-dir.zgp", 600);
-  const std::string dangling = link(t.root() + "/nothing", "dangling.zgp", 600);
-  link(outside, "young-link.zgp", 10);
+  const std::string toDir = aged("to-dir.zgp", 600, outside);
+  const std::string dangling = aged("dangling.zgp", 600, t.root() + "/nothing");
+  aged("young-link.zgp", 10, outside);
 
   EXPECT_EQ(sweep({"zgp", "tmp"}, 1),
             (Events{"onCheckStart", "onCheckProgress:" + hidden, "onCheckProgress:" + dangling,
@@ -76,16 +68,13 @@ TEST_F(ZMCheckFileAvailabilityTaskTest, MissingOptionsFailInOrderAndHugeKeepTime
        std::vector<std::tuple<ZMValue, ZMValue, std::string>>{
            {nullptr, nullptr, "EXTENSION_NAME_ARRAY"},
            {ZMValue::array(), 5, "EXTENSION_NAME_ARRAY"},
-           {{"zgp"}, 0, "KEEP_TIME"}}) {
+           {{"zgp"}, 0, "KEEP_TIME"}})
     EXPECT_EQ(sweep(extensions, keep).back(),
               "onCheckFailure:missing options: ZM_KEY_CHECK_FILE_" + missing + "|0");
-  }
   // Past 64 bits, a keep time is as long as can be, not missing: nothing is old enough.
   const std::string old = aged("old.zgp", 3600);
-  for (const ZMValue& huge :
-       {ZMValue(1e30), ZMValue(UINT64_MAX), ZMValue("99999999999999999999")}) {
+  for (const ZMValue& huge : {ZMValue(1e30), ZMValue(UINT64_MAX), ZMValue("99999999999999999999")})
     EXPECT_EQ(sweep({"zgp"}, huge), (Events{"onCheckStart", "onCheckSuccess"})) << huge;
-  }
   EXPECT_TRUE(Exists(old));
 }
 

@@ -9,6 +9,7 @@
 #include "plugin/ZMPluginCheckPackageManager.h"
 #include "plugin/ZMPluginCheckUpdateManager.h"
 #include "plugin/ZMPluginInstallPackageManager.h"
+#include "plugin/ZMPluginManager.h"
 #include "runtime/ZMGameConfig.h"
 #include "support/TestListeners.h"
 #include "support/TestPluginService.h"
@@ -16,11 +17,15 @@
 #include "tavo/ZMFileUtils.h"
 #include "util/ZMTaskGroup.h"
 
-// Plug-in "p" 1.0 under a fresh directory: a package cache beside a plug-in root, a plug-in
-// service, and a game declaring the plug-ins of its configuration; the reference engine is in the
-// handle slot until a test puts another there. The subsystem's three flows (an install from the
-// service, an update prefetch, the install of a prefetched update by the check) run as the plug-in
-// manager runs them.
+// A service's listing of plug-in `id`'s package at `url`.
+inline ZMValue Entry(const ZMValue& id, const std::string& hash, const std::string& url,
+                     const std::string& version = "1.0") {
+  return {{"plugin_id", id}, {"version", version}, {"hash", hash}, {"url", url}};
+}
+
+// Plug-in "p" 1.0 in a fresh directory with a package cache, a plug-in service, a game declaring
+// its plug-ins, and the reference engine until a test sets another; the three flows (install from
+// the service, update prefetch, install of a prefetched update by the check) run as the manager's.
 struct PluginFlows {
   using Events = std::vector<std::string>;
   TempDir dir;
@@ -47,11 +52,12 @@ struct PluginFlows {
   std::string publish(const std::string& name, const std::string& bytes) {
     if (!bytes.empty()) service.serve("p.zip", bytes);
     const std::string hash = md5(bytes);
-    service.lists(name, ZMValue::array({{{"plugin_id", "p"},
-                                         {"version", "1.0"},
-                                         {"hash", hash},
-                                         {"url", service.package("p.zip")}}}));
+    service.lists(name, ZMValue::array({Entry("p", hash, service.package("p.zip"))}));
     return hash;
+  }
+  // Where a prefetch keeps plug-in `id` 1.0's package of this hash.
+  std::string cachedPackage(const std::string& hash, const std::string& id = "p") const {
+    return ZMPluginManager::getPluginPackageDownloadPath(cache, id, "1.0", hash);
   }
   // The service's hosts of these names; a URL stands for itself.
   std::vector<std::string> hosts(const Events& names) const {
@@ -60,8 +66,7 @@ struct PluginFlows {
       urls.push_back(name.starts_with("http") ? name : service.host(name));
     return urls;
   }
-  // Installs p 1.0 from the named hosts; with `wait`, to the host's first callback and whatever
-  // the main queue holds then.
+  // Installs p 1.0 from the named hosts; with `wait`, to its first callback and the queue's rest.
   std::shared_ptr<ZMPluginInstallPackageManager> installer;  // kept: a dropped one reports nothing
   std::shared_ptr<PluginInstallRecorder> install(const Events& names, bool wait = true) {
     auto host = std::make_shared<PluginInstallRecorder>();

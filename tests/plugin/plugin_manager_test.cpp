@@ -6,11 +6,8 @@
 #include <set>
 #include <tuple>
 
-#include "support/TestListeners.h"
-#include "support/TestPluginService.h"
+#include "PluginFlows.h"
 #include "support/TestRuntime.h"
-#include "support/TestSupport.h"
-#include "tavo/ZMFileUtils.h"
 
 namespace {
 
@@ -30,9 +27,10 @@ class ZMPluginManagerTest : public ::testing::Test {
     DrainMainQueue();
     return listener;
   }
-  void install(const std::string& name) {
-    WriteFile(t.plugin() + "/" + name + "/main.js", "x");
-    WriteFile(t.plugin() + "/" + name + ".detail.json", R"({"hash":"h1"})");
+  // A plug-in directory with its config beside it, `at` below the storage root.
+  void install(const std::string& at) {
+    WriteFile(t.root() + "/" + at + "/main.js", "x");
+    WriteFile(t.root() + "/" + at + ".detail.json", R"({"hash":"h1"})");
   }
 };
 
@@ -45,14 +43,14 @@ TEST_F(ZMPluginManagerTest, OneManagerPerRuntimeWithServiceHostsThatNameNothingR
   for (const auto& host : plugins->pluginServiceHosts())
     EXPECT_TRUE(host.ends_with(".invalid/ced")) << host;
 
-  // The device id is null while tracking is off.
-  ZMDevice::setAdvertisingIdentifier(std::nullopt);
-  EXPECT_EQ(ZMPluginManager::_getUniqueId(), std::nullopt);
-  ZMDevice::setAdvertisingIdentifier("");
-  EXPECT_EQ(ZMPluginManager::_getUniqueId(), ZMDevice::identifierForVendor());
-  ZMDevice::setAdvertisingIdentifier("ad-id");
-  EXPECT_EQ(ZMPluginManager::_getUniqueId(), "ad-id");
-  ZMDevice::setAdvertisingIdentifier(std::nullopt);
+  // The device id: the vendor's for an empty advertising id, and null while tracking is off.
+  using Id = std::optional<std::string>;
+  for (const auto& [ad, id] : std::vector<std::pair<Id, Id>>{{"", ZMDevice::identifierForVendor()},
+                                                             {"ad-id", "ad-id"},
+                                                             {std::nullopt, std::nullopt}}) {
+    ZMDevice::setAdvertisingIdentifier(ad);
+    EXPECT_EQ(ZMPluginManager::_getUniqueId(), id) << ad.value_or("(null)");
+  }
 }
 
 TEST_F(ZMPluginManagerTest, CheckAndInstallValidateInTheirOwnOrdersAndStayInTheRoot) {
@@ -84,7 +82,7 @@ TEST_F(ZMPluginManagerTest, CheckAndInstallValidateInTheirOwnOrdersAndStayInTheR
 }
 
 TEST_F(ZMPluginManagerTest, ListsDirectoriesWithASiblingConfigSplitAtTheFirstUnderscore) {
-  for (const char* name : {"p_1.0", "a_b_c", "q"}) install(name);
+  for (const char* name : {"plugin/p_1.0", "plugin/a_b_c", "plugin/q"}) install(name);
   WriteFile(t.plugin() + "/half_1/main.js", "x");         // no config: not installed
   WriteFile(t.plugin() + "/orphan_2.detail.json", "{}");  // a config without its directory
   WriteFile(t.plugin() + "/file_3", "x");                 // a file, even with a config beside it
@@ -131,10 +129,7 @@ TEST_F(ZMPluginManagerTest, RemovesInOrderAndStopsAtTheFirstBadOrUnsafeItem) {
   const Events installed = {"plugin/good_1", "plugin/x", "plugin/sub/victim_1", "victim_1"};
   for (const auto& [list, events, goodIsGone] : rows) {
     std::filesystem::remove_all(t.plugin());
-    for (const auto& name : installed) {
-      WriteFile(t.root() + "/" + name + "/main.js", "x");
-      WriteFile(t.root() + "/" + name + ".detail.json", "{}");
-    }
+    for (const auto& name : installed) install(name);
     std::filesystem::create_directories(t.plugin() + "/p_");
     auto removal = std::make_shared<PluginRemoveRecorder>();
     manager()->removePluginList(list, removal);
@@ -183,10 +178,8 @@ TEST_F(ZMPluginManagerTest, ARunningGameWithPluginsPrefetchesFromTheHostsSetLast
   WriteFile(t.root() + "/pkg", "newer package");
   const std::string hash = *ZMFileUtils::getFileMD5(t.root() + "/pkg");
   service.serve("p", "newer package");
-  const ZMValue entry = {
-      {"plugin_id", "p"}, {"version", "1"}, {"hash", hash}, {"url", service.package("p")}};
-  service.lists("s", ZMValue::array({entry}));
-  install("p_1");
+  service.lists("s", ZMValue::array({Entry("p", hash, service.package("p"), "1")}));
+  install("plugin/p_1");
   ASSERT_TRUE(t.installGame("g1", "1", R"({"plugins":{"a":{"provider":"p","version":"1"}}})"));
   ASSERT_TRUE(t.installGame("g2", "1"));
   auto plugins = manager();

@@ -8,15 +8,13 @@
 
 #include "PluginFlows.h"
 #include "plugin/ZMPluginManager.h"
-#include "tavo/ZMGameHandle.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
-// "a" 1.0 installed (something for the query to ask about), and a game that declares it beside a
-// hostile declaration.
+// "a" 1.0 installed, for the query to ask about, declared by the game beside a hostile plug-in.
 struct Layout : PluginFlows {
   Layout()
       : PluginFlows(R"({"plugins":{"a":{"provider":"a","version":"1.0"},)"
@@ -30,9 +28,6 @@ struct Layout : PluginFlows {
   ZMValue configOf(const std::string& id) const {
     return ZMFileUtils::readJSONObjectFromFile(configFile(id)).value_or(nullptr);
   }
-  std::string package(const std::string& hash, const std::string& id) const {
-    return ZMPluginManager::getPluginPackageDownloadPath(cache, id, "1.0", hash);
-  }
   std::map<std::string, std::string> files() const {  // every file below, with its bytes
     std::map<std::string, std::string> all;
     for (const auto& item : fs::recursive_directory_iterator(dir.path()))
@@ -40,11 +35,6 @@ struct Layout : PluginFlows {
     return all;
   }
 };
-
-ZMValue Entry(const ZMValue& id, const std::string& hash, const std::string& url,
-              const std::string& version = "1.0") {
-  return {{"plugin_id", id}, {"version", version}, {"hash", hash}, {"url", url}};
-}
 
 }  // namespace
 
@@ -56,46 +46,43 @@ TEST(ZMPluginCheckUpdateManager, RecordsSafeEntriesAndDownloadsWhatTheCacheLacks
       ZMValue::array({Entry("../../escape", good, url), Entry("a", good, url, "1.0/../../escape"),
                       Entry("a", "../../escape", url), Entry(std::string("a\0b", 3), good, url),
                       Entry("a", std::string("1\0", 2), url), Entry(7, good, url), "junk"});
-  const size_t hostile = entries.size();
-  struct Row {
-    std::string id, cached;  // cached: "" none, "ok" intact, "bad" damaged
-    Lines gets;
-    bool kept;
-  } rows[] = {
+  // Each plug-in, its package in the cache ("" none, "ok" intact, "bad" damaged), the fetches of
+  // it, and whether it ends up kept there.
+  const std::tuple<std::string, std::string, Lines, bool> rows[] = {
       {"a", "", {"GET a"}, true},        {"b", "ok", {}, true},  // intact: not fetched again
       {"gone", "", {"GET gone"}, false},                         // 404: the next one still comes
       {"d", "bad", {"GET d"}, true},     {"E", "ok", {"GET E", "GET E"}, false},  // upper case
       {"f", "", {"GET f"}, true},
   };
   Lines expected = {"s hash"}, hashes;
-  for (const auto& row : rows) {
-    std::string& hash = hashes.emplace_back(at.md5(row.id + row.id));
-    if (row.id == "E") std::transform(hash.begin(), hash.end(), hash.begin(), ::toupper);
-    if (!row.cached.empty())
-      WriteFile(at.package(hash, row.id), row.cached == "ok" ? row.id + row.id : "junk");
-    if (row.id != "gone") at.service.serve(row.id, row.id + row.id);
-    entries.push_back(Entry(row.id, hash, at.service.package(row.id)));
-    expected.insert(expected.end(), row.gets.begin(), row.gets.end());
+  for (const auto& [id, cached, gets, kept] : rows) {
+    std::string& hash = hashes.emplace_back(at.md5(id + id));
+    if (id == "E") std::transform(hash.begin(), hash.end(), hash.begin(), ::toupper);
+    if (!cached.empty()) WriteFile(at.cachedPackage(hash, id), cached == "ok" ? id + id : "junk");
+    if (id != "gone") at.service.serve(id, id + id);
+    entries.push_back(Entry(id, hash, at.service.package(id)));
+    expected.insert(expected.end(), gets.begin(), gets.end());
   }
   at.service.lists("s", entries);
   LogCapture lines;
   auto before = at.files();
   auto manager = at.prefetch({"s"});
-  ASSERT_TRUE(RunUntil([&] { return Exists(at.package(hashes.back(), "f")); }));
+  ASSERT_TRUE(RunUntil([&] { return Exists(at.cachedPackage(hashes.back(), "f")); }));
   DrainMainQueue();
 
   EXPECT_EQ(at.service.log(), expected);
   auto after = at.files();
   for (size_t i = 0; i < std::size(rows); ++i) {
-    const std::string id = rows[i].id, package = at.package(hashes[i], id);
+    const auto& [id, cached, gets, kept] = rows[i];
+    const std::string package = at.cachedPackage(hashes[i], id);
     const ZMValue config = id == "a" ? ZMValue{{"hash", "h0"}, {"k", 1}, {"updateHash", hashes[i]}}
                                      : ZMValue{{"updateHash", hashes[i]}};
     EXPECT_EQ(at.configOf(id), config) << id;  // other keys kept, in place
-    EXPECT_EQ(after.contains(package) ? after[package] : "-", rows[i].kept ? id + id : "-") << id;
+    EXPECT_EQ(after.contains(package) ? after[package] : "-", kept ? id + id : "-") << id;
     for (auto* files : {&before, &after}) files->erase(package), files->erase(at.configFile(id));
   }
   EXPECT_EQ(after, before) << "nothing else is written, inside the root and cache or outside";
-  EXPECT_EQ(lines.startingWith("skip plugin update entry: ").size(), hostile);
+  EXPECT_EQ(lines.startingWith("skip plugin update entry: ").size(), 7u) << "one per hostile entry";
 }
 
 TEST(ZMPluginCheckUpdateManager, AsksOnlyAboutInstalledPluginsWithAHashInTheGamesOrder) {
@@ -114,11 +101,9 @@ TEST(ZMPluginCheckUpdateManager, AsksOnlyAboutInstalledPluginsWithAHashInTheGame
                 "&device_id=(null)&game_id=g&app_bundle_id=com.example.host"
                 "&client_version=1.0.0&cpu_abi=" +
                 ZMDevice::processorName() + "&os=iOS&os_version=" + ZMDevice::systemVersion() +
-                "&plugin_list=[\n"
-                "  {\n    \"plugin_id\" : \"e\",\n    \"version\" : \"0.1\",\n    \"hash\" : "
-                "\"he\"\n  },\n"
-                "  {\n    \"plugin_id\" : \"a\",\n    \"version\" : \"1.0\",\n    \"hash\" : "
-                "\"ha\"\n  }\n]");
+                "&plugin_list=[\n  {\n    \"plugin_id\" : \"e\",\n    \"version\" : \"0.1\",\n"
+                "    \"hash\" : \"he\"\n  },\n  {\n    \"plugin_id\" : \"a\",\n"
+                "    \"version\" : \"1.0\",\n    \"hash\" : \"ha\"\n  }\n]");
 
   // A game with none of its plug-ins installed with a hash asks nothing.
   WriteFile(at.dir / "game.config.json", R"({"plugins":{"b":{"provider":"b","version":"2.0"},)"
@@ -130,34 +115,30 @@ TEST(ZMPluginCheckUpdateManager, AsksOnlyAboutInstalledPluginsWithAHashInTheGame
 }
 
 TEST(ZMPluginCheckUpdateManager, ReadsAnyReplyOfThePrimaryAndAsksTheFallbackOnlyWhenItFails) {
-  // The primary's reply ("ok": the package listed; "down": nothing listens) and its status, what
-  // the service sees then, and the line that logs the primary's reply (its body if empty). The
-  // fallback lists the package too, or with `refuse` answers code 500.
+  // The primary's reply ("ok": the package listed; "down": nothing listens), what the service sees,
+  // the log of the reply ("success: " and its body by default), its status; the fallback lists the
+  // package too, or with `refuse` answers code 500.
   struct Row {
     std::string primary;
-    int status;
-    bool refuse;
     Lines expected;
     std::string line = "";
+    int status = 200;
+    bool refuse = false;
   } rows[] = {
-      {"ok", 200, false, {"primary hash", "GET p"}},
-      {"ok", 500, false, {"primary hash", "GET p"}},  // only the reply's code counts
-      {R"({"code":500})", 200, false, {"primary hash", "fallback hash", "GET p"}},
-      {"not json", 200, false, {"primary hash", "fallback hash", "GET p"}, "(null)"},
-      {"down",
-       200,
-       false,
-       {"fallback hash", "GET p"},
-       "post hash request error: Error Domain=NSURLErrorDomain Code=-1004 "},
-      {R"({"code":500})", 200, true, {"primary hash", "fallback hash"}},
+      {"ok", {"primary hash", "GET p"}},
+      {"ok", {"primary hash", "GET p"}, "", 500},  // only the reply's code counts
+      {R"({"code":500})", {"primary hash", "fallback hash", "GET p"}},
+      {"not json", {"primary hash", "fallback hash", "GET p"}, "success: (null)"},
+      {"down", {"fallback hash", "GET p"}, "error: Error Domain=NSURLErrorDomain Code=-1004 "},
+      {R"({"code":500})", {"primary hash", "fallback hash"}, "", 200, true},
       // A success that lists nothing, in whatever form, ends the prefetch.
-      {R"({"code":"200"})", 200, false, {"primary hash"}},
-      {R"({"code":200,"plugin_results":[]})", 200, false, {"primary hash"}},
+      {R"({"code":"200"})", {"primary hash"}},
+      {R"({"code":200,"plugin_results":[]})", {"primary hash"}},
   };
   for (const auto& row : rows) {
     Layout at;
     LogCapture log;
-    const std::string hash = at.md5("pp"), package = at.package(hash, "a");
+    const std::string hash = at.md5("pp"), package = at.cachedPackage(hash, "a");
     const ZMValue listing = {{"code", 200},
                              {"plugin_results", {Entry("a", hash, at.service.package("p"))}}};
     const std::string body = row.primary == "ok" ? listing.dump() : row.primary;
@@ -174,9 +155,7 @@ TEST(ZMPluginCheckUpdateManager, ReadsAnyReplyOfThePrimaryAndAsksTheFallbackOnly
     EXPECT_EQ(at.service.log(), row.expected) << body;
     EXPECT_EQ(Exists(package), downloads);
     const std::string line =
-        row.line.starts_with("post")
-            ? row.line
-            : "post hash request success: " + (row.line.empty() ? body : row.line);
+        "post hash request " + (row.line.empty() ? "success: " + body : row.line);
     EXPECT_EQ(log.startingWith(line).size(), row.refuse ? 2u : 1u) << line;  // a refusal each
   }
 }

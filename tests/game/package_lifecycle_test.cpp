@@ -1,9 +1,13 @@
+// A game package's install, the version check that reads what it recorded, and its removal.
 #include <gtest/gtest.h>
+
+#include <cstdlib>
 
 #include "storage/ZMDatabaseHelper.h"
 #include "storage/ZMPermissionUtil.h"
 #include "support/TestRuntime.h"
 #include "support/TestZip.h"
+#include "util/ZMTaskGroup.h"
 
 namespace {
 
@@ -88,10 +92,9 @@ TEST_F(ZMGameInstallPackageTask, BadPackagesFailCleanly) {
   WriteFile(t.app() + "/g1/1.0/main.js", "old");
   const auto events = install(options("g1", "2.0", truncated));
   ASSERT_EQ(events.size(), 2u);
-  // The engine's message is passed on.
   EXPECT_TRUE(events[1].starts_with("onInstallFailure:cannot open zip archive") &&
               events[1].ends_with("|-1"))
-      << events[1];
+      << "the engine's message is passed on: " << events[1];
   EXPECT_TRUE(ListDir(t.app() + "/g1").empty()) << "a failed whole-game install leaves nothing";
   EXPECT_TRUE(Exists(truncated)) << "the package is kept";
   EXPECT_EQ(record("g1"), nullptr);
@@ -109,6 +112,7 @@ TEST_F(ZMGameInstallPackageTask, RefusedRequestsClearNothingAndKeepThePackage) {
   auto subpackage = options("g1", "", package);  // without a version it would land in the root
   subpackage[ZM_KEY_GAME_PACKAGE_SUBPACKAGE_ROOT] = "levels";
   const std::string bomb = t.root() + "/bomb.zip", big = t.root() + "/big.zip";
+  const ZMValue unpackBig = options("g1", "2.0", big);
   MakeZip(bomb, {{"a.bin", std::string(1000, 'a')}});
   DeclareEntrySize(bomb, 200'000'000);
   MakeZip(big, {{"a.bin", std::string(5000, 'b')}, {"b.bin", RandomBytes(5000, 1)}});
@@ -116,8 +120,7 @@ TEST_F(ZMGameInstallPackageTask, RefusedRequestsClearNothingAndKeepThePackage) {
   // archive where the unzip does.
   const std::string stubbed = t.root() + "/stubbed.zip";
   WriteFile(stubbed, "#!/bin/sh\nexec unzip \"$0\"\n" + ReadFile(bomb));
-  // The refusal of `zip`, which would unpack to `bytes`, by a limit on the size or (`ratio`) the
-  // compression ratio.
+  // Refusing `zip`, which would unpack to `bytes`, by the limit on size or (`ratio`) on ratio.
   const auto refusal = [](const std::string& zip, const std::string& bytes,
                           const std::string& limit, bool ratio) {
     return "package \"" + zip + "\" would unpack to " + bytes + " bytes" +
@@ -133,11 +136,9 @@ TEST_F(ZMGameInstallPackageTask, RefusedRequestsClearNothingAndKeepThePackage) {
       {{}, options("g1", "2.0", bomb), refusal(bomb, "200000000", "1000", true)},
       {{}, options("g1", "2.0", stubbed), refusal(stubbed, "200000000", "1000", true)},
       {{{"rt_package_max_unpacked_bytes", "9999"}},
-       options("g1", "2.0", big),
+       unpackBig,
        refusal(big, "10000", "9999", false)},
-      {{{"rt_package_max_compression_ratio", 1}},
-       options("g1", "2.0", big),
-       refusal(big, "10000", "1", true)}};
+      {{{"rt_package_max_compression_ratio", 1}}, unpackBig, refusal(big, "10000", "1", true)}};
   for (const auto& [limits, request, failure] : cases) {
     t.extraOptions = limits.is_null() ? ZMValue::object() : limits;
     t.switchUser("u1");
@@ -169,6 +170,107 @@ TEST_F(ZMGameInstallPackageTask, CancelSkipsOnlyTheFinalStep) {
   EXPECT_TRUE(Exists(t.app() + "/g1/1.0/game.config.json"));
   EXPECT_TRUE(Exists(package));
   EXPECT_EQ(record("g1"), nullptr);
+}
+
+TEST(ZMGameCheckVersionTask, EveryMismatchIsOneErrorAndASecondCheckCancelsTheFirst) {
+  TestRuntime t;
+  const std::string detail = t.app() + "/g1/detail.json";
+  EXPECT_EQ(t.checkVersion("g1", "1.0"), kVersionMismatch) << "nothing installed";
+  for (const char* content :
+       {R"({"rt_game_package_app_id":"g1","rt_game_package_version":"1.0 "})",
+        R"({"rt_game_package_app_id":"other","rt_game_package_version":"1.0"})",
+        R"({"rt_game_package_app_id":"g1","rt_game_package_version":1.0})",
+        R"({"rt_game_package_app_id":1,"rt_game_package_version":"1.0"})", "[]", "not json"}) {
+    WriteFile(detail, content);
+    EXPECT_EQ(t.checkVersion("g1", "1.0"), kVersionMismatch) << content;
+  }
+  WriteFile(detail, R"({"rt_game_package_app_id":"g1","rt_game_package_version":"1.0"})");
+  EXPECT_EQ(t.checkVersion("g1", "1.0.0"), kVersionMismatch) << "versions are texts, not numbers";
+  EXPECT_EQ(t.checkVersion("g1", std::nullopt), kVersionMismatch);
+  EXPECT_EQ(t.checkVersion("g1", "1.0"), "onCheckVersionSuccess");
+
+  // A second check cancels the first, which is never heard of again, even while still held.
+  const ZMValue options = {{ZM_KEY_GAME_PACKAGE_APP_ID, "g1"},
+                           {ZM_KEY_GAME_PACKAGE_VERSION, "1.0"}};
+  auto listener = std::make_shared<CheckRecorder>();
+  t.runtime->checkGameVersion(options, listener);
+  const auto first = t.runtime->gameCheckTask();
+  t.runtime->checkGameVersion(options, listener);
+  ASSERT_TRUE(RunUntil([&] { return listener->size() >= 3; }));
+  DrainMainQueue();
+  EXPECT_EQ(listener->events(),
+            (Events{"onCheckVersionStart", "onCheckVersionStart", "onCheckVersionSuccess"}));
+  EXPECT_EQ(listener->threads().back(), std::this_thread::get_id()) << "on the main thread";
+}
+
+// Sets or clears the immutable flag, which even root cannot get past; false where unsupported.
+bool SetImmutable(const std::string& path, bool on) {
+  return std::system(
+             ((on ? "chattr +i " : "chattr -i ") + Quote(path) + " 2> /dev/null").c_str()) == 0;
+}
+
+TEST(ZMGameUninstallPackageTask, RecordsGoBeforeFilesAndAFailedDeletionEndsTheRun) {
+  TestRuntime t;
+  auto listener = std::make_shared<RemoveRecorder>();
+  t.runtime->removeGameList({}, listener);
+  t.runtime->removeGameAll(listener);  // a user without records: same as an empty list
+  DrainMainQueue();
+  EXPECT_EQ(listener->size(), 0u);
+
+  for (const char* appId : {"a2", "a3"}) ASSERT_TRUE(t.installGame(appId, "1"));
+  auto& store = ZMDatabaseHelper::getInstance();
+
+  // a2's record goes before its files, so it is gone though they stay; a3 is not reached.
+  const std::string pinned = t.user() + "/u1_a2/data/d.bin";
+  WriteFile(pinned, "d");
+  if (!SetImmutable(pinned, true)) GTEST_SKIP() << "this file system has no immutable flag";
+  std::shared_ptr<void> unpin(nullptr, [&](void*) { SetImmutable(pinned, false); });
+  t.runtime->removeGameList({"a2", "a3"}, listener);
+  ASSERT_TRUE(RunUntil([&] { return listener->last().starts_with("onRemoveSuccess"); }));
+  EXPECT_EQ(listener->events(),
+            (Events{"onRemoveStart:a2|(null)",
+                    "onRemoveFailure:remove game file fail appId: a2 and extra: (null)|0",
+                    "onRemoveSuccess:(null)"}));
+  EXPECT_FALSE(store.getAppRowByUserId("u1", "a2"));
+  EXPECT_TRUE(store.getAppRowByUserId("u1", "a3"));
+  EXPECT_TRUE(Exists(t.app() + "/a3/1"));
+}
+
+TEST(ZMGameUninstallPackageTask, DoneWaitsForARemovalInFlightAndNothingReportsAfterwards) {
+  TestRuntime t;
+  auto& store = ZMDatabaseHelper::getInstance();
+  for (const char* appId : {"a1", "a2", "a3", "a4"}) ASSERT_TRUE(t.installGame(appId, "1"));
+  auto snapshot = [&] {
+    Events state = ListDir(t.app());
+    for (const char* appId : {"a1", "a2", "a3", "a4"})
+      state.push_back(store.getAppRowByUserId("u1", appId) ? "row" : "-");
+    return state;
+  };
+
+  // Queued behind a held pool: done() cancels it, and returns only once its block has been
+  // skipped, so nothing is removed and nobody hears of it.
+  auto release = HoldGlobalQueue();
+  auto queued = std::make_shared<RemoveRecorder>();
+  t.runtime->removeGameList({"a1", "a2"}, queued);
+  const Events before = snapshot();
+  auto ending = std::async(std::launch::async, [&] { t.runtime->done(); });
+  ASSERT_TRUE(RunUntil([&] { return t.runtime->tasks()->hasEnded(); }));
+  release.set_value();
+  ending.get();
+  DrainMainQueue();
+  EXPECT_EQ(snapshot(), before);
+  EXPECT_EQ(queued->size(), 0u);
+
+  // Running when done() is called: whatever it removed, it removed before done() returned, and
+  // it reports nothing, not even the end of the run.
+  t.switchUser("u1");
+  auto running = std::make_shared<RemoveRecorder>();
+  t.runtime->removeGameList({"a1", "a2", "a3", "a4"}, running);
+  t.runtime->done();
+  const Events after = snapshot();
+  DrainMainQueue();
+  EXPECT_EQ(snapshot(), after);
+  EXPECT_EQ(running->size(), 0u);
 }
 
 }  // namespace
