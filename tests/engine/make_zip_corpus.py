@@ -20,6 +20,7 @@ import stat
 import struct
 import subprocess
 import sys
+import warnings
 import zipfile
 import zlib
 
@@ -205,6 +206,12 @@ def refused_whole():
                 z.writestr(zipfile.ZipInfo("d/" * level), "")
             z.writestr("d/" * depth + "leaf.txt", "leaf")
         row(f"nested-{depth}.zip", expected)
+    # A name stored twice leaves the later entry, as extracting in archive order does.
+    with warnings.catch_warnings(), zipfile.ZipFile(f"{OUT}/duplicate-name.zip", "w") as z:
+        warnings.simplefilter("ignore")  # zipfile warns of the duplicate it is asked to write
+        z.writestr("a.txt", "early")
+        z.writestr("a.txt", "the later entry, longer than the early one")
+    row("duplicate-name.zip")
 
 
 def encrypted_directory():

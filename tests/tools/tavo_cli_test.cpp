@@ -34,7 +34,8 @@ TEST_F(TavoCli, GameCycleAcrossInvocationsWithTrace) {
 
   EXPECT_EQ(trace({"install", "--app", "g", "--version", "1", "--package", package}).events(),
             (Names{"onInitializeSuccess", "onInstallStart", "onInstallSuccess"}));
-  EXPECT_EQ(tavo({"check", "--app", "g", "--version", "1"}).status, 0);
+  EXPECT_EQ(trace({"check", "--app", "g", "--version", "1"}).events(),
+            (Names{"onInitializeSuccess", "onCheckVersionStart", "onCheckVersionSuccess"}));
 
   EXPECT_EQ(
       trace({"run", "--app", "g", "--version", "1"}).events(),
@@ -87,6 +88,7 @@ TEST_F(TavoCli, PlainOutputFailuresAndUsage) {
            {{"sweep", "--keep-minutes", "0"}, "ZM_KEY_CHECK_FILE_KEEP_TIME"},
            {{"config", "--app", "g"}, "no installed configuration for g"},
            {{"set-data", "--app", "g", "--auth", "camera"}, "expected NAME=VALUE"},
+           {{"set-data", "--app", "g", "--auth", "camera=on"}, "camera=on is not a number"},
            {{"plugin", "check", "--provider", "p", "--version", "1.0"}, "plugin config no exist"},
            {{"plugin", "remove", "--provider", "p"}, "give --provider and --version"},
        }) {

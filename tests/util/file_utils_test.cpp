@@ -98,6 +98,8 @@ TEST_F(ZMFileUtilsTest, ReadersRequireStrictUTF8AndJSONContainers) {
     EXPECT_EQ(ZMFileUtils::readStringFromFile(dir / "bad"), std::nullopt);
   }
   EXPECT_EQ(ZMFileUtils::readStringFromFile(dir.path()), std::nullopt);  // a directory
+  // A file that opens but cannot be read: this process's memory at address 0.
+  EXPECT_EQ(ZMFileUtils::readStringFromFile("/proc/self/mem"), std::nullopt);
   EXPECT_EQ(log.startingWith("read file error: Error Domain=NSCocoaErrorDomain Code=261 ").size(),
             std::size(invalid));
 
@@ -118,8 +120,13 @@ TEST_F(ZMFileUtilsTest, ReadersRequireStrictUTF8AndJSONContainers) {
   EXPECT_EQ(
       log.startingWith("read json file error: Error Domain=NSCocoaErrorDomain Code=3840 ").size(),
       std::size(bad));
-  // One line for each bad file, the directory and the FIFO's two reads; none for good reads.
-  EXPECT_EQ(log.lines().size(), std::size(invalid) + 1 + std::size(bad) + 2);
+  // One line for each bad file, the directory, the memory file and the FIFO's two reads; none
+  // for good reads.
+  EXPECT_EQ(log.lines().size(), std::size(invalid) + 2 + std::size(bad) + 2);
+  EXPECT_EQ(log.startingWith("read file error: Error Domain=NSCocoaErrorDomain Code=256 \"Could "
+                             "not read “/proc/self/mem”: Input/output error\"")
+                .size(),
+            1u);
 }
 
 TEST_F(ZMFileUtilsTest, DirectoriesAreMadeCheckedOrRefused) {
