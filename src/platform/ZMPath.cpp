@@ -21,13 +21,6 @@ std::string ZMLastPathComponent(std::string_view path) {
   return std::string(path.substr(slash + 1));
 }
 
-std::string ZMPathExtension(std::string_view path) {
-  const std::string last = ZMLastPathComponent(path);
-  const auto dot = last.rfind('.');
-  if (dot == std::string::npos || dot == 0) return {};
-  return last.substr(dot + 1);
-}
-
 double ZMNow() {
   using namespace std::chrono;
   return duration<double>(system_clock::now().time_since_epoch()).count();

@@ -6,8 +6,6 @@
 // Path text helpers with Foundation's rules: one separator between components, no trailing
 // separator.
 std::string ZMPathJoin(std::string_view base, std::string_view component);
-// The part after the last "." of the last component; empty when there is none.
-std::string ZMPathExtension(std::string_view path);
 std::string ZMLastPathComponent(std::string_view path);
 // Seconds since 1970, with fractions.
 double ZMNow();

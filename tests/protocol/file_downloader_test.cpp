@@ -358,17 +358,13 @@ TEST(ZMURLSession, OnlyDownloadFilesNobodyHoldsAreSweptAsStale) {
   TempDir dir;
   const std::string tmp = dir.path();
   // Temporary download files go after a minute, partial downloads kept for resuming after a day.
-  for (const auto& [name, age] :
-       std::vector<std::pair<std::string, double>>{{"tavo-download-dead01", 3600},
-                                                   {"tavo-download-live01", 3600},
-                                                   {"tavo-download-new001", 0},
-                                                   {"tavo-download-toolong", 3600},
-                                                   {"game.1.zgp", 3600},
-                                                   {"a.zgp.partial", 90000},
-                                                   {"a.zgp.partial.json", 90000},
-                                                   {"b.zgp.partial", 80000},
-                                                   {"b.zgp.partial.json", 90000},
-                                                   {"c.zgp.partial", 90000}}) {
+  const std::vector<std::pair<std::string, double>> files = {
+      {"tavo-download-dead01", 3600}, {"tavo-download-live01", 3600},
+      {"tavo-download-new001", 0},    {"tavo-download-toolong", 3600},
+      {"game.1.zgp", 3600},           {"a.zgp.partial", 90000},
+      {"a.zgp.partial.json", 90000},  {"b.zgp.partial", 80000},
+      {"b.zgp.partial.json", 90000},  {"c.zgp.partial", 90000}};
+  for (const auto& [name, age] : files) {
     WriteFile(tmp + "/" + name, "x");
     SetAgeSeconds(tmp + "/" + name, age);
   }

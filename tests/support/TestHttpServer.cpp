@@ -17,14 +17,6 @@ TestHttpServer::Handler TestHttpServer::counted(Handler handler) {
   };
 }
 
-void TestHttpServer::Get(const std::string& pattern, Handler handler) {
-  server_->Get(pattern, counted(std::move(handler)));
-}
-
-void TestHttpServer::Post(const std::string& pattern, Handler handler) {
-  server_->Post(pattern, counted(std::move(handler)));
-}
-
 void TestHttpServer::start() {
   // Idle keep-alive connections hold up stop() for this long.
   server_->set_keep_alive_timeout(1);

@@ -27,8 +27,8 @@ class TestHttpServer {
   TestHttpServer(const TestHttpServer&) = delete;
   TestHttpServer& operator=(const TestHttpServer&) = delete;
 
-  void Get(const std::string& pattern, Handler handler);
-  void Post(const std::string& pattern, Handler handler);
+  void Get(const std::string& path, Handler h) { server_->Get(path, counted(std::move(h))); }
+  void Post(const std::string& path, Handler h) { server_->Post(path, counted(std::move(h))); }
   void start();
   void stop();
 

@@ -8,19 +8,20 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 
 namespace {
 
 // The value of a request header (names compare case-insensitively), or "".
 std::string header(const std::string& head, const std::string& name) {
-  std::string lower = head;
-  std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
-  std::string key = "\r\n" + name + ":";
-  std::transform(key.begin(), key.end(), key.begin(), ::tolower);
-  const auto at = lower.find(key);
-  if (at == std::string::npos) return "";
-  auto start = at + key.size();
+  const std::string key = "\r\n" + name + ":";
+  const auto same = [](unsigned char a, unsigned char b) {
+    return std::tolower(a) == std::tolower(b);
+  };
+  const auto at = std::search(head.begin(), head.end(), key.begin(), key.end(), same);
+  if (at == head.end()) return "";
+  auto start = static_cast<size_t>(at - head.begin()) + key.size();
   while (start < head.size() && head[start] == ' ') ++start;
   return head.substr(start, head.find("\r\n", start) - start);
 }

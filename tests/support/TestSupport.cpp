@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <latch>
 #include <memory>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "platform/ZMGlobalQueue.h"
@@ -76,9 +76,8 @@ bool LogCapture::contains(const std::string& line) const {
 std::vector<std::string> LogCapture::startingWith(const std::string& prefix) const {
   std::lock_guard lock(mutex_);
   std::vector<std::string> out;
-  for (const auto& line : lines_) {
-    if (line.rfind(prefix, 0) == 0) out.push_back(line);
-  }
+  std::ranges::copy_if(lines_, std::back_inserter(out),
+                       [&](auto& l) { return l.starts_with(prefix); });
   return out;
 }
 
@@ -89,12 +88,8 @@ bool RunUntil(const std::function<bool()>& done, std::chrono::milliseconds timeo
 void DrainMainQueue() {
   // Background blocks may still be posting; run until nothing arrived for a quiet period.
   for (int idle = 0; idle < 20;) {
-    if (ZMMainQueue::poll() == 0) {
-      ++idle;
-      ZMMainQueue::runUntil([] { return false; }, std::chrono::milliseconds(5));
-    } else {
-      idle = 0;
-    }
+    idle = ZMMainQueue::poll() == 0 ? idle + 1 : 0;
+    if (idle > 0) ZMMainQueue::runUntil([] { return false; }, std::chrono::milliseconds(5));
   }
 }
 
@@ -107,9 +102,7 @@ void WriteFile(const std::string& path, const std::string& data) {
 
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 bool Exists(const std::string& path) {
@@ -120,21 +113,18 @@ bool Exists(const std::string& path) {
 std::vector<std::string> ListDir(const std::string& path) {
   std::vector<std::string> names;
   std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(path, ec)) {
-    names.push_back(entry.path().filename().string());
-  }
+  for (const auto& entry : fs::directory_iterator(path, ec))
+    names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }
 
 void SetAgeSeconds(const std::string& path, double secondsAgo) {
-  struct timespec now {};
+  timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
-  const double when = static_cast<double>(now.tv_sec) + now.tv_nsec / 1e9 - secondsAgo;
-  struct timespec times[2];
-  times[0].tv_sec = times[1].tv_sec = static_cast<time_t>(when);
-  times[0].tv_nsec = times[1].tv_nsec =
-      static_cast<long>((when - static_cast<double>(static_cast<time_t>(when))) * 1e9);
+  const int64_t when = now.tv_sec * 1000000000LL + now.tv_nsec - int64_t(secondsAgo * 1e9);
+  const timespec times[2] = {{when / 1000000000, when % 1000000000},
+                             {when / 1000000000, when % 1000000000}};
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
 }
 
