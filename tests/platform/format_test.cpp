@@ -16,8 +16,9 @@ TEST(ZMFormat, ObjectsNullsRealsPercentAndWhereLogLinesGo) {
             "[(null)] [(null)] [(null)] [(null)]");
   EXPECT_EQ(ZMFormat("%@ and %@", {"one"}), "one and (null)");  // a missing argument
 
-  const ZMError error("game not installed", -1);
-  EXPECT_EQ(ZMFormat("error: %@", {error}), "error: " + error.description());
+  EXPECT_EQ(ZMFormat("error: %@", {ZMError("game not installed", -1, ZMValue::object())}),
+            "error: Error Domain=game not installed Code=-1 \"The operation couldn\u2019t be "
+            "completed. (game not installed error -1.)\"");  // no empty UserInfo
   EXPECT_EQ(ZMFormat("%@", {ZMException(kZMInvalidArgumentException, "bad")}), "bad");
   EXPECT_EQ(ZMFormat("%@", {ZMException("ZimoRuntime error", std::nullopt)}), "ZimoRuntime error");
 
