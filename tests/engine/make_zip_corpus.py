@@ -50,7 +50,7 @@ def make_tree():
     put("game.config.json", b'{"deviceOrientation": "landscape"}\n')
     put("index.html", b"<script src=js/main.js></script>\n")
     put("js/main.js", b"console.log('main');\n" * 400)
-    put("img/logo.png", os.urandom(40 * 1024))
+    put("img/logo.png", os.urandom(320 * 1024))  # past one 256 KiB read when compressed
     put("data/levels.json", lines)  # large enough to be streamed, not read whole
     put("bin/launch.sh", b"#!/bin/sh\nexec true\n", 0o755)
     put("empty.txt", b"")
