@@ -281,8 +281,8 @@ TEST_F(ZMSingleThreadFileDownloaderTest, AResumedDownloadContinuesWhileTheServer
            {"file changed", cutOnce({.etag = "v2"}), 3, "success", asked(100000), 100000 + size},
            {"ranges ignored", cutOnce({.ranges = false}), 3, "success", asked(100000),
             100000 + size},
-           {"range refused", cutOnce({.refuseRange = 416}), 3, "failure:416|416", asked(100000),
-            100000},
+           {"range refused", cutOnce({.cutAt = 0, .status = "416 Refused", .length = "0"}), 3,
+            "failure:416|416", asked(100000), 100000},
            {"no validator", noValidator, 3, failed, asked(), 100000},
            {"resumption off", cutOnce({}), 0, failed, asked(), 100000},
        }) {

@@ -209,6 +209,7 @@ class ZMGameRuntimeLaunch : public ::testing::Test {
 TEST_F(ZMGameRuntimeLaunch, LaunchFailuresComeSynchronouslyWithTheirTexts) {
   const Events noVersion = {"onRunFailure:missing run option: ZM_KEY_RUN_OPT_VERSION|-1"};
   for (const ZMValue& v : {ZMValue(""), ZMValue(1)}) EXPECT_EQ(failedLaunch(v), noVersion);
+  EXPECT_EQ(failedLaunch(".."), Events{"onRunFailure:invalid version: ..|-1"});
   EXPECT_FALSE(Exists(t.app() + "/g1")) << "nothing is touched before the version is known";
 
   // A version never installed: its directory is made, empty, and the game is not installed.

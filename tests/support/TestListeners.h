@@ -86,7 +86,6 @@ class EventLog {
   std::vector<std::thread::id> threads_;
 };
 
-// The package downloader's listener: every callback, the progress pairs and the error.
 struct FileRecorder : ZMOnFileDownloadListener, EventLog {
   std::vector<std::pair<int64_t, int64_t>> progress;
   std::optional<ZMError> error;

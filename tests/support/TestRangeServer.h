@@ -20,8 +20,7 @@ class TestRangeServer {
     int64_t cutAt = -1;       // the connection breaks before this byte of the file; -1: never
     std::string etag = "v1";  // sent quoted; empty: no validator at all
     bool ranges = true;       // false: Range is ignored (the whole file, 200)
-    int refuseRange = 0;      // a status (416) answering every Range request
-    std::string status = "";  // the status line's code and text when not 200 or 206
+    std::string status = "";  // the status line's code and text instead of 200 or 206
     std::string length = "";  // the Content-Length declared instead of the true one
     bool reset = false;       // the cut resets the connection (RST) instead of closing it
   };

@@ -209,9 +209,7 @@ TEST_F(TavoServe, QueriesRangesAndThePluginCycleAgainstOneDirectory) {
     ASSERT_TRUE(reply) << range;
     EXPECT_EQ(reply->status, status) << range;
     EXPECT_EQ(reply->get_header_value("Content-Range"), contentRange) << range;
-    if (status != 416) {
-      EXPECT_EQ(reply->body, body.substr(first, length)) << range;
-    }
+    EXPECT_TRUE(status == 416 || reply->body == body.substr(first, length)) << range;
   }
 
   // `tavo plugin` against it, as the fallback when the primary cannot be reached.
