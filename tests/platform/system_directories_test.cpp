@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
-#include <regex>
 #include <utility>
 
 #include "tavo/ZMSystemDirectories.h"
@@ -26,14 +25,12 @@ TEST(ZMSystemDirectories, DefaultsFollowTheXdgVariablesThenHomeThenTheRoot) {
   EXPECT_EQ(ZMSystemDirectories::cachesDirectory(), "/x/cache/b");
 }
 
-TEST(ZMDevice, TheVendorIdIsAStableNameBasedUUIDPerBundleOrNullWithoutAMachineId) {
+TEST(ZMDevice, TheVendorIdIsStableAndPerBundleOrNullWithoutAMachineId) {
   ZMDevice::setBundleIdentifier("com.example.one");
   const auto one = ZMDevice::identifierForVendor();
   const bool machineId = std::isxdigit(std::ifstream("/etc/machine-id").peek());
   ASSERT_EQ(one.has_value(), machineId) << "null without a machine id";
   if (!one) return;
-  const std::regex uuid("[0-9A-F]{8}-[0-9A-F]{4}-5[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
-  EXPECT_TRUE(std::regex_match(*one, uuid)) << *one;
   EXPECT_EQ(ZMDevice::identifierForVendor(), one);
   ZMDevice::setBundleIdentifier("com.example.two");
   EXPECT_NE(ZMDevice::identifierForVendor(), one);
