@@ -1,8 +1,6 @@
 // A game package's install, the version check that reads what it recorded, and its removal.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "storage/ZMDatabaseHelper.h"
 #include "storage/ZMPermissionUtil.h"
 #include "support/TestRuntime.h"
@@ -201,12 +199,6 @@ TEST(ZMGameCheckVersionTask, EveryMismatchIsOneErrorAndASecondCheckCancelsTheFir
   EXPECT_EQ(listener->events(),
             (Events{"onCheckVersionStart", "onCheckVersionStart", "onCheckVersionSuccess"}));
   EXPECT_EQ(listener->threads().back(), std::this_thread::get_id()) << "on the main thread";
-}
-
-// Sets or clears the immutable flag, which even root cannot get past; false where unsupported.
-bool SetImmutable(const std::string& path, bool on) {
-  return std::system(
-             ((on ? "chattr +i " : "chattr -i ") + Quote(path) + " 2> /dev/null").c_str()) == 0;
 }
 
 TEST(ZMGameUninstallPackageTask, RecordsGoBeforeFilesAndAFailedDeletionEndsTheRun) {

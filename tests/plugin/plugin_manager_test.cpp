@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <tuple>
@@ -150,11 +149,11 @@ TEST_F(ZMPluginManagerTest, RemovesInOrderAndStopsAtTheFirstBadOrUnsafeItem) {
   // A plug-in whose directory cannot be deleted ends the run, named by its directory.
   const std::string pinned = t.plugin() + "/good_1/pinned";
   WriteFile(pinned, "x");
-  if (std::system(("chattr +i " + Quote(pinned) + " 2> /dev/null").c_str()) == 0) {
+  if (SetImmutable(pinned, true)) {
     auto stuck = std::make_shared<PluginRemoveRecorder>();
     manager()->removePluginList(ZMValue::array({good}), stuck);
     EXPECT_TRUE(RunUntil([&] { return stuck->size() == 2; }));
-    EXPECT_EQ(std::system(("chattr -i " + Quote(pinned)).c_str()), 0);
+    EXPECT_TRUE(SetImmutable(pinned, false));
     EXPECT_EQ(stuck->events(),
               (Events{"start:good", "failure:" + t.plugin() + "/good_1 delete failure|0"}));
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -70,6 +71,12 @@ inline std::string Quote(const std::string& arg) {
   std::string quoted = "'";
   for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return quoted + "'";
+}
+
+// Sets or clears the immutable flag, which even root cannot get past; false where unsupported.
+inline bool SetImmutable(const std::string& path, bool on) {
+  return std::system(
+             ((on ? "chattr +i " : "chattr -i ") + Quote(path) + " 2> /dev/null").c_str()) == 0;
 }
 
 // File helpers.

@@ -65,7 +65,10 @@ struct Result {
     return lines;
   }
   // The last line (null without one).
-  ZMValue last() const { return json().empty() ? ZMValue() : json().back(); }
+  ZMValue last() const {
+    const auto lines = json();
+    return lines.empty() ? ZMValue() : lines.back();
+  }
   Names events() const {
     Names names;
     for (const auto& line : json()) names.push_back(line.value("event", ""));
