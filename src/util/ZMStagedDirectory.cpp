@@ -52,7 +52,9 @@ void ZMStagedDirectory::removeLeftovers(const std::string& destination) {
   const auto slash = destination.rfind('/');
   if (slash == std::string::npos) return;
   const std::string parent = destination.substr(0, slash);
-  const std::string prefix = "." + ZMLastPathComponent(destination) + "." + kTag + "-";
+  // Appended piece by piece: GCC 12 at -O3 warns falsely (-Wrestrict) on "." + std::string.
+  std::string prefix = ".";
+  prefix += ZMLastPathComponent(destination) + "." + kTag + "-";
   const auto names = ZMFileManager::contentsOfDirectory(parent, nullptr);
   if (!names) return;
   const double now = ZMNow();
